@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string>
+
+// Paths and folders of this machine. Implemented in korv/system/filesystem.cpp.
+
+// True when `path` is an existing directory, a symbolic link to one included. False also when it can't be
+// read.
+bool IsExistDir(const std::string& path);
+
+// `path` without its last component and without a trailing slash: "/volume1/rec" gives "/volume1", "/rec"
+// gives "". A path without a slash gives "". Pure text: nothing is read from the disk.
+std::string GetDirPath(const std::string& path);

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+// What an application library registers with the host process that loaded it, so that the NAS side stays
+// below the application. A module library may export `extern "C" void OnModuleLoaded()`; it is called once
+// per worker, after the fork and before the first request. Implemented in korv/framework/host.cpp.
+namespace KORV {
+
+// Part of GET /healthz: returns an empty text when all is well, else what is wrong (for the log, not for
+// clients).
+void RegisterHealthCheck(const std::string& name, std::function<std::string()> check);
+
+// Judges a peer's pairing key over a stamp; used for requests on the peer pool.
+void RegisterPairCheck(std::function<bool(const std::string& pairKey, const std::string& stamp)> check);
+
+}  // namespace KORV

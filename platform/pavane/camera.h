@@ -1,0 +1,43 @@
+#pragma once
+
+#include <list>
+#include <string>
+
+// Cameras that record into the shares. Implemented in pavane/recorder/camera.cpp.
+
+// A camera as registered with the application. A value type.
+class Camera {
+public:
+    Camera();
+
+    int GetId() const;
+    // The recording server that owns the camera; 0 = this server.
+    int GetOwnerRvId() const;
+    // Absolute path of the camera's own recording folder, "<share path>/<camera folder>"; empty when it has
+    // none. Valid as long as the camera.
+    const std::string& GetStoragePath() const;
+
+private:
+    friend struct CameraAccess;  // the platform's own way to the fields
+
+    int m_id = 0;
+    int m_ownerRvId = 0;
+    std::string m_storagePath;
+};
+
+// Restricts a camera list. A rule as constructed restricts nothing.
+struct CamFilterRule {
+    static constexpr int kAnyRv = -1;
+
+    // The recording server that owns the cameras: kAnyRv, 0 for this server, or an id.
+    int ownerRvId = kAnyRv;
+};
+
+// The cameras that `filter` admits, by ascending id.
+//   count       out, the number of cameras that the filter admits
+//   withStatus  true: also ask each camera for its present state (not used here; slow)
+// On failure an empty list and count 0. One query, by index.
+std::list<Camera> CamGetList(const CamFilterRule& filter, int& count, bool withStatus);
+
+// The recording server that owns the camera `camId`: 0 for this server, -1 when there is no such camera.
+int GetCamOwnerRvId(int camId);

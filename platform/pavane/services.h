@@ -1,0 +1,25 @@
+#pragma once
+
+#include <list>
+#include <string>
+
+#include <json/json.h>
+
+// The rest of the application and of the NAS that follows a change of shares. Implemented in
+// pavane/recorder/.
+
+// True when the recorder application runs (is installed, started and not being updated).
+bool IsPVRunning();
+
+// Tells the NAS's backup configuration which shared folders the application has started and stopped using.
+// Folder names, not paths. Failures are logged.
+void UpdateBackupInfo(const std::list<std::string>& added, const std::list<std::string>& removed);
+
+// What the NAS knows about the local shared folder `name`: 0 on success, -1 otherwise (`info` is unchanged).
+//   info  out: object with "fs_type" (int, _tag_FSTYPE), "vol_size_mb" (unsigned 64-bit, size of its volume),
+//         "is_share_moving" (bool) and "encryption" (int, SHARE_ENC_TYPE)
+int GetLocalShareExtraInfo(const std::string& name, Json::Value& info);
+
+// Keeps the application's service links in step with the shared folder `name` (a folder name, not a path).
+// Failures are logged.
+void CheckToUpdatePVServiceLink(const std::string& name);
