@@ -190,13 +190,13 @@ HttpAnswer ServeHealth() {
 }
 
 HttpAnswer Dispatch(Pool pool, const HttpRequest& http) {
-    if (http.target == "webapi") {
+    if (http.target == (pool == Pool::kPublic ? "/webapi" : "/peer")) {
         return ServeWebApi(pool, http);
     }
-    if (http.target == "events" && pool == Pool::kPublic) {
+    if (http.target == "/events" && pool == Pool::kPublic) {
         return ServeEvents(http);
     }
-    if (http.target == "healthz" && pool == Pool::kPublic) {
+    if (http.target == "/healthz" && pool == Pool::kPublic) {
         return ServeHealth();
     }
     return Refusal(kStatusNotFound, kErrorMalformed);

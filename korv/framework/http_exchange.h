@@ -13,7 +13,7 @@ inline constexpr long kMaxBodyBytes = 1L << 20;     // a JSON request
 inline constexpr long kMaxUploadBytes = 10L << 20;  // a request with files
 
 struct HttpRequest {
-    std::string target;  // "webapi", "events" or "healthz"; nginx names it
+    std::string target;  // path of the request, e.g. "/webapi"
     std::string method;
     std::string contentType;
     std::string cookies;

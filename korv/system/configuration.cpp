@@ -28,8 +28,9 @@ constexpr int kMaxWorkers = 256;
 // Reads the members of one mapping and, at the end, refuses those that nobody asked for.
 class Mapping {
 public:
-    Mapping(const YAML::Node& node, std::string prefix) : m_node(node), m_prefix(std::move(prefix)) {
-        if (node.IsDefined() && !node.IsNull() && !node.IsMap()) {
+    Mapping(const YAML::Node& node, std::string prefix)
+        : m_node(node.IsDefined() ? node : YAML::Node()), m_prefix(std::move(prefix)) {
+        if (!m_node.IsNull() && !m_node.IsMap()) {
             throw std::runtime_error(
                 "configuration: " + (m_prefix.empty() ? "the file" : "'" + m_prefix + "'") +
                 " must be a mapping of keys to values");
