@@ -88,7 +88,7 @@ const Row kRows[] = {
     {"Probe::Action", kCall, "flags target data",
      R"({"returns": 0, "error": [], "relayRequest": null, "rvIds": [], "requestByRv": {}, "stopOnHostError": false, "data": null})",
      kNever},
-    {"Probe::PreCheck", kCall, "flags", R"({"returns": 0, "error": []})", kNever},
+    {"Probe::PreCheck", kCall, "flags", R"({"returns": 0, "error": [], "clear": []})", kNever},
     {"Probe::PostStep", kCall, "flags target ok", R"({"returns": 0, "error": []})", kNever},
 };
 

@@ -51,12 +51,14 @@ Json::Value Complete(const Json::Value& fields, Json::Value sample) {
     return sample;
 }
 
-bool SameKind(const Json::Value& value, const Json::Value& sample) {
-    return sample.isIntegral() && !sample.isBool() ? value.isIntegral() && !value.isBool()
-                                                   : value.type() == sample.type();
-}
-
 }  // namespace
+
+bool IsSameKind(const Json::Value& value, const Json::Value& sample) {
+    const auto isWhole = [](const Json::Value& number) {
+        return number.type() == Json::intValue || number.type() == Json::uintValue;
+    };
+    return value.type() == sample.type() || (isWhole(value) && isWhole(sample));
+}
 
 Json::Value RecShareSample() {
     constexpr int kDefaultRecLimitGB = 100;
@@ -102,7 +104,7 @@ std::string CheckRecord(const Json::Value& fields, const Json::Value& sample) {
         if (!sample.isMember(name)) {
             return "a record has no field '" + name + "'";
         }
-        if (!SameKind(fields[name], sample[name])) {
+        if (!IsSameKind(fields[name], sample[name])) {
             return "field '" + name + "' has a value of the wrong type";
         }
     }

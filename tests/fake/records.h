@@ -20,6 +20,9 @@ void FillRecShare(RecShare& share, const Json::Value& fields);
 Camera ToCamera(const Json::Value& fields);
 SlaveRV ToSlaveRV(const Json::Value& fields);
 
+// True when both are of one JSON type; whole numbers are one type, signed or not.
+bool IsSameKind(const Json::Value& value, const Json::Value& sample);
+
 // Empty when `fields` may stand for a record like `sample`, else what is wrong with it.
 std::string CheckRecord(const Json::Value& fields, const Json::Value& sample);
 
