@@ -10,23 +10,25 @@ from private_node.volumes import VOLUMES
 INSIDE = "/srv/pavane"
 
 
-def write(folder, build, address, port, database):
-    """Writes `folder`/pavane.yaml; the paths in it are those seen from inside the node."""
+def write(options):
+    """Writes pavane.yaml into the state folder; the paths in it are those seen from inside the node."""
+    modules = [f"{options.build}/lib/share.so", f"{options.build}/lib/pavane_api.so", *options.module]
     lines = [
         f"state_dir: {INSIDE}/state",
         f"run_dir: {INSIDE}/run",
         f"log_dir: {INSIDE}/log",
         f"service_user: {accounts.SERVICE_USER}",
         f"volumes: [{', '.join(VOLUMES)}]",
-        f'database: "{database}"',
+        f'database: "{options.database}"',
         f"samba_include: {INSIDE}/state/samba-shares.conf",
         "modules:",
-        f"  - {build}/lib/share.so",
-        f"  - {build}/lib/pavane_api.so",
-        f"listen: {address}:{port}",
+        *(f"  - {module}" for module in modules),
+        f"listen: {options.address}:{options.port}",
     ]
-    path = os.path.join(folder, "pavane.yaml")
-    with open(path, "w", encoding="utf-8") as file:
+    if options.settings:
+        with open(options.settings, encoding="utf-8") as file:
+            lines.append(file.read())
+    with open(os.path.join(options.state, "pavane.yaml"), "w", encoding="utf-8") as file:
         file.write("\n".join(lines) + "\n")
 
 
