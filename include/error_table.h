@@ -46,6 +46,15 @@ inline constexpr ErrorTableRow kErrorTable[] = {
     {"KORV.Core.Share", 3328, "The encryption was refused.",
      "Check the password, and whether the volume can hold encrypted folders."},
 
+    {"KORV.Pavane.Camera", 400, "The cameras could not be stored or read.",
+     "Look into pavane.log on the server for the reason."},
+    {"KORV.Pavane.Event", 400, "The events could not be read.",
+     "Look into pavane.log on the server for the reason."},
+    {"KORV.Pavane.Log", 400, "The log configuration could not be read or changed.",
+     "Look into pavane.log on the server for the reason."},
+    {"KORV.Pavane.Service", 400, "The service links or backup folders could not be read.",
+     "Look into pavane.log on the server for the reason."},
+
     {"KORV.Pavane.Share", 400,
      "An operation of the application failed: its database, a file or a server's record.",
      "Look into pavane.log on the server for the reason."},
