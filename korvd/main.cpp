@@ -30,8 +30,13 @@ int RunDaemon() {
     const PidFile pidFile(settings.node.runDir + "/korvd.pid");
     PrepareFolders(settings);
     korv::OpenLog(settings.node.logDir + "/korvd.log");
-    Supervisor supervisor(settings);
-    return supervisor.Run();
+    try {
+        Supervisor supervisor(settings);
+        return supervisor.Run();
+    } catch (const std::exception& error) {
+        korv::LogLine(error.what());
+        throw;
+    }
 }
 
 }  // namespace
@@ -53,7 +58,6 @@ int main(int argc, char** argv) {
                      "       korvd --print-errors  print the reference page of error codes\n";
         return kUsageError;
     } catch (const std::exception& error) {
-        korv::LogLine(error.what());
         std::cerr << "korvd: " << error.what() << '\n';
         return EXIT_FAILURE;
     }

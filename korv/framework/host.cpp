@@ -39,10 +39,10 @@ std::string korv::FailedHealthCheck() {
         try {
             const std::string problem = check();
             if (!problem.empty()) {
-                return name + ": " + problem;
+                return std::string(name).append(": ").append(problem);
             }
         } catch (const std::exception& error) {
-            return name + ": " + error.what();
+            return std::string(name).append(": ").append(error.what());
         }
     }
     return {};

@@ -1,5 +1,6 @@
 #include "korv/framework/password_check.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -83,6 +84,13 @@ private:
     int m_status = PAM_SUCCESS;
 };
 
+// Names that no account can have never reach PAM, nor the system's log through it.
+bool IsUsableName(const std::string& account) {
+    constexpr std::size_t kLongest = 255;
+    return !account.empty() && account.size() <= kLongest &&
+           std::none_of(account.begin(), account.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; });
+}
+
 std::optional<std::string> AskPam(const std::string& account, const std::string& password,
                                   const std::string& remoteIp) {
     const RunAsScope root = IF_RUN_AS;
@@ -101,8 +109,8 @@ std::optional<std::string> AskPam(const std::string& account, const std::string&
 std::optional<std::string> CheckPassword(const std::string& account, const std::string& password,
                                          const std::string& remoteIp) {
     const auto start = std::chrono::steady_clock::now();
-    const std::optional<std::string> name =
-        account.empty() ? std::nullopt : AskPam(account, password, remoteIp);
+    std::optional<std::string> name =
+        IsUsableName(account) ? AskPam(account, password, remoteIp) : std::nullopt;
     if (!name) {
         // An unknown account is refused sooner than a wrong password; answers go out at whole steps only.
         const auto steps = (std::chrono::steady_clock::now() - start) / kRefusalStep + 1;

@@ -1,7 +1,6 @@
 #include "platform/korv/process_environment.h"
 
 #include <sched.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -19,12 +18,8 @@ constexpr const char* kDualAuthVariable = "PAV_DUAL_AUTH";
 const cpu_set_t& InitialSet() {
     static const cpu_set_t initial = [] {
         cpu_set_t set;
-        CPU_ZERO(&set);
         if (sched_getaffinity(0, sizeof set, &set) != 0) {
-            const long processors = sysconf(_SC_NPROCESSORS_CONF);
-            for (int cpu = 0; cpu < processors && cpu < CPU_SETSIZE; ++cpu) {
-                CPU_SET(cpu, &set);
-            }
+            std::memset(&set, 0xFF, sizeof set);  // the kernel takes those that exist
         }
         return set;
     }();

@@ -82,7 +82,7 @@ bool ReadRequest(const FCGX_Request& fcgi, HttpRequest& request) {
 void WriteAnswer(const FCGX_Request& fcgi, const HttpAnswer& answer) {
     std::string head = "Status: " + std::to_string(answer.status) + "\r\n";
     for (const auto& [name, value] : answer.headers) {
-        head += name + ": " + value + "\r\n";
+        head.append(name).append(": ").append(value).append("\r\n");
     }
     head += "\r\n";
     FCGX_PutStr(head.data(), static_cast<int>(head.size()), fcgi.out);
