@@ -42,6 +42,8 @@ create table share (
     created_s         integer not null
 ) without rowid;
 
+create unique index share_name on share (name);
+
 -- Journal of shares being created. A row is written before the folder is made and goes away in the transaction
 -- that writes the share's row; one whose maker is dead is finished or undone (share_recovery.h).
 --   maker_*  the process that creates: id, start time in clock ticks since boot, boot id. Id 0 = given up
