@@ -28,7 +28,7 @@ using std::chrono::seconds;
 
 constexpr seconds kGoodLife(10);          // a child that lived so long is replaced without delay
 constexpr milliseconds kFirstDelay(100);  // doubled by every early death
-constexpr milliseconds kLongestDelay(10000);
+constexpr milliseconds kLongestDelay(2000);
 constexpr seconds kNginxStart(10);
 constexpr seconds kWorkersEnd(60);  // for the requests that they hold
 constexpr seconds kNginxEnd(5);
