@@ -110,5 +110,3 @@ def bind_files(folder):
     for name in (*_FILES, "pam.d"):
         if os.path.exists(f"/etc/{name}"):
             subprocess.run(["mount", "--bind", os.path.join(folder, name), f"/etc/{name}"], check=True)
-    if os.path.isdir("/run/nscd"):  # a name cache would answer with the machine's own accounts
-        subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/run/nscd"], check=True)
