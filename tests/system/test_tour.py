@@ -1,6 +1,7 @@
 """README.md and the guide print what the system really answers."""
 
 import os
+import select
 import subprocess
 
 import pytest
@@ -9,6 +10,7 @@ from console_blocks import Shell, commands_of, steady
 from node import BUILD, ROOT, Node
 
 _FOLLOW = "pavane event follow"
+_GREETING_DEADLINE_S = 30
 _FIRST_CREATION = "pavane share create"
 
 
@@ -18,6 +20,7 @@ class Follower:
     def __init__(self, command, folder, environment):
         self.process = subprocess.Popen(["bash", "-c", f"exec {command}"], cwd=folder, env=environment,
                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        assert select.select([self.process.stderr], [], [], _GREETING_DEADLINE_S)[0], f"{command} greets"
         self.greeting = self.process.stderr.readline()  # from here on it misses nothing
 
     def output(self):
