@@ -45,8 +45,7 @@ public:
 
     // Replaces `records` by the table's rows, in the database's order.
     //   condition, order, limit  texts appended to the statement one after another, unchanged; may be empty.
-    //   The
-    //                            caller quotes what they hold (PVDB::QuoteEscape) and starts them with a
+    //                            The caller quotes what they hold (PVDB::QuoteEscape) and starts them with a
     //                            blank
     // 0 on success; otherwise the database's result, and `records` is as it was. Blocks for one statement.
     int Enum(std::list<Record>& records, const std::string& condition, const std::string& order,

@@ -37,12 +37,10 @@ struct PVWebAPICache {
 // The frame of one request: who calls, what went wrong, what is answered, and the relay between servers.
 //   Handler    the class derived from this one
 //   Action     int (Handler::*)(CmsRelayParams&, CmsRelayTarget&, Json::Value&): prepares a relay (needRelay;
-//   0 =
-//              relay, -1 = act here, -2 = stop) or acts and fills the answer's data (0 = done)
+//              0 = relay, -1 = act here, -2 = stop) or acts and fills the answer's data (0 = done)
 //   PreCheck   int (Handler::*)(CmsRelayParams&): non-zero stops the request before anything runs
 //   PostStep   int (Handler::*)(CmsRelayParams&, CmsRelayTarget&, bool): told whether all went well; non-zero
-//   turns
-//              the answer into an error
+//              turns the answer into an error
 // One object per request, on the stack, used by one thread. Borrows the request and the response.
 template <class Handler, class Action, class PreCheck, class PostStep>
 class PVWebAPIHandler {
