@@ -2,13 +2,15 @@
 
 import json
 import os
+import re
 
 from private_node import accounts
 from private_node.volumes import VOLUMES
 
-# Where a node's state folder appears inside its mount namespace. A fixed, short path: the service user reaches it
-# wherever the folder really is (below /root, say), and socket paths stay within their limit.
+# Where a node's state folder and its build appear inside its mount namespace. Fixed, short paths: the service user
+# reaches them wherever the folders really are (below /root, say), and socket paths stay within their limit.
 INSIDE = "/srv/pavane"
+INSIDE_BUILD = "/srv/build"
 
 
 def _open_private(path, flags):
@@ -18,7 +20,8 @@ def _open_private(path, flags):
 
 def write(options):
     """Writes pavane.yaml into the state folder; the paths in it are those seen from inside the node."""
-    modules = [f"{options.build}/lib/share.so", f"{options.build}/lib/pavane_api.so", *options.module]
+    further = [re.sub(f"^{re.escape(options.build)}/", f"{INSIDE_BUILD}/", module) for module in options.module]
+    modules = [f"{INSIDE_BUILD}/lib/share.so", f"{INSIDE_BUILD}/lib/pavane_api.so", *further]
     lines = [
         f"state_dir: {INSIDE}/state",
         f"run_dir: {INSIDE}/run",

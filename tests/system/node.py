@@ -74,8 +74,7 @@ class Node:
     """One node; its state folder lives as long as the object's context."""
 
     def __init__(self, *options, settings=""):
-        self.folder = tempfile.mkdtemp(prefix="pavane-test.")
-        os.chmod(self.folder, 0o755)
+        self.folder = tempfile.mkdtemp(prefix="pavane-test.")  # closed to the service user, as a clone below /root is
         self.state = os.path.join(self.folder, "node")
         self.port = free_port()
         self.url = f"http://127.0.0.1:{self.port}"
