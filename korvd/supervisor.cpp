@@ -158,6 +158,18 @@ void Supervisor::StartWorker(Child& child) {
     });
 }
 
+// A machine short of processes must not end the whole node.
+void Supervisor::RestartWorker(Child& child) {
+    const bool isOfTheDead = child.isOfTheDead;
+    try {
+        StartWorker(child);
+    } catch (const std::system_error& error) {
+        korv::LogLine(std::string("a worker could not be started: ") + error.what());
+        child.isOfTheDead = isOfTheDead;
+        child.due = Clock::now() + kLongestDelay;
+    }
+}
+
 void Supervisor::StartDue() {
     for (Child& child : m_children) {
         if (child.pid != 0 || child.due > Clock::now()) {
@@ -166,7 +178,7 @@ void Supervisor::StartDue() {
         if (child.role == Role::kNginx) {
             RestartNginx(child);
         } else {
-            StartWorker(child);
+            RestartWorker(child);
         }
     }
 }

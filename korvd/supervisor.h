@@ -40,6 +40,7 @@ private:
     bool StartNginx(Child& child);
     void RestartNginx(Child& child);
     void StartWorker(Child& child);
+    void RestartWorker(Child& child);
     void StartDue();
     void Reap();
     void NoteDeath(Child& child, int status);

@@ -87,7 +87,8 @@ Json::Value Cameras(const World& world, int ownerRvId) {
 
 std::string WithoutLastComponent(const std::string& path) {
     const std::size_t slash = path.rfind('/');
-    return slash != std::string::npos ? path.substr(0, slash) : "";
+    const std::size_t end = slash == std::string::npos ? slash : path.find_last_not_of('/', slash);
+    return end == std::string::npos ? "" : path.substr(0, end + 1);
 }
 
 std::string Quoted(const std::string& text) {

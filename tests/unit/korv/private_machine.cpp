@@ -154,6 +154,7 @@ int machine::InChild(const std::function<int()>& work) {
 
 std::vector<int> machine::InChildren(int count, const std::function<int(int)>& work) {
     std::vector<pid_t> children;
+    children.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i) {
         children.push_back(Start([&work, i] { return work(i); }));
     }

@@ -156,6 +156,17 @@ TEST_F(ShareApiTest, RefusesEncryption) {
     EXPECT_TRUE(machine::Entries(machine::Volume()).empty());
 }
 
+// Puts the members of `changes` over those of `params`, also within objects.
+void Overlay(Json::Value& params, const Json::Value& changes) {
+    for (const auto& key : changes.getMemberNames()) {
+        if (changes[key].isObject() && params[key].isObject()) {
+            Overlay(params[key], changes[key]);
+        } else {
+            params[key] = changes[key];
+        }
+    }
+}
+
 TEST_F(ShareApiTest, RefusesParametersOfTheWrongType) {
     for (const char* change :
          {R"({"name": 5})", R"({"name": null})", R"({"shareinfo": "x"})", R"({"shareinfo": []})",
@@ -164,16 +175,7 @@ TEST_F(ShareApiTest, RefusesParametersOfTheWrongType) {
           R"({"shareinfo": {"desc": {}}})", R"({"shareinfo": {"encryption": "no"}})",
           R"({"shareinfo": {"advanceperm": 1}})"}) {
         Json::Value params = CreateParams("rec");
-        const Json::Value changes = Parse(change);
-        for (const auto& key : changes.getMemberNames()) {
-            if (changes[key].isObject()) {
-                for (const auto& inner : changes[key].getMemberNames()) {
-                    params[key][inner] = changes[key][inner];
-                }
-            } else {
-                params[key] = changes[key];
-            }
-        }
+        Overlay(params, Parse(change));
         EXPECT_EQ(Create(params), 101) << change;
     }
     EXPECT_EQ(Code(Call("KORV.Core.Share", "get", Parse(R"({"name": []})"))), 101);

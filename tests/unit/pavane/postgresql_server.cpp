@@ -38,6 +38,7 @@ std::string BinaryFolder() {
 // Runs the program as the server's user, its output in `log`.
 pid_t Start(std::vector<std::string> arguments, const std::string& log) {
     std::vector<char*> raw;
+    raw.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) {
         raw.push_back(argument.data());
     }
