@@ -39,5 +39,19 @@ struct CamFilterRule {
 // On failure an empty list and count 0. One query, by index.
 std::list<Camera> CamGetList(const CamFilterRule& filter, int& count, bool withStatus);
 
+// This server's cameras, by ascending id; the arguments narrow the list and are false or empty for all of
+// them.
+//   enabledOnly   only cameras that are switched on
+//   name, group   only cameras of that name or group
+//   withStatus    also ask each camera for its present state (slow)
+//   withDeleted   also cameras that are marked as removed
+// An empty list on failure.
+std::list<Camera> GetCamLocalList(bool enabledOnly, const std::string& name, const std::string& group,
+                                  bool withStatus, bool withDeleted);
+
+// Path of the file that exists while the camera's recordings are being moved; its key "srcDir" names the
+// camera's recording folder that they are moved out of.
+std::string GetRecMigrateTmpFilePath(int camId);
+
 // The recording server that owns the camera `camId`: 0 for this server, -1 when there is no such camera.
 int GetCamOwnerRvId(int camId);

@@ -117,5 +117,8 @@ private:
 // and, on a host, those kept for its recording servers. An empty list also on failure (the platform logs it).
 std::list<RecShare> LoadRecShareFromDB(int rvId);
 
+// Deletes the records with these ids, all or none; an id without a record is no failure. 0 on success.
+int DelRecShareById(const std::list<int>& ids);
+
 // The paths of the recording shares that the server `rvId` owns. Empty on failure.
 std::list<std::string> LoadRecSharePath(int rvId);

@@ -19,10 +19,13 @@ struct RelayMethod {
 
 constexpr LocalMethod kLocalMethods[] = {
     {"ListRecShare", &ShareHandler::HandleListRecShare},
+    {"CheckStorageMigrating", &ShareHandler::HandleCheckStorageMigrating},
 };
 
 constexpr RelayMethod kRelayMethods[] = {
     {"CreateRecShare", &ShareHandler::HandleCreateRecShare},
+    {"DelRecShare", &ShareHandler::HandleDelRecShare},
+    {"EditRecShare", &ShareHandler::HandleEditRecShare},
 };
 
 }  // namespace

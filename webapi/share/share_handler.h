@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <list>
+#include <map>
 #include <string>
 
 #include <json/json.h>
@@ -37,7 +38,10 @@ public:
     void HandleProcessRelay();
 
     void HandleListRecShare();
+    void HandleCheckStorageMigrating();
     int HandleCreateRecShare(CmsRelayParams& params, CmsRelayTarget& target, Json::Value& data);
+    int HandleEditRecShare(CmsRelayParams& params, CmsRelayTarget& target, Json::Value& data);
+    int HandleDelRecShare(CmsRelayParams& params, CmsRelayTarget& target, Json::Value& data);
 
     // Creates the shared folder `name` on the volume at `volPath` (with its leading slash). 0 or -1.
     int DoCreateShare(bool hidden, const std::string& name, const std::string& volPath,
@@ -53,11 +57,38 @@ public:
     // right away from anyone. 0 or -1.
     int SetSharePermission(const std::string& name);
 
+    // Sorts the shares that a deletion names; reads only. Everything is added to what the caller passes in.
+    //   list            array of {"shareId", "shareRvId", "sharePath"}
+    //   usingCams       cameras that record into a listed share; a query that fails counts as one
+    //   archiveTasks    archive tasks that write into a listed share
+    //   recordIds       records to delete here
+    //   ownPaths        folders of this server's own listed shares
+    //   requestByRv     items to relay, by recording server
+    //   shareNames      this server's local shared folders
+    //   remoteMounts    array: mount points of this server's remote folders, the volume cut off
+    // Once a share is in use nothing more is collected, but the counting goes on to the end.
+    void InitDelDataList(const Json::Value& list, const CmsRelayParams& params, int& usingCams,
+                         int& archiveTasks, std::list<int>& recordIds, std::list<std::string>& ownPaths,
+                         std::map<int, Json::Value>& requestByRv, std::list<std::string>& shareNames,
+                         Json::Value& remoteMounts);
+
+    // Writes what a deletion relays: to the host the request itself, from a host one request per recording
+    // server. 0, or -1 when a host has nothing to relay (no error set).
+    int PrepareDeleteRemoteRelayParam(const std::map<int, Json::Value>& itemsByRv,
+                                      const CmsRelayParams& params, CmsRelayTarget& target);
+
+    // Deletes this server's shared folders and unmounts its remote folders; what the services answer doesn't
+    // matter.
+    void DeleteShareAndUnmountRemote(const std::list<std::string>& shareNames,
+                                     const Json::Value& remoteMounts);
+
     // The account that the request counts as; "admin" for redirected requests and for recorders.
     std::string GetLoginUserName();
 
 private:
     struct CreateRequest;
+    struct EditRequest;
+    struct DeletePlan;
     struct ShareFacts;
 
     CreateRequest ReadCreateRequest(const CmsRelayParams& params);
@@ -65,6 +96,14 @@ private:
     int CreateOrAdoptFolder(const CreateRequest& create);
     int CreateOnThisServer(const CreateRequest& create, ShareFacts& facts);
     void AnnounceCreatedShare(const CreateRequest& create);
+    EditRequest ReadEditRequest();
+    int PrepareEditRelay(const EditRequest& edit, const RecShare& share, const CmsRelayParams& params,
+                         CmsRelayTarget& target);
+    int EditFolder(const EditRequest& edit, const RecShare& share, const std::string& newPath);
+    int EditHere(const EditRequest& edit, RecShare& share);
+    bool IsDeletionRefused(const DeletePlan& plan);
+    int DeletePlanned(const DeletePlan& plan, bool keepFolders);
+    void AnnounceDeletedShares(const DeletePlan& plan);
     void LogRequest(const std::string& method, const char* function, int line);
     void AnswerUnlessFailed(const Json::Value& data);
 };
