@@ -44,6 +44,9 @@ public:
     int Load(int id);
     // The record of a recording server's share, by its id there and the server's id. Results as Load.
     int LoadByIdOnRec(int idOnRec, int ownerRvId);
+    // The record of the folder at `path` (byte for byte) of the server `ownerRvId`. 0, or non-zero on
+    // failure.
+    int LoadByPath(const std::string& path, int ownerRvId);
     // Inserts the record (id 0) or updates it. 0 on success; an insert sets the id. Another record that
     // already holds the pair (owner, path) is a failure and changes nothing.
     int Save();
@@ -119,6 +122,10 @@ std::list<RecShare> LoadRecShareFromDB(int rvId);
 
 // Deletes the records with these ids, all or none; an id without a record is no failure. 0 on success.
 int DelRecShareById(const std::list<int>& ids);
+
+// Whether the recording share is in order: 0 = its folder is there, mounted if it is remote, unlocked and
+// writable by the recorder; non-zero otherwise, also when there is no such share.
+int CheckRecShareStatus(int id);
 
 // The paths of the recording shares that the server `rvId` owns. Empty on failure.
 std::list<std::string> LoadRecSharePath(int rvId);

@@ -37,5 +37,8 @@ std::string GetSnapshotSharePath(bool create);
 // Makes the application forget its snapshot share, which has been deleted. 0 on success.
 int HandleSnapshotShareDelete();
 
+// The error code of a web API's answer, 0 when it says success.
+int GetAPIErrCode(const Json::Value& reply);
+
 // True when the answer of a web API says success.
 bool IsSuccess(const Json::Value& reply);
