@@ -43,6 +43,10 @@ struct FolderOwner {
 // where that applies. Rights of several groups are added up.
 unsigned EffectiveRights(const Acl& acl, const FolderOwner& owner, const AclPrincipal& user);
 
+// Whether the kernel would allow `user` all of `wanted` at once. Two groups that give one half each don't add
+// up here, and root may do anything with a folder.
+bool Permits(const Acl& acl, const FolderOwner& owner, const AclPrincipal& user, unsigned wanted);
+
 // The folder's access ACL after granting `rights`. Nobody loses an effective right, and nobody but the
 // grantee wins one: a mask that a chmod has narrowed is widened for the grantee, and the bits that it hid in
 // other entries are dropped from them.

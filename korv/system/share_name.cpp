@@ -11,6 +11,8 @@
 #include <unicode/unistr.h>
 #include <unicode/utf8.h>
 
+#include "korv/system/external_share.h"
+
 namespace korv {
 
 namespace {
@@ -56,6 +58,9 @@ void Check(UErrorCode status) {
 
 bool IsValidShareName(const std::string& name) {
     if (name.empty() || name.size() > kLongestName_bytes || name.front() == '.' || !IsAllowedText(name)) {
+        return false;
+    }
+    if (IsExternalShareName(name)) {
         return false;
     }
     return std::find(kReservedKeys.begin(), kReservedKeys.end(), ShareNameKey(name)) == kReservedKeys.end();
