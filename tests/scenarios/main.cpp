@@ -1,5 +1,6 @@
-// Runs scenario files: `scenario_runner [gtest options] FILE|FOLDER ...`. A folder stands for its own *.yaml
-// files, in order of name. Ends with status 2 when a file isn't in the format.
+// Runs scenario files: `scenario_runner [gtest options] [FILE|FOLDER ...]`. A folder stands for its own
+// *.yaml files, in order of name; without any the folder of the source tree is meant. Ends with status 2 when
+// a file isn't in the format.
 
 #include <algorithm>
 #include <filesystem>
@@ -54,10 +55,10 @@ void Register(const scenario::CaseFile& file) {
 }
 
 // The files stay loaded as long as the tests run.
-std::map<std::string, scenario::CaseFile> LoadAll(int argc, char** argv) {
+std::map<std::string, scenario::CaseFile> LoadAll(const std::vector<std::string>& paths) {
     std::map<std::string, scenario::CaseFile> bySuite;
-    for (int i = 1; i < argc; ++i) {
-        for (const std::string& file : FindFiles(argv[i])) {
+    for (const std::string& path : paths) {
+        for (const std::string& file : FindFiles(path)) {
             scenario::CaseFile loaded = scenario::LoadCaseFile(file);
             const std::string suite = loaded.suite;
             if (!bySuite.emplace(suite, std::move(loaded)).second) {
@@ -71,20 +72,20 @@ std::map<std::string, scenario::CaseFile> LoadAll(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    constexpr int kUsage = 2;
+    constexpr int kBadFile = 2;
     testing::InitGoogleTest(&argc, argv);
-    if (argc < 2) {
-        std::cerr << "usage: scenario_runner [gtest options] FILE|FOLDER ...\n";
-        return kUsage;
+    std::vector<std::string> paths(argv + 1, argv + argc);
+    if (paths.empty()) {
+        paths.emplace_back(SCENARIO_FOLDER);
     }
     try {
-        const std::map<std::string, scenario::CaseFile> files = LoadAll(argc, argv);
+        const std::map<std::string, scenario::CaseFile> files = LoadAll(paths);
         for (const auto& [suite, file] : files) {
             Register(file);
         }
         return RUN_ALL_TESTS();
     } catch (const std::exception& error) {
         std::cerr << error.what() << "\n";
-        return kUsage;
+        return kBadFile;
     }
 }
