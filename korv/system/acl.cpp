@@ -120,8 +120,14 @@ bool Permits(const Acl& acl, const FolderOwner& owner, const AclPrincipal& user,
     if (user.id == 0) {
         return true;
     }
-    if (user.id == owner.uid || Find(acl, ACL_USER, user.id) != nullptr) {
-        return covers(EffectiveRights(acl, owner, user));
+    if (user.id == owner.uid) {
+        return covers(RightsOf(acl, ACL_USER_OBJ));
+    }
+    if (Find(acl, ACL_MASK) != nullptr && MaskOf(acl) == 0) {
+        return covers(Contains(user.groups, owner.gid) ? 0 : RightsOf(acl, ACL_OTHER));
+    }
+    if (const AclEntry* own = Find(acl, ACL_USER, user.id); own != nullptr) {
+        return covers(own->rights & MaskOf(acl));
     }
     bool isMember = false;
     for (const AclEntry& entry : acl) {

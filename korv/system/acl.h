@@ -43,8 +43,9 @@ struct FolderOwner {
 // where that applies. Rights of several groups are added up.
 unsigned EffectiveRights(const Acl& acl, const FolderOwner& owner, const AclPrincipal& user);
 
-// Whether the kernel would allow `user` all of `wanted` at once. Two groups that give one half each don't add
-// up here, and root may do anything with a folder.
+// Whether the kernel would allow `user` all of `wanted` at once, oddities included: two groups that give one
+// half each don't add up, a mask without any right takes the named entries out of the list, so that those
+// whom they name count as others, and root may do anything with a folder.
 bool Permits(const Acl& acl, const FolderOwner& owner, const AclPrincipal& user, unsigned wanted);
 
 // The folder's access ACL after granting `rights`. Nobody loses an effective right, and nobody but the

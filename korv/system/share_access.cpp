@@ -5,7 +5,6 @@
 #include <system_error>
 
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 
 #include "platform/korv/share.h"
 
@@ -14,6 +13,7 @@
 #include "korv/system/acl.h"
 #include "korv/system/bounded_call.h"
 #include "korv/system/file_descriptor.h"
+#include "korv/system/mount_table.h"
 
 namespace korv {
 
@@ -35,9 +35,10 @@ bool IsAllowed(int folder, const Identity& who, unsigned wanted) {
                    {false, who.uid, who.groups}, wanted);
 }
 
-bool IsReadOnly(int folder) {
-    struct statvfs facts {};
-    return fstatvfs(folder, &facts) != 0 || (facts.f_flag & ST_RDONLY) != 0;
+// From the list of mounts, since a file system that has stopped answering for its size may still serve files.
+bool IsReadOnly(const std::string& path) {
+    const auto along = MountsAlong(path);
+    return along.empty() || along.back()->isReadOnly;
 }
 
 // Opens the folder at `path`; none when `who` may not pass through a folder above it.
@@ -62,8 +63,8 @@ std::optional<FolderAccess> ReadAccess(const std::string& path, const Identity& 
             return FolderAccess{};
         }
         FolderAccess access;
-        access.canList = IsAllowed(folder.Get(), who, kAclRead | kAclExecute);
-        access.canChange = IsAllowed(folder.Get(), who, kAclWrite | kAclExecute) && !IsReadOnly(folder.Get());
+        access.canList = IsAllowed(folder.Get(), who, kAclRead) && IsAllowed(folder.Get(), who, kAclExecute);
+        access.canChange = IsAllowed(folder.Get(), who, kAclWrite | kAclExecute) && !IsReadOnly(path);
         return access;
     } catch (const std::system_error& failure) {
         LogLine("the rights on " + path + " can't be read: " + failure.what());
