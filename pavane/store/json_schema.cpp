@@ -1,11 +1,11 @@
 #include "pavane/store/json_schema.h"
 
+#include <yaml-cpp/yaml.h>
+
 #include <algorithm>
 #include <array>
 #include <stdexcept>
 #include <string_view>
-
-#include <yaml-cpp/yaml.h>
 
 namespace pavane {
 
@@ -23,15 +23,17 @@ constexpr std::array<TypeRule, 7> kTypes{{
     {"object", [](const Json::Value& value) { return value.isObject(); }},
     {"string", [](const Json::Value& value) { return value.isString(); }},
     {"integer",
-     [](const Json::Value& value) { return value.type() == Json::intValue || value.type() == Json::uintValue; }},
+     [](const Json::Value& value) {
+         return value.type() == Json::intValue || value.type() == Json::uintValue;
+     }},
     {"number", [](const Json::Value& value) { return value.isNumeric() && !value.isBool(); }},
     {"boolean", [](const Json::Value& value) { return value.isBool(); }},
     {"any", [](const Json::Value&) { return true; }},
 }};
 
 const TypeRule* FindType(const std::string& name) {
-    const auto found =
-        std::find_if(kTypes.begin(), kTypes.end(), [&name](const TypeRule& rule) { return rule.name == name; });
+    const auto found = std::find_if(kTypes.begin(), kTypes.end(),
+                                    [&name](const TypeRule& rule) { return rule.name == name; });
     return found != kTypes.end() ? &*found : nullptr;
 }
 
@@ -109,10 +111,9 @@ bool JsonSchema::Fits(const Json::Value& value) const {
                            [this](const Json::Value& element) { return m_element->Fits(element); });
     }
     const auto fitsMember = [&value](const auto& member) { return member.second.Fits(value[member.first]); };
-    return std::all_of(m_required.begin(), m_required.end(),
-                       [&](const auto& member) {
-                           return value.isMember(member.first) && fitsMember(member);
-                       }) &&
+    return std::all_of(
+               m_required.begin(), m_required.end(),
+               [&](const auto& member) { return value.isMember(member.first) && fitsMember(member); }) &&
            std::all_of(m_optional.begin(), m_optional.end(), [&](const auto& member) {
                return !value.isMember(member.first) || fitsMember(member);
            });
