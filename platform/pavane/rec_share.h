@@ -123,7 +123,7 @@ std::list<RecShare> LoadRecShareFromDB(int rvId);
 // Deletes the records with these ids, all or none; an id without a record is no failure. 0 on success.
 int DelRecShareById(const std::list<int>& ids);
 
-// Whether the recording share is in order: 0 = its folder is there, mounted if it is remote, unlocked and
+// Implemented in pavane/recorder/share_status.cpp. Whether the recording share is in order: 0 = its folder is there, mounted if it is remote, unlocked and
 // writable by the recorder; non-zero otherwise, also when there is no such share.
 int CheckRecShareStatus(int id);
 

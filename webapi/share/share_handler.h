@@ -144,8 +144,9 @@ private:
     int EditFolder(const EditRequest& edit, const RecShare& share, const std::string& newPath);
     int EditHere(const EditRequest& edit, RecShare& share);
     bool IsDeletionRefused(const DeletePlan& plan);
-    void RefuseWhileMigrating(int shareId);
-    void AskOwnerWhetherMigrating(const RecShare& share);
+    bool MayListCameras(int shareId);
+    bool AskOwnerWhetherMigrating(const RecShare& share);
+    static void FillUsingCams(int shareId, Json::Value& data);
     bool CollectShareUsage(Json::Value& result, int shareId);
     int DeletePlanned(const DeletePlan& plan, bool keepFolders);
     void AnnounceDeletedShares(const DeletePlan& plan);

@@ -12,18 +12,20 @@ namespace {
 
 using ShareRecord = std::unique_ptr<KORVSHARE, decltype(&KORVShareFree)>;
 
-ShareRecord FindShare(const std::string& name) {
+// The record, whatever the platform made of it, is released also when it can't be used.
+ShareRecord FindShare(const std::string& name, bool& isFound) {
     KORVSHARE* share = nullptr;
-    const bool found = KORVShareGet(name.c_str(), &share) == 0;
-    return {found ? share : nullptr, KORVShareFree};
+    isFound = KORVShareGet(name.c_str(), &share) == 0 && share != nullptr;
+    return {share, KORVShareFree};
 }
 
 }  // namespace
 
 int CheckSharePrivilege(const std::string& name, const std::string& user, unsigned int mask) {
     constexpr int kUnknown = -1;
-    const ShareRecord share = FindShare(name);
-    if (share == nullptr) {
+    bool isFound = false;
+    const ShareRecord share = FindShare(name, isFound);
+    if (!isFound) {
         return -1;
     }
     const std::string path = share->path != nullptr ? share->path : "";
