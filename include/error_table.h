@@ -28,6 +28,13 @@ inline constexpr ErrorTableRow kErrorTable[] = {
     {"", 401, "The API has no such method, or a parameter is missing or invalid.",
      "Check the method's name and its parameters."},
 
+    {"KORV.Core.AppPriv", 3310, "There is no such account.", "Check the account's name."},
+    {"KORV.Core.AppPriv", 3311, "The name is not that of an application.",
+     "Use 1 to 64 letters, digits, dots, hyphens and underscores."},
+    {"KORV.Core.AppPriv", 3312, "The address range can't be read.",
+     "Give an IPv4 or IPv6 address, or a range such as 192.0.2.0/24."},
+    {"KORV.Core.AppPriv", 3313, "There is no such grant.", "List the grants and name one exactly."},
+
     {"KORV.Core.Session", 400, "The account or the password is wrong.", "Check both and try again."},
 
     {"KORV.Core.Share", 3300, "The shared folder could not be made or read.",
@@ -35,7 +42,8 @@ inline constexpr ErrorTableRow kErrorTable[] = {
     {"KORV.Core.Share", 3301, "A shared folder of this name exists already.",
      "Choose another name; letter case makes no difference."},
     {"KORV.Core.Share", 3302, "The name is not allowed for a shared folder.",
-     "Use 1 to 64 bytes without slashes and control characters, not starting or ending with a dot or blank."},
+     "Use 1 to 64 bytes without slashes and control characters, no dot or blank first, no blank last, not "
+     "\"homes\" or \"NetBackup\"."},
     {"KORV.Core.Share", 3303, "There is no such shared folder.",
      "List the shared folders and use one of their names."},
     {"KORV.Core.Share", 3304, "The volume is unknown or can't be written.",
@@ -45,6 +53,20 @@ inline constexpr ErrorTableRow kErrorTable[] = {
      "Free space on it or choose another volume."},
     {"KORV.Core.Share", 3328, "The encryption was refused.",
      "Check the password, and whether the volume can hold encrypted folders."},
+
+    {"KORV.Core.Share.Permission", 3300, "The rights could not be changed.",
+     "Look into korvd.log on the server for the reason."},
+    {"KORV.Core.Share.Permission", 3303, "There is no such shared folder.",
+     "List the shared folders and use one of their names."},
+    {"KORV.Core.Share.Permission", 3304, "The volume of the shared folder can't be written.",
+     "Check that it is mounted and not read-only."},
+    {"KORV.Core.Share.Permission", 3306, "There is no space left on the volume.", "Free space on it."},
+    {"KORV.Core.Share.Permission", 3307, "There is no such user or group; \"name\" tells which.",
+     "Check the name, and whether a user or a group was meant."},
+    {"KORV.Core.Share.Permission", 3308, "This right can't be granted; \"name\" tells to whom.",
+     "Ask for reading or writing; access can't be denied to someone, only not granted."},
+    {"KORV.Core.Share.Permission", 3309, "The kind of user or group is unknown.",
+     "Use \"system\", \"local_user\" or \"local_group\"."},
 
     {"KORV.Pavane.Camera", 400, "The cameras could not be stored or read.",
      "Look into pavane.log on the server for the reason."},

@@ -16,6 +16,7 @@
 #include "korv/framework/log.h"
 #include "korv/framework/service_user.h"
 #include "korv/framework/worker.h"
+#include "korv/services/share_recovery.h"
 #include "korvd/listening_socket.h"
 #include "korvd/nginx_process.h"
 #include "korvd/run_folders.h"
@@ -27,7 +28,7 @@ using std::chrono::seconds;
 
 constexpr seconds kGoodLife(10);          // a child that lived so long is replaced without delay
 constexpr milliseconds kFirstDelay(100);  // doubled by every early death
-constexpr milliseconds kLongestDelay(10000);
+constexpr milliseconds kLongestDelay(2000);
 constexpr seconds kNginxStart(10);
 constexpr seconds kWorkersEnd(60);  // for the requests that they hold
 constexpr seconds kNginxEnd(5);
@@ -39,6 +40,11 @@ std::string DeathText(int status) {
         return "was killed by signal " + std::to_string(WTERMSIG(status));
     }
     return "ended with status " + std::to_string(WEXITSTATUS(status));
+}
+
+int RecoverShares() {
+    korv::RecoverShares();
+    return EXIT_SUCCESS;
 }
 
 }  // namespace
@@ -68,7 +74,9 @@ int Supervisor::Run() {
 }
 
 bool Supervisor::StartAll() {
-    if (!RunToEnd("the check of the modules", korv::CheckWorkerStart)) {
+    // Before anyone can ask for shares: what an earlier end left half done. As root, as nobody lowered it.
+    if (!RunToEnd("the recovery of shares", RecoverShares) ||
+        !RunToEnd("the check of the modules", korv::CheckWorkerStart)) {
         return false;
     }
     const korv::UserIds nginx = korv::IdsOf(m_settings.nginx.user);

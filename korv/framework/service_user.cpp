@@ -10,6 +10,8 @@
 
 #include "platform/korv/configuration.h"
 
+#include "korv/framework/log.h"
+
 namespace korv {
 
 UserIds IdsOf(const std::string& account) {
@@ -28,6 +30,14 @@ void LowerToServiceUser() {
     if (initgroups(account.c_str(), ids.gid) != 0 || setresgid(kKeepGid, ids.gid, kKeepGid) != 0 ||
         setresuid(kKeepUid, ids.uid, kKeepUid) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot lower the ids to " + account);
+    }
+}
+
+void RaiseToRoot() noexcept {
+    constexpr uid_t kKeepUid = static_cast<uid_t>(-1);
+    constexpr gid_t kKeepGid = static_cast<gid_t>(-1);
+    if (setresuid(kKeepUid, 0, kKeepUid) != 0 || setresgid(kKeepGid, 0, kKeepGid) != 0) {
+        LogLine("a worker could not become root again before its end");
     }
 }
 

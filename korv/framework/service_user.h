@@ -18,4 +18,7 @@ UserIds IdsOf(const std::string& account);
 // saved ids stay root's, so that a root scope can open. Throws std::system_error when that fails.
 void LowerToServiceUser();
 
+// Gives the process root's effective ids back, for what runs at its exit. Failure is logged.
+void RaiseToRoot() noexcept;
+
 }  // namespace korv

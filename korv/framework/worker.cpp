@@ -9,7 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <system_error>
+#include <functional>
 
 #include <sys/prctl.h>
 
@@ -108,35 +108,33 @@ void ServeRequests(const WorkerPlan& plan, pid_t supervisor) {
     FCGX_Free(&fcgi, 1);
 }
 
-void PrepareProcess() {
-    HandleStopSignals();
-    LowerToServiceUser();
-    LoadModules(GetSettings().node.modules, Registry());
+// Does `work` as a worker process does: lowered, with the modules loaded. Gives the exit status.
+int RunProcess(const std::function<void()>& work) {
+    int status = kWorkerFailed;
+    try {
+        HandleStopSignals();
+        LowerToServiceUser();
+        LoadModules(GetSettings().node.modules, Registry());
+        work();
+        status = kWorkerDone;
+    } catch (const std::exception& error) {
+        LogLine(std::string("a worker could not work: ") + error.what());
+    }
+    // A leak check at exit needs the rights that the process started with.
+    RaiseToRoot();
+    return status;
 }
 
 }  // namespace
 
 int RunWorker(const WorkerPlan& plan) {
     const pid_t supervisor = getppid();
-    try {
-        prctl(PR_SET_NAME, plan.pool == Pool::kPublic ? "korvd-public" : "korvd-peer");
-        PrepareProcess();
-        ServeRequests(plan, supervisor);
-        return kWorkerDone;
-    } catch (const std::exception& error) {
-        LogLine(std::string("a worker could not work: ") + error.what());
-        return kWorkerFailed;
-    }
+    prctl(PR_SET_NAME, plan.pool == Pool::kPublic ? "korvd-public" : "korvd-peer");
+    return RunProcess([&] { ServeRequests(plan, supervisor); });
 }
 
 int CheckWorkerStart() {
-    try {
-        PrepareProcess();
-        return kWorkerDone;
-    } catch (const std::exception& error) {
-        LogLine(std::string("workers can't start: ") + error.what());
-        return kWorkerFailed;
-    }
+    return RunProcess([] {});
 }
 
 }  // namespace korv

@@ -88,8 +88,10 @@ void Create(KORV::APIRequest* request, KORV::APIResponse* response) {
     }
     korv::RecoverDeadMakers();
     const korv::CreationOutcome outcome = korv::CreateShare(share);
-    if (outcome.end != korv::CreationEnd::kCreated) {
+    if (!outcome.reason.empty()) {
         korv::LogLine("the share " + share.Path() + " was not made: " + outcome.reason);
+    }
+    if (outcome.end != korv::CreationEnd::kCreated) {
         response->SetError(ErrorOf(outcome.end), Json::Value());
         return;
     }

@@ -84,7 +84,7 @@ bool RevokeAppPrivilege(const AppPrivilege& privilege) {
         (Database().prepare << "delete from app_privilege"
                                " where account = :account and app = :app and address_range = :address_range",
          soci::use(privilege.account), soci::use(privilege.app), soci::use(privilege.addressRange));
-    statement.execute();
+    statement.execute(true);
     const bool removed = statement.get_affected_rows() > 0;
     statement.clean_up();
     transaction.Commit();

@@ -6,7 +6,7 @@
 #include <sstream>
 
 #include <unicode/uchar.h>
-#include <unicode/utf8.h>
+#include <unicode/unistr.h>
 
 #include "korv/system/share_name.h"
 
@@ -19,29 +19,15 @@ constexpr const char* kRefusedInPaths = "%\\\"\n\r";
 // As keys: see ShareNameKey.
 constexpr std::array<const char*, 6> kSambaNames{"global", "homes", "printers", "print$", "ipc$", "admin$"};
 constexpr int kLongestComment_characters = 256;
-constexpr UChar32 kReplacement = 0xFFFD;
 constexpr UChar32 kFullWidthPercent = 0xFF05;
 
 UChar32 InComment(UChar32 character) {
-    if (character < 0) {
-        return kReplacement;
-    }
     if (character == '%') {
         return kFullWidthPercent;
     }
     const auto type = u_charType(character);
     const bool isBreak = type == U_CONTROL_CHAR || type == U_LINE_SEPARATOR || type == U_PARAGRAPH_SEPARATOR;
     return isBreak ? ' ' : character;
-}
-
-void Append(std::string& text, UChar32 character) {
-    std::array<char, U8_MAX_LENGTH> bytes{};
-    std::int32_t length = 0;
-    UBool isError = false;
-    U8_APPEND(bytes.data(), length, static_cast<std::int32_t>(bytes.size()), character, isError);
-    if (!isError) {
-        text.append(bytes.data(), static_cast<std::size_t>(length));
-    }
 }
 
 }  // namespace
@@ -55,15 +41,15 @@ bool IsSambaExportable(const ShareRow& share) {
 }
 
 std::string SambaComment(const std::string& text) {
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
-    const auto length = static_cast<std::int32_t>(text.size());
-    std::string comment;
+    const icu::UnicodeString source = icu::UnicodeString::fromUTF8(text);
+    icu::UnicodeString line;
     std::int32_t i = 0;
-    for (int count = 0; i < length && count < kLongestComment_characters; ++count) {
-        UChar32 character = 0;
-        U8_NEXT(bytes, i, length, character);
-        Append(comment, InComment(character));
+    for (int count = 0; i < source.length() && count < kLongestComment_characters; ++count) {
+        line.append(InComment(source.char32At(i)));
+        i = source.moveIndex32(i, 1);
     }
+    std::string comment;
+    line.toUTF8String(comment);
     // A backslash at the end would join the next line.
     const std::size_t last = comment.find_last_not_of(" \\");
     return comment.substr(0, last == std::string::npos ? 0 : last + 1);

@@ -97,22 +97,21 @@ void FinishOrUndo(const ShareRow& share) {
 }
 
 // Takes back a creation that failed, since its caller is told so.
-void Undo(const ShareRow& share) {
+void Undo(int volume, const ShareRow& share) {
     WriteTransaction transaction(Database());
-    const FileDescriptor volume = OpenVolume(share.volPath);
-    RemoveStagedFolder(volume.Get(), share.token);
-    if (IsFolderOfToken(volume.Get(), share.name, share.token)) {
-        RemoveShareFolder(volume.Get(), share.name);
+    RemoveStagedFolder(volume, share.token);
+    if (IsFolderOfToken(volume, share.name, share.token)) {
+        RemoveShareFolder(volume, share.name);
     }
     DropShareCreation(share.token);
     transaction.Commit();
 }
 
 // As Undo; what can't be undone now is left to a later recovery. Returns what went wrong.
-std::string TryUndo(const ShareRow& share) {
+std::string TryUndo(int volume, const ShareRow& share) {
     std::string trouble;
     try {
-        Undo(share);
+        Undo(volume, share);
         return trouble;
     } catch (const std::system_error& error) {
         trouble = error.what();
@@ -125,15 +124,14 @@ std::string TryUndo(const ShareRow& share) {
         // The row stays this process's, whose next recovery counts it as given up.
         trouble += "; " + error.get_error_message();
     }
-    return "; not undone yet: " + trouble;
+    return " (not undone yet: " + trouble + ")";
 }
 
-CreationOutcome MakeFolderAndRecord(const ShareRow& share, const CreationObserver& observer) {
-    const FileDescriptor volume = OpenVolume(share.volPath);
-    MakeStagedFolder(volume.Get(), share.token, share.isCow,
+CreationOutcome MakeFolderAndRecord(int volume, const ShareRow& share, const CreationObserver& observer) {
+    MakeStagedFolder(volume, share.token, share.isCow,
                      [&observer](FolderStep step) { observer(StepOf(step)); });
-    if (!PublishStagedFolder(volume.Get(), share.token, share.name)) {
-        return {CreationEnd::kNameTaken, "the volume has something of that name"};
+    if (!PublishStagedFolder(volume, share.token, share.name)) {
+        return {CreationEnd::kNameTaken, ""};
     }
     observer(CreationStep::kPublished);
     Record(share);
@@ -141,10 +139,11 @@ CreationOutcome MakeFolderAndRecord(const ShareRow& share, const CreationObserve
     return {CreationEnd::kCreated, ""};
 }
 
-// As MakeFolderAndRecord, but what goes wrong is an outcome.
-CreationOutcome TryMakeFolderAndRecord(const ShareRow& share, const CreationObserver& observer) {
+// Runs a part of a creation; what goes wrong in it is its outcome.
+template <class Part>
+CreationOutcome Try(const Part& part) {
     try {
-        return MakeFolderAndRecord(share, observer);
+        return part();
     } catch (const std::system_error& error) {
         return {EndOf(error), error.what()};
     } catch (const soci::soci_error& error) {
@@ -153,26 +152,28 @@ CreationOutcome TryMakeFolderAndRecord(const ShareRow& share, const CreationObse
     }
 }
 
+CreationOutcome CreateOnVolume(int volume, const ShareRow& share, const CreationObserver& observer) {
+    if (!Claim(share)) {
+        return {CreationEnd::kNameTaken, ""};
+    }
+    observer(CreationStep::kJournalled);
+    CreationOutcome outcome = Try([&] { return MakeFolderAndRecord(volume, share, observer); });
+    if (outcome.end != CreationEnd::kCreated) {
+        outcome.reason += TryUndo(volume, share);
+    }
+    return outcome;
+}
+
 }  // namespace
 
 CreationOutcome CreateShare(ShareRow wanted, const CreationObserver& observer) {
     wanted.token = NewToken();
     wanted.created_s = Now_s();
     const CreationObserver notify = observer ? observer : [](CreationStep) {};
-    try {
-        if (!Claim(wanted)) {
-            return {CreationEnd::kNameTaken, "a share has that name"};
-        }
-    } catch (const soci::soci_error& error) {
-        const bool isFull = IsOutOfSpace(Database(), error);
-        return {isFull ? CreationEnd::kNoSpace : CreationEnd::kFailed, error.get_error_message()};
-    }
-    notify(CreationStep::kJournalled);
-    CreationOutcome outcome = TryMakeFolderAndRecord(wanted, notify);
-    if (outcome.end != CreationEnd::kCreated) {
-        outcome.reason += TryUndo(wanted);
-    }
-    return outcome;
+    return Try([&] {
+        const FileDescriptor volume = OpenVolume(wanted.volPath);
+        return CreateOnVolume(volume.Get(), wanted, notify);
+    });
 }
 
 std::vector<std::string> RecoverShareCreations(const std::vector<std::string>& volumes) {

@@ -20,7 +20,7 @@ enum class CreationEnd { kCreated, kNameTaken, kVolumeUnusable, kNoSpace, kFaile
 
 struct CreationOutcome {
     CreationEnd end = CreationEnd::kFailed;
-    std::string reason;  // for the log; empty after success
+    std::string reason;  // for the log; empty when nothing went wrong, as for a name that is taken
 };
 
 // Makes the share `wanted`, whose name is valid and whose volume is one of the configured ones; its token and

@@ -162,10 +162,14 @@ bool PublishStagedFolder(int volume, const std::string& token, const std::string
 
 void RemoveStagedFolder(int volume, const std::string& token) {
     const RootScope root;
-    // An empty subvolume is removed like a folder.
-    if (unlinkat(volume, StagedName(token).c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
-        Fail(errno, "cannot remove a folder");
+    const std::string name = StagedName(token);
+    struct stat status {};
+    // Asked first, since a volume that can't be written refuses to remove what isn't there.
+    if (fstatat(volume, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
+        return;
     }
+    // An empty subvolume is removed like a folder.
+    Check(unlinkat(volume, name.c_str(), AT_REMOVEDIR), "cannot remove a folder");
 }
 
 void RemoveShareFolder(int volume, const std::string& name) {

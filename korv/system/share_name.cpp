@@ -5,11 +5,9 @@
 #include <cstdint>
 #include <stdexcept>
 
-#include <unicode/bytestream.h>
 #include <unicode/normalizer2.h>
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
-#include <unicode/utf8.h>
 
 namespace korv {
 
@@ -30,16 +28,20 @@ bool IsAllowedCharacter(UChar32 character) {
     }
 }
 
-// Checks each character, and the blanks at the ends.
+bool IsBlankAt(const icu::UnicodeString& text, std::int32_t index) {
+    return u_isUWhiteSpace(text.char32At(index)) != 0;
+}
+
+// Checks each character, and the blanks at the ends, of a name that is not empty.
 bool IsAllowedText(const std::string& name) {
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(name.data());
-    const auto length = static_cast<std::int32_t>(name.size());
-    UChar32 character = 0;
-    for (std::int32_t i = 0; i < length;) {
-        const bool isFirst = i == 0;
-        U8_NEXT(bytes, i, length, character);
-        const bool isEnd = isFirst || i == length;
-        if (character < 0 || !IsAllowedCharacter(character) || (isEnd && u_isUWhiteSpace(character) != 0)) {
+    const icu::UnicodeString text = icu::UnicodeString::fromUTF8(name);
+    std::string wellFormed;
+    text.toUTF8String(wellFormed);
+    if (wellFormed != name || IsBlankAt(text, 0) || IsBlankAt(text, text.length() - 1)) {
+        return false;
+    }
+    for (std::int32_t i = 0; i < text.length(); i = text.moveIndex32(i, 1)) {
+        if (!IsAllowedCharacter(text.char32At(i))) {
             return false;
         }
     }

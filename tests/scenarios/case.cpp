@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 
+#include "tests/fake/records.h"
 #include "tests/scenarios/case_parts.h"
 #include "tests/scenarios/routines.h"
 #include "tests/scenarios/yaml_file.h"
@@ -99,6 +100,9 @@ void CheckMembers(const YamlNode& node, const Case& read, const std::set<std::st
     for (const std::string& name : read.routineArgs.getMemberNames()) {
         if (!routine.args.isMember(name)) {
             node.Fail(read.routine + " has no argument '" + name + "'");
+        }
+        if (!routine.args[name].isNull() && !fake::IsSameKind(read.routineArgs[name], routine.args[name])) {
+            node.Fail("argument '" + name + "' has the wrong type");
         }
     }
     if (routine.returnsSomething && has("returns") == has("throws")) {

@@ -12,3 +12,12 @@ target_include_directories(korv_framework_test PRIVATE ${CMAKE_BINARY_DIR}/gener
 target_compile_definitions(korv_framework_test PRIVATE ERROR_PAGE="${PROJECT_SOURCE_DIR}/docs/ref/errors.md")
 target_link_libraries(korv_framework_test PRIVATE korv soci_core GTest::gtest_main)
 gtest_discover_tests(korv_framework_test DISCOVERY_MODE PRE_TEST)
+
+# In a program of its own: a loaded module stays, and its health check with it.
+add_library(framework_probe_module MODULE framework_probe_module.cpp)
+target_link_libraries(framework_probe_module PRIVATE korv)
+add_executable(korv_module_test framework_module_test.cpp)
+target_link_libraries(korv_module_test PRIVATE korv GTest::gtest_main)
+target_compile_definitions(korv_module_test PRIVATE PROBE_MODULE="$<TARGET_FILE:framework_probe_module>")
+add_dependencies(korv_module_test framework_probe_module)
+gtest_discover_tests(korv_module_test DISCOVERY_MODE PRE_TEST)
