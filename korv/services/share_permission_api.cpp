@@ -69,7 +69,7 @@ std::optional<Refusal> ReadGrants(const Json::Value& params, std::vector<korv::S
     const auto isGroup = IsGroupKind(korv::StringOf(params, "user_group_type", ""));
     for (const Json::Value& element : korv::ArrayOf(params, "permissions")) {
         korv::ShareGrant& grant = grants.emplace_back();
-        if (const auto refusal = ReadGrant(element, isGroup.value_or(false), grant); isGroup && refusal) {
+        if (auto refusal = ReadGrant(element, isGroup.value_or(false), grant); isGroup && refusal) {
             return refusal;
         }
     }

@@ -3,8 +3,10 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <iterator>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 
 #include "include/run_as_scope.h"
 
@@ -49,7 +51,11 @@ std::string BootId() {
 ProcessIdentity ThisProcess() {
     const int pid = getpid();
     const auto status = StatusOf(pid);
-    return {pid, status ? status->start : 0, BootId()};
+    if (!status) {
+        // Others would take this process for a dead one and undo what it does.
+        throw std::runtime_error("/proc does not tell about this process");
+    }
+    return {pid, status->start, BootId()};
 }
 
 bool IsRunning(const ProcessIdentity& process) {

@@ -11,6 +11,7 @@ struct ProcessIdentity {
     std::string bootId;   // changes with every boot
 };
 
+// Throws std::runtime_error when /proc is not there to ask.
 ProcessIdentity ThisProcess();
 
 // True while that very process runs; one that has ended but was not waited for yet does not.

@@ -2,11 +2,13 @@
 
 #include <unistd.h>
 
-#include <array>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
+#include <memory>
 #include <string>
+#include <string_view>
 
 #include "platform/korv/configuration.h"
 
@@ -17,22 +19,9 @@ namespace {
 
 constexpr const char* kLogName = "/pavane.log";
 
-std::string FormatText(const char* format, va_list arguments) {
-    std::array<char, 1024> small{};
-    va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(small.data(), small.size(), format, arguments);
-    std::string text;
-    if (length >= 0 && static_cast<std::size_t>(length) < small.size()) {
-        text.assign(small.data(), static_cast<std::size_t>(length));
-    } else if (length >= 0) {
-        text.resize(static_cast<std::size_t>(length) + 1);
-        std::vsnprintf(text.data(), text.size(), format, again);
-        text.resize(static_cast<std::size_t>(length));
-    }
-    va_end(again);
-    return text;
-}
+struct FreeText {
+    void operator()(char* text) const { std::free(text); }
+};
 
 // A process without a readable configuration has no log folder; what it says goes to its standard error.
 bool WriteToLogFile(const std::string& entry) {
@@ -49,11 +38,16 @@ bool WriteToLogFile(const std::string& entry) {
 void PVPrintf(LOG_TYPE /*type*/, const char* category, const char* level, const char* file, int line,
               const char* function, const char* format, ...) {
     try {
+        char* raw = nullptr;
         va_list arguments;
         va_start(arguments, format);
-        const std::string text = FormatText(format, arguments);
+        const int length = vasprintf(&raw, format, arguments);
         va_end(arguments);
-        const std::string entry = pavane::FormatLogEntry({category, level, file, line, function}, text);
+        const std::unique_ptr<char, FreeText> text(length >= 0 ? raw : nullptr);
+        const std::string entry = pavane::FormatLogEntry(
+            {category, level, file, line, function},
+            text != nullptr ? std::string_view(text.get(), static_cast<std::size_t>(length))
+                            : std::string_view());
         if (!WriteToLogFile(entry) && write(STDERR_FILENO, entry.data(), entry.size()) < 0) {
             return;  // lost: there is nobody left to tell
         }

@@ -6,7 +6,7 @@
 namespace pavane {
 
 // Longest text that one entry holds, in bytes; the rest is left out and the entry says so.
-inline constexpr std::size_t kLogTextLimit = 64 * 1024;
+inline constexpr std::size_t kLogTextLimit = 64UL * 1024;
 
 // Where and how an entry was written; a null category or level is left out of it.
 struct LogOrigin {

@@ -96,14 +96,28 @@ std::string SqliteConnection(const std::string& path) {
     return "db=\"" + path + "\" timeout=" + std::to_string(kLockPatience.count());
 }
 
+using Clock = std::chrono::steady_clock;
+
 struct ProcessConnection {
     pid_t opener = 0;
+    Clock::time_point used;
     std::unique_ptr<Database> database;
 };
 
 ProcessConnection& Connection() {
     static ProcessConnection connection;
     return connection;
+}
+
+// A server may have been restarted while nobody asked it anything; what was used just now is taken as alive
+// unless the last use failed.
+bool IsLost(Database& database, Clock::duration idle) {
+    constexpr std::chrono::seconds kTrusted(1);
+    if (database.Kind() == DatabaseKind::kSqlite) {
+        return false;
+    }
+    return PQstatus(PostgresqlHandle(database.Session())) != CONNECTION_OK ||
+           (idle > kTrusted && !database.IsAlive());
 }
 
 }  // namespace
@@ -146,10 +160,11 @@ Database& AppDatabase() {
         // The parent's connection: closing it here would end it there as well, so it is left alone.
         static_cast<void>(connection.database.release());
     }
-    if (connection.database != nullptr && connection.database->Kind() == DatabaseKind::kPostgresql &&
-        PQstatus(PostgresqlHandle(connection.database->Session())) != CONNECTION_OK) {
+    const Clock::time_point now = Clock::now();
+    if (connection.database != nullptr && IsLost(*connection.database, now - connection.used)) {
         connection.database.reset();
     }
+    connection.used = now;
     if (connection.database == nullptr) {
         auto opened = std::make_unique<Database>(ConfiguredDatabase());
         BringUpToDate(*opened, CurrentSchema());

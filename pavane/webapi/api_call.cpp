@@ -48,13 +48,13 @@ int ReadNumber(const KORV::APIRequest& request, const char* name, int fallback, 
 // halves of surrogate pairs and what lies beyond Unicode.
 std::size_t CharacterLength(const std::string& text, std::size_t at) {
     struct Form {
-        unsigned char mask;
-        unsigned char lead;
         std::size_t length;
         unsigned least;
+        unsigned char mask;
+        unsigned char lead;
     };
     constexpr Form kForms[] = {
-        {0x80, 0x00, 1, 0}, {0xE0, 0xC0, 2, 0x80}, {0xF0, 0xE0, 3, 0x800}, {0xF8, 0xF0, 4, 0x10000}};
+        {1, 0, 0x80, 0x00}, {2, 0x80, 0xE0, 0xC0}, {3, 0x800, 0xF0, 0xE0}, {4, 0x10000, 0xF8, 0xF0}};
     constexpr unsigned kLast = 0x10FFFF;
     constexpr unsigned kTailMask = 0x3F;
     constexpr unsigned kTailBits = 6;

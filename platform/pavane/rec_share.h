@@ -24,7 +24,7 @@ enum SHARE_MOUNT_STATUS : int {
 };
 
 // File systems of volumes, as reported to clients.
-enum _tag_FSTYPE : int {
+enum _tag_FSTYPE : int {  // NOLINT(bugprone-reserved-identifier): the name is the contract's
     FSTYPE_UNKNOWN = -1,
     FSTYPE_EXT4 = 1,
     FSTYPE_BTRFS = 2,

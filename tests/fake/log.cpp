@@ -13,7 +13,7 @@ void PVPrintf(LOG_TYPE type, const char* category, const char* level, const char
     char text[8192];
     va_list arguments;
     va_start(arguments, format);
-    std::vsnprintf(text, sizeof text, format, arguments);
+    std::vsnprintf(text, sizeof text, format, arguments);  // NOLINT(clang-analyzer-valist.Uninitialized)
     va_end(arguments);
     if (fake::CurrentDirector() == nullptr) {
         return;

@@ -58,7 +58,7 @@ void __wrap_syslog(int priority, const char* format, ...) {
         vsyslog(priority, format, arguments);
     } else {
         char text[1024];
-        std::vsnprintf(text, sizeof text, format, arguments);
+        std::vsnprintf(text, sizeof text, format, arguments);  // NOLINT(clang-analyzer-valist.Uninitialized)
         Ask("syslog", Args(priority, text));
     }
     va_end(arguments);

@@ -98,14 +98,10 @@ std::string Quoted(const std::string& text) {
     return quoted + "'";
 }
 
-const std::map<std::string, Answer>& Answers() {
-    static const std::map<std::string, Answer> answers = {
-        {"IsExistDir",
-         [](const World& world, const Json::Value& args) {
-             return world.directories.count(args[0].asString()) > 0;
-         }},
-        {"GetDirPath",
-         [](const World&, const Json::Value& args) { return WithoutLastComponent(args[0].asString()); }},
+using AnswerTable = std::map<std::string, Answer>;
+
+AnswerTable CmsAnswers() {
+    return {
         {"IsCmsHost", [](const World& world, const Json::Value&) { return world.cmsHost; }},
         {"IsCmsPaired", [](const World& world, const Json::Value&) { return world.cmsPaired; }},
         {"IsEnableCms", [](const World& world, const Json::Value&) { return world.cmsEnabled; }},
@@ -140,6 +136,17 @@ const std::map<std::string, Answer>& Answers() {
              const Json::Value* server = FindById(world.servers, args[0].asInt());
              return server != nullptr && server->get("failover", false).asBool();
          }},
+    };
+}
+
+AnswerTable ApplicationAnswers() {
+    return {
+        {"IsExistDir",
+         [](const World& world, const Json::Value& args) {
+             return world.directories.count(args[0].asString()) > 0;
+         }},
+        {"GetDirPath",
+         [](const World&, const Json::Value& args) { return WithoutLastComponent(args[0].asString()); }},
         {"IsPVRunning", [](const World& world, const Json::Value&) { return world.running; }},
         {"CamGetList",
          [](const World& world, const Json::Value& args) { return Cameras(world, args[0].asInt()); }},
@@ -170,6 +177,14 @@ const std::map<std::string, Answer>& Answers() {
         {"geteuid", [](const World& world, const Json::Value&) { return world.euid; }},
         {"getegid", [](const World& world, const Json::Value&) { return world.egid; }},
     };
+}
+
+const AnswerTable& Answers() {
+    static const AnswerTable answers = [] {
+        AnswerTable all = CmsAnswers();
+        all.merge(ApplicationAnswers());
+        return all;
+    }();
     return answers;
 }
 

@@ -77,6 +77,28 @@ Json::Value ReadAnswer(const YamlNode& node) {
     return answer;
 }
 
+Tolerated ReadTolerated(const YamlNode& node) {
+    Tolerated one;
+    if (!node.raw().IsMap()) {
+        one.function = node.Text();
+    } else {
+        node.ForEachMember([&one](const std::string& name, const YamlNode& value) {
+            if (name == "call") {
+                one.function = value.Text();
+            } else if (name == "nth") {
+                one.nth = value.Int();
+            } else {
+                value.Fail("tolerates has no '" + name + "'");
+            }
+        });
+    }
+    const fake::FunctionSpec* spec = fake::FindFunction(one.function);
+    if (spec == nullptr || !spec->canFail) {
+        node.Fail("'" + one.function + "' is no platform function that can fail");
+    }
+    return one;
+}
+
 }  // namespace
 
 Json::Value ReadObject(const YamlNode& node) {
@@ -174,26 +196,7 @@ ErrorState ReadErrorState(const YamlNode& node) {
 
 std::vector<Tolerated> ReadTolerates(const YamlNode& node) {
     std::vector<Tolerated> tolerates;
-    node.ForEachItem([&tolerates](const YamlNode& item) {
-        Tolerated& one = tolerates.emplace_back();
-        if (item.raw().IsMap()) {
-            item.ForEachMember([&one](const std::string& name, const YamlNode& value) {
-                if (name == "call") {
-                    one.function = value.Text();
-                } else if (name == "nth") {
-                    one.nth = value.Int();
-                } else {
-                    value.Fail("tolerates has no '" + name + "'");
-                }
-            });
-        } else {
-            one.function = item.Text();
-        }
-        const fake::FunctionSpec* spec = fake::FindFunction(one.function);
-        if (spec == nullptr || !spec->canFail) {
-            item.Fail("'" + one.function + "' is no platform function that can fail");
-        }
-    });
+    node.ForEachItem([&tolerates](const YamlNode& item) { tolerates.push_back(ReadTolerated(item)); });
     return tolerates;
 }
 

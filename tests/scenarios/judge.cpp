@@ -13,6 +13,7 @@ namespace {
 
 std::vector<std::string> CallLines(const std::vector<ScriptedCall>& calls) {
     std::vector<std::string> lines;
+    lines.reserve(calls.size());
     for (const ScriptedCall& call : calls) {
         lines.push_back(CallLine(*call.function, call.args));
     }
@@ -38,6 +39,8 @@ std::string LogText(const fake::LogLine& entry, bool withLine) {
 std::string CompareLog(const std::vector<ExpectedLog>& expected, const std::vector<fake::LogLine>& actual) {
     std::vector<std::string> expectedLines;
     std::vector<std::string> actualLines;
+    expectedLines.reserve(expected.size());
+    actualLines.reserve(actual.size());
     for (const ExpectedLog& one : expected) {
         expectedLines.push_back(LogText(one.entry, !one.anyLine));
     }

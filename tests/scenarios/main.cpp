@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <memory>
 
 #include <gtest/gtest.h>
 
@@ -49,8 +50,9 @@ std::vector<std::string> FindFiles(const std::string& path) {
 void Register(const scenario::CaseFile& file) {
     for (const scenario::Case& script : file.cases) {
         testing::RegisterTest(file.suite.c_str(), scenario::ToIdentifier(script.sentence).c_str(), nullptr,
-                              nullptr, script.file.c_str(), script.line,
-                              [&script]() -> testing::Test* { return new ScenarioTest(script); });
+                              nullptr, script.file.c_str(), script.line, [&script]() -> testing::Test* {
+                                  return std::make_unique<ScenarioTest>(script).release();
+                              });
     }
 }
 

@@ -132,7 +132,7 @@ void ShareHandler::HandleListRecShare() {
         }
     }
     Json::Value data(Json::objectValue);
-    data["total"] = list.size();
+    data["total"] = static_cast<int>(list.size());
     data["sharelist"] = std::move(list);
     AnswerUnlessFailed(data);
 }

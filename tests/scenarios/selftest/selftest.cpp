@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/scenarios/case.h"
+#include "tests/scenarios/compare.h"
 #include "tests/scenarios/routines.h"
 #include "tests/scenarios/run.h"
 #include "tests/scenarios/yaml_file.h"
@@ -181,39 +182,88 @@ TEST(ScenarioRunner, RefusesEverySlipInAFileWithItsLine) {
     }
 }
 
-TEST(ScenarioFormat, IsDescribedForEveryFunctionAndRoutine) {
+std::string Document() {
     std::ifstream in(FORMAT_DOCUMENT);
     std::ostringstream text;
     text << in.rdbuf();
-    const std::string document = text.str();
-    ASSERT_FALSE(document.empty());
-    for (const fake::FunctionSpec& function : fake::AllFunctions()) {
-        EXPECT_NE(document.find("| `" + function.name + "` |"), std::string::npos) << function.name;
+    return text.str();
+}
+
+// The cells of the table row that starts with `name`; empty when there is none.
+std::vector<std::string> RowOf(const std::string& name) {
+    std::istringstream in(Document());
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind("| `" + name + "` |", 0) != 0) {
+            continue;
+        }
+        std::vector<std::string> cells;
+        std::size_t begin = 2;
+        for (std::size_t end = 0; (end = line.find(" | ", begin)) != std::string::npos; begin = end + 3) {
+            cells.push_back(line.substr(begin, end - begin));
+        }
+        return cells;
     }
-    for (const scenario::Routine& routine : scenario::AllRoutines()) {
-        EXPECT_NE(document.find("| `" + routine.name + "` |"), std::string::npos) << routine.name;
-        for (const std::string& argument : routine.args.getMemberNames()) {
-            EXPECT_NE(document.find(argument), std::string::npos) << routine.name << ": " << argument;
+    return {};
+}
+
+// The value between the backticks of a cell, written as in a scenario.
+std::string ValueIn(const std::string& cell) {
+    const std::size_t begin = cell.find('`') + 1;
+    const std::string text = cell.substr(begin, cell.find('`', begin) - begin);
+    return scenario::OneLine(scenario::YamlNode("document", YAML::Load(text)).ToJson());
+}
+
+TEST(ScenarioFormat, DescribesEveryFunctionAsTheRunnerHasIt) {
+    for (const fake::FunctionSpec& function : fake::AllFunctions()) {
+        SCOPED_TRACE(function.name);
+        const std::vector<std::string> row = RowOf(function.name);
+        ASSERT_GE(row.size(), 5U);
+        EXPECT_EQ(row[1], function.kind == fake::Kind::kCall ? "call" : "background");
+        std::string arguments;
+        for (const std::string& name : function.argNames) {
+            arguments += (arguments.empty() ? "" : ", ") + name;
+        }
+        EXPECT_EQ(row[2], arguments.empty() ? "none" : arguments);
+        EXPECT_EQ(ValueIn(row[3]), scenario::OneLine(function.benign));
+        EXPECT_EQ(row[4] == "cannot", !function.canFail);
+        EXPECT_EQ(row[4].find("quiet") != std::string::npos, !function.tellsFailure);
+        if (function.canFail) {
+            EXPECT_EQ(ValueIn(row[4]), scenario::OneLine(function.failing));
         }
     }
 }
 
-TEST(ScenarioFormat, NamesAFunctionsArgumentsAsTheRunnerDoes) {
-    std::ifstream in(FORMAT_DOCUMENT);
-    ASSERT_TRUE(in);
-    for (std::string line; std::getline(in, line);) {
-        for (const fake::FunctionSpec& function : fake::AllFunctions()) {
-            if (line.rfind("| `" + function.name + "` |", 0) != 0) {
-                continue;
-            }
-            std::string arguments;
-            for (const std::string& name : function.argNames) {
-                arguments += (arguments.empty() ? "" : ", ") + name;
-            }
-            EXPECT_NE(line.find("| " + (arguments.empty() ? "none" : arguments) + " |"), std::string::npos)
-                << line;
+TEST(ScenarioFormat, DescribesEveryRoutineWithItsArguments) {
+    for (const scenario::Routine& routine : scenario::AllRoutines()) {
+        SCOPED_TRACE(routine.name);
+        const std::vector<std::string> row = RowOf(routine.name);
+        ASSERT_GE(row.size(), 4U);
+        for (const std::string& name : routine.args.getMemberNames()) {
+            const std::string written = "`" + name + ": " + scenario::OneLine(routine.args[name]) + "`";
+            EXPECT_NE(row[1].find(written), std::string::npos) << written;
         }
+        EXPECT_EQ(row[1] == "none", routine.args.empty());
+        EXPECT_EQ(row[3], routine.answers ? "yes" : "no");
     }
+}
+
+TEST(ScenarioFormat, GivesExamplesThatHold) {
+    const std::string document = Document();
+    const std::string begin = "```yaml\n- case:";
+    int examples = 0;
+    for (std::size_t at = document.find(begin); at != std::string::npos; at = document.find(begin, at + 1)) {
+        const std::size_t start = document.find('\n', at) + 1;
+        std::istringstream in(document.substr(start, document.find("```", start) - start));
+        std::string text = "name: n\npurpose: p\ncases:\n";
+        for (std::string line; std::getline(in, line);) {
+            text += "  " + line + "\n";
+        }
+        const TemporaryFile file(text);
+        const scenario::CaseFile loaded = scenario::LoadCaseFile(file.path());
+        EXPECT_EQ(scenario::Judge(loaded.cases.front()), "");
+        ++examples;
+    }
+    EXPECT_GT(examples, 0);
 }
 
 }  // namespace

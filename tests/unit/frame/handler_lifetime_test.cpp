@@ -120,7 +120,7 @@ TEST_F(HandlerLifetime, KeepsTheOrderOfItsVirtualFunctions) {
 
     auto* handler = new WatchedHandler(&m_request, &m_response, m_steps);
     const Slot* slots = nullptr;
-    std::memcpy(&slots, handler, sizeof slots);
+    std::memcpy(&slots, static_cast<const void*>(handler), sizeof slots);
     EXPECT_TRUE(reinterpret_cast<IsCam>(slots[kIsCamAvailiable])(handler, kCamera));
     EXPECT_EQ(reinterpret_cast<GetData>(slots[kGetRedirectPrivData])(handler, kCamera), kCamera);
     reinterpret_cast<Delete>(slots[kDeletingDestructor])(handler);  // also frees it, or the test leaks
@@ -133,7 +133,7 @@ TEST_F(HandlerLifetime, KeepsTheCompleteDestructorFirst) {
     alignas(WatchedHandler) unsigned char place[sizeof(WatchedHandler)] = {};
     auto* handler = new (place) WatchedHandler(&m_request, &m_response, m_steps);
     const Slot* slots = nullptr;
-    std::memcpy(&slots, handler, sizeof slots);
+    std::memcpy(&slots, static_cast<const void*>(handler), sizeof slots);
     reinterpret_cast<Destroy>(slots[0])(handler);
     EXPECT_EQ(m_steps, Steps{"handler"});
 }

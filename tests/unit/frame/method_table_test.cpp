@@ -14,15 +14,19 @@ namespace {
 constexpr std::size_t kWordsPerRow = 4;
 
 // Not through the row's type: what counts is what a reader finds who knows only the words.
-std::uintptr_t Word(std::size_t row, std::size_t word) {
-    std::uintptr_t value = 0;
+template <class Value>
+Value Read(std::size_t row, std::size_t word) {
+    static_assert(sizeof(Value) == sizeof(void*));
+    Value value{};
     std::memcpy(&value,
                 reinterpret_cast<const char*>(GetAPITable()) + (row * kWordsPerRow + word) * sizeof value,
                 sizeof value);
     return value;
 }
 
-std::string Text(std::size_t row, std::size_t word) { return reinterpret_cast<const char*>(Word(row, word)); }
+std::uintptr_t Word(std::size_t row, std::size_t word) { return Read<std::uintptr_t>(row, word); }
+
+std::string Text(std::size_t row, std::size_t word) { return Read<const char*>(row, word); }
 
 TEST(MethodTable, HoldsTheTwelveMethodsInOrderEachWithItsEntry) {
     struct Row {

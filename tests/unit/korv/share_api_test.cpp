@@ -1,5 +1,6 @@
 // The web APIs of the NAS side as a worker answers them.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -7,6 +8,8 @@
 #include <memory>
 
 #include <json/json.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -16,6 +19,7 @@
 
 #include "korv/services/share_recovery.h"
 #include "korv/system/database.h"
+#include "korv/system/file_descriptor.h"
 #include "korv/system/share_creation.h"
 #include "korv/system/share_store.h"
 #include "korv/system/volume.h"
@@ -72,6 +76,14 @@ int Permit(const std::string& name, const std::string& kind, const std::string& 
     params["user_group_type"] = kind;
     params["permissions"] = Parse(permissions);
     return Code(Call("KORV.Core.Share.Permission", "set", params));
+}
+
+// The flag that chattr calls C.
+bool IsWrittenInPlace(const std::string& folder) {
+    const korv::FileDescriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    int flags = 0;
+    EXPECT_EQ(ioctl(opened.Get(), FS_IOC_GETFLAGS, &flags), 0);
+    return (flags & FS_NOCOW_FL) != 0;
 }
 
 class ShareApiTest : public MachineTest {};
@@ -265,6 +277,8 @@ TEST_F(ShareApiTest, MakesSubvolumesOnBtrfs) {
     EXPECT_EQ(Create(CreateParams("rec", machine::BtrfsVolume())), 0);
     EXPECT_EQ(inodeOf("cow"), kSubvolumeInode);
     EXPECT_EQ(inodeOf("rec"), kSubvolumeInode);
+    EXPECT_FALSE(IsWrittenInPlace(machine::BtrfsVolume() + "/cow"));
+    EXPECT_TRUE(IsWrittenInPlace(machine::BtrfsVolume() + "/rec"));
     EXPECT_EQ(Permit("rec", "system", R"([{"name": "Pavane", "is_writable": true}])"), 0);
     EXPECT_EQ(Create(CreateParams("REC", machine::BtrfsVolume())), 3301);
     fs::create_directory(machine::BtrfsVolume() + "/old");

@@ -253,6 +253,16 @@ TEST_F(ShareCreationTest, ThatCannotBeRecordedIsTakenBack) {
     EXPECT_EQ(korv::CreateShare(Wanted("rec")).end, CreationEnd::kCreated);
 }
 
+TEST_F(ShareCreationTest, WithAFullDatabaseIsToldAsNoSpaceAndLeavesNothing) {
+    int pages = 0;
+    korv::Database() << "pragma page_count", soci::into(pages);
+    korv::Database() << "pragma max_page_count = " << pages;
+    korv::ShareRow wanted = Wanted("rec");
+    wanted.description = std::string(100000, 'x');
+    EXPECT_EQ(korv::CreateShare(wanted).end, CreationEnd::kNoSpace);
+    ExpectNothing(wanted);
+}
+
 TEST_F(ShareCreationTest, OfOneNameBySixtyFourProcessesIsWonByOne) {
     const std::vector<int> ends = machine::InChildren(64, [](int i) {
         Recover();

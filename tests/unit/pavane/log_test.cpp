@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include <sys/stat.h>
@@ -92,6 +93,11 @@ TEST(Log, ARotatedFileIsOpenedAnew) {
     std::filesystem::rename(path, path + ".1");
     EXPECT_TRUE(WaitUntil([&] { return file.Write("after\n") && std::filesystem::exists(path); }));
     EXPECT_EQ(ReadFile(path), "after\n");
+    // Rotation may also put an empty file in its place.
+    std::filesystem::rename(path, path + ".2");
+    std::ofstream(path) << "";
+    EXPECT_TRUE(WaitUntil([&] { return file.Write("again\n") && std::filesystem::file_size(path) > 0; }));
+    EXPECT_EQ(ReadFile(path), "again\n");
     EXPECT_EQ(ReadFile(path + ".1").substr(0, 7), "before\n");
 }
 

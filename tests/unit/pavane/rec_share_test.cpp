@@ -165,6 +165,24 @@ TEST_F(RecShareStore, AForkedProcessLeavesItsParentsConnectionUsable) {
     EXPECT_EQ(share.Save(), 0);
 }
 
+TEST_F(RecShareStore, AfterALostConnectionSavesSucceedAgain) {
+    if (IsSqlite()) {
+        GTEST_SKIP() << "SQLite has no connection to lose";
+    }
+    int backend = 0;
+    Session() << "select pg_backend_pid()", soci::into(backend);
+    const auto terminate = [backend](int) {
+        int ended = 0;
+        pavane::AppDatabase().Session() << "select case when pg_terminate_backend(:id) then 1 else 0 end",
+            soci::into(ended), soci::use(backend);
+        return ended == 1;
+    };
+    ASSERT_EQ(CountSuccesses(1, terminate), 1);
+    RecShare share = MakeShare(0, "rec");
+    EXPECT_TRUE(WaitUntil([&share] { return share.Save() == 0; }));
+    EXPECT_EQ(LoadRecShareFromDB(0).size(), 1U);
+}
+
 TEST_F(RecShareStore, SharedFolderStorageReadsItsTable) {
     Session() << "insert into shared_folder_storage (name, share_id, application_id) values ('a''b', 7, 9)";
     Session() << "insert into shared_folder_storage (name) values ('bare')";
