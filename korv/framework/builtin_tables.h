@@ -15,8 +15,8 @@ const KORV::APITableRow* VolumeTable();           // korv/services/volume_api.cp
 const KORV::APITableRow* MountTable();            // korv/services/mount_api.cpp
 
 inline std::array<const KORV::APITableRow*, 6> BuiltInTables() {
-    return {SessionTable(), ShareTable(), SharePermissionTable(), AppPrivilegeTable(), VolumeTable(),
-            MountTable()};
+    return {SessionTable(),      ShareTable(),  SharePermissionTable(),
+            AppPrivilegeTable(), VolumeTable(), MountTable()};
 }
 
 }  // namespace korv

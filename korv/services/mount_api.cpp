@@ -34,7 +34,8 @@ void Answer(KORV::APIResponse& response, const korv::MountEnd& end, const std::s
         return;
     }
     const int code = static_cast<int>(end.failure);
-    korv::LogLine(what + " failed with " + std::to_string(code) + (end.output.empty() ? "" : ": " + end.output));
+    korv::LogLine(what + " failed with " + std::to_string(code) +
+                  (end.output.empty() ? "" : ": " + end.output));
     response.SetError(code, Json::Value());
 }
 
@@ -61,7 +62,8 @@ void MountFolder(KORV::APIRequest* request, KORV::APIResponse* response) {
     Answer(*response, korv::AddMount(wanted, CallerOf(*request)), "mounting at " + wanted.mountPoint);
 }
 
-// "is_mount_point" says that the path is the mount point itself; a path somewhere below one is not taken for it.
+// "is_mount_point" says that the path is the mount point itself; a path somewhere below one is not taken for
+// it.
 void Unmount(KORV::APIRequest* request, KORV::APIResponse* response) {
     if (!Admit(*request, *response)) {
         return;

@@ -44,7 +44,8 @@ std::vector<MountRow> ForeignMounts(const std::vector<MountRow>& known) {
         const auto share = std::find_if(shares.begin(), shares.end(), [&mount](const ShareRow& each) {
             return mount.mountPoint.rfind(each.Path() + "/", 0) == 0;
         });
-        if ((isNfs || mount.fsType == "cifs" || mount.fsType == "smb3") && !isKnown && share != shares.end()) {
+        if ((isNfs || mount.fsType == "cifs" || mount.fsType == "smb3") && !isKnown &&
+            share != shares.end()) {
             MountRow row;
             row.mountPoint = mount.mountPoint;
             row.share = share->name;

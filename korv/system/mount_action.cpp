@@ -22,7 +22,7 @@
 
 #include "include/run_as_scope.h"
 #include "korv/system/accounts.h"
-#include "korv/system/mount_table.h"
+#include "korv/system/mount_probe.h"
 #include "korv/system/root_child.h"
 #include "korv/system/server_probe.h"
 
@@ -53,8 +53,8 @@ MountEnd EndOf(const ChildEnd& child) {
     if (!child.isInTime) {
         end.failure = MountFailure::kTooSlow;
     } else if (child.exitCode >= 0) {
-        end.failure =
-            child.exitCode == 0 ? MountFailure::kNone : static_cast<MountFailure>(child.exitCode + kFirstCode);
+        end.failure = child.exitCode == 0 ? MountFailure::kNone
+                                          : static_cast<MountFailure>(child.exitCode + kFirstCode);
     }
     return end;
 }
@@ -109,7 +109,7 @@ bool HasHelper(RemoteType type) {
 // Runs libmount. What the helper writes goes to standard error, which is read again for the cause.
 MountFailure RunLibmount(const MountRow& row, const std::string& target, const std::string& helperOutput) {
     const std::unique_ptr<libmnt_context, void (*)(libmnt_context*)> context(mnt_new_context(),
-                                                                              mnt_free_context);
+                                                                             mnt_free_context);
     if (context == nullptr || mnt_context_set_fstype(context.get(), TextOf(row.type)) != 0 ||
         mnt_context_set_source(context.get(), row.source.c_str()) != 0 ||
         mnt_context_set_target(context.get(), target.c_str()) != 0 ||
@@ -117,7 +117,8 @@ MountFailure RunLibmount(const MountRow& row, const std::string& target, const s
         return MountFailure::kFailed;
     }
     mnt_context_disable_mtab(context.get(), 1);
-    const FileDescriptor output(open(helperOutput.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kPrivateFile));
+    const FileDescriptor output(
+        open(helperOutput.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, kPrivateFile));
     const FileDescriptor usual(dup(STDERR_FILENO));
     dup2(output.Get(), STDERR_FILENO);
     const int result = mnt_context_mount(context.get());
@@ -127,12 +128,15 @@ MountFailure RunLibmount(const MountRow& row, const std::string& target, const s
     text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
     dprintf(STDERR_FILENO, "%s", text.c_str());
     unlink(helperOutput.c_str());
-    if (result == 0 && mnt_context_get_status(context.get()) == 1) {
+    // libmount counts a helper that ran as a success, however it ended.
+    const bool isHelped = mnt_context_helper_executed(context.get()) == 1;
+    if (result == 0 && (isHelped ? mnt_context_get_helper_status(context.get()) == 0
+                                 : mnt_context_get_status(context.get()) == 1)) {
         return MountFailure::kNone;
     }
-    const int error = mnt_context_syscall_called(context.get()) == 1 ? mnt_context_get_syscall_errno(context.get()) : 0;
     const bool isCifs = row.type == RemoteType::kCifs;
-    return error != 0 ? FailureOfErrno(isCifs, error) : FailureOfHelper(isCifs, text);
+    return !isHelped ? FailureOfErrno(isCifs, mnt_context_get_syscall_errno(context.get()))
+                     : FailureOfHelper(isCifs, text);
 }
 
 bool IsMountRoot(const std::string& path) {
@@ -206,16 +210,15 @@ void ClearStaging(const std::string& token) {
 }
 
 MountFailure UnmountWork(const MountPlace& place, bool isForced) {
-    const auto isThere = [&place] {
-        const auto along = MountsAlong(place.Path());
-        return !along.empty() && along.back()->mountPoint == place.Path();
-    };
+    if (!IsMounted(place.Path())) {
+        return MountFailure::kNone;
+    }
     const FileDescriptor above = OpenAbove(place);
     if (!above || fchdir(above.Get()) != 0) {
         return MountFailure::kFailed;
     }
     const std::string name = LastPart(place.below);
-    while (isThere()) {
+    while (IsMounted(place.Path())) {
         if (isForced && umount2(name.c_str(), MNT_FORCE | UMOUNT_NOFOLLOW) == 0) {
             continue;
         }
@@ -247,8 +250,8 @@ void KeepAccount(const std::string& token, const MountAccount& account) {
     }
     const FileDescriptor file(
         open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kPrivateFile));
-    const bool isWritten = file && write(file.Get(), text.data(), text.size()) ==
-                                       static_cast<ssize_t>(text.size()) &&
+    const bool isWritten = file &&
+                           write(file.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
                            fsync(file.Get()) == 0;
     const int error = errno;
     explicit_bzero(text.data(), text.size());

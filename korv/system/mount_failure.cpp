@@ -10,6 +10,9 @@ namespace korv {
 
 namespace {
 
+// Stands for a name that nobody knows; the kernel has no number for that.
+constexpr int kNoSuchHost = -1;
+
 struct Words {
     const char* words;
     int error;
@@ -18,9 +21,9 @@ struct Words {
 // What helpers write instead of a number, in lower case; the first that is found decides, so that the
 // particular stands before the general.
 constexpr std::array<Words, 20> kWords{{
-    {"could not resolve address", EHOSTDOWN},
-    {"name or service not known", EHOSTDOWN},
-    {"failed to resolve server", EHOSTDOWN},
+    {"could not resolve address", kNoSuchHost},
+    {"name or service not known", kNoSuchHost},
+    {"failed to resolve server", kNoSuchHost},
     {"no route to host", EHOSTUNREACH},
     {"network is unreachable", EHOSTUNREACH},
     {"connection timed out", ETIMEDOUT},
@@ -66,8 +69,9 @@ MountFailure FailureOfErrno(bool isCifs, int error) {
             return MountFailure::kWrongAccount;
         case EPERM:
             return MountFailure::kAccessDenied;
-        case EHOSTDOWN:
+        case kNoSuchHost:
             return MountFailure::kUnknownHost;
+        case EHOSTDOWN:
         case ETIMEDOUT:
         case EINPROGRESS:
         case EHOSTUNREACH:

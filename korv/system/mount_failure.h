@@ -32,8 +32,8 @@ enum class MountFailure : int {
     kTooSlow = 441,
 };
 
-// The cause behind what a mount helper wrote, by the kernel's error number in it ("mount error(13): ...") or by
-// its words; kFailed for a text that tells none.
+// The cause behind what a mount helper wrote, by the kernel's error number in it ("mount error(13): ...") or
+// by its words; kFailed for a text that tells none.
 //   isCifs  with CIFS a refused permission means the account, with NFS this machine's address
 MountFailure FailureOfHelper(bool isCifs, const std::string& output);
 

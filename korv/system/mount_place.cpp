@@ -16,11 +16,11 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
+#include "platform/korv/configuration.h"
+
 #include "korv/system/accounts.h"
 #include "korv/system/acl.h"
 #include "korv/system/share_folder.h"
-
-#include "platform/korv/configuration.h"
 
 namespace korv {
 
@@ -72,7 +72,7 @@ std::string ParentOf(const std::string& below) {
 
 int TryOpen(int share, const std::string& below) {
     open_how how{};
-    how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW;
+    how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV;
     return static_cast<int>(syscall(SYS_openat2, share, below.c_str(), &how, sizeof how));
 }
@@ -104,9 +104,8 @@ bool MayWrite(int folder, const MountCaller& caller) {
     if (!account || fstat(folder, &facts) != 0) {
         return false;
     }
-    const unsigned rights =
-        EffectiveRights(ReadAcl(folder, ACL_TYPE_ACCESS), {facts.st_uid, facts.st_gid},
-                        {false, account->uid, GroupsOf(*account)});
+    const unsigned rights = EffectiveRights(ReadAcl(folder, ACL_TYPE_ACCESS), {facts.st_uid, facts.st_gid},
+                                            {false, account->uid, GroupsOf(*account)});
     return (rights & (kAclWrite | kAclExecute)) == (kAclWrite | kAclExecute);
 }
 
@@ -165,7 +164,8 @@ void Unguard(int folder, const MountFolderState& state) {
 
 // Opens the mount point, or makes it where only its last part is missing. What is made belongs to the caller,
 // if there is such an account.
-OpenedPlace OpenOrMake(int share, const MountPlace& place, const MountCaller& caller, MountFolderState& state) {
+OpenedPlace OpenOrMake(int share, const MountPlace& place, const MountCaller& caller,
+                       MountFolderState& state) {
     OpenedPlace opened;
     opened.folder = FileDescriptor(TryOpen(share, place.below));
     if (opened.folder) {

@@ -12,8 +12,8 @@
 #include "korv/system/mount_record.h"
 #include "korv/system/share_store.h"
 
-// Folders inside shares on which remote folders are mounted. Everything but FindMountPlaces runs as root, in a
-// child: a path may lead along a server that is gone. No link is ever followed.
+// Folders inside shares on which remote folders are mounted. Everything but FindMountPlaces runs as root, in
+// a child: a path may lead along a server that is gone. No link is ever followed.
 namespace korv {
 
 struct MountPlace {

@@ -89,7 +89,8 @@ void Look(const std::string& path, MountFacts& facts) {
 class PendingLook {
 public:
     explicit PendingLook(const std::string& path)
-        : m_facts(NewFacts()), m_child([path, facts = m_facts.get()] { return Work(path, *facts); }, kDeadline) {}
+        : m_facts(NewFacts()),
+          m_child([path, facts = m_facts.get()] { return Work(path, *facts); }, kDeadline) {}
 
     MountFacts Result() { return m_child.Wait().exitCode == 0 ? *m_facts : MountFacts{}; }
 

@@ -6,8 +6,8 @@
 
 #include "korv/system/volume.h"
 
-// Looking at mounts of servers that may be gone: each look is a child with a deadline, and a mount at which one
-// still hangs isn't looked at again, by whichever process.
+// Looking at mounts of servers that may be gone: each look is a child with a deadline, and a mount at which
+// one still hangs isn't looked at again, by whichever process.
 namespace korv {
 
 enum class MountSight {

@@ -166,7 +166,8 @@ void SaveMountRow(const MountRow& row) {
         " owner = :owner, auto_mount = :auto_mount, state = :state, maker_pid = :maker_pid,"
         " maker_start = :maker_start, maker_boot_id = :maker_boot_id, is_folder_made = :is_folder_made,"
         " guard = :guard, guard_mode = :guard_mode, status = :status, last_error = :last_error,"
-        " failures = :failures, next_try_s = :next_try_s where mount_point = :mount_point and token = :token");
+        " failures = :failures, next_try_s = :next_try_s where mount_point = :mount_point and token = "
+        ":token");
 }
 
 void SaveMountStatus(const MountRow& row) {

@@ -29,8 +29,8 @@ bool IsHost(const std::string& host, const char* others) {
     return !host.empty() && host.size() <= kLongestHost && host.front() != '-' && host.front() != '.' &&
            std::all_of(host.begin(), host.end(), [others](unsigned char letter) {
                return letter != '\0' &&
-                      (std::isalnum(letter) != 0 || std::string(others).find(static_cast<char>(letter)) !=
-                                                        std::string::npos);
+                      (std::isalnum(letter) != 0 ||
+                       std::string(others).find(static_cast<char>(letter)) != std::string::npos);
            });
 }
 
@@ -89,7 +89,8 @@ std::optional<MountSource> ParseNfs(std::string text) {
 bool IsNumber(const std::string& value) {
     constexpr std::size_t kMostDigits = 9;
     return !value.empty() && value.size() <= kMostDigits &&
-           std::all_of(value.begin(), value.end(), [](unsigned char digit) { return std::isdigit(digit) != 0; });
+           std::all_of(value.begin(), value.end(),
+                       [](unsigned char digit) { return std::isdigit(digit) != 0; });
 }
 
 int NumberOf(const std::string& value) {
@@ -184,7 +185,9 @@ std::string Trimmed(const std::string& text) {
     return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(' ') - first + 1);
 }
 
-void Add(std::string& options, const std::string& option) { options += (options.empty() ? "" : ",") + option; }
+void Add(std::string& options, const std::string& option) {
+    options += (options.empty() ? "" : ",") + option;
+}
 
 bool AddNfsVersion(const MountWishes& wishes, std::string& options) {
     static const std::array<const char*, 6> kVersions{"", "3", "4", "4.0", "4.1", "4.2"};

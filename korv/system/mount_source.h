@@ -44,9 +44,9 @@ struct MountWishes {
     std::string protocol;
 };
 
-// The wishes as options without blanks, separated by commas, or none when one of them is not allowed: only options from a
-// list that cannot change who may do what on this machine (so no suid, dev, exec, uid, credentials, ...), each
-// with a value of the right form, each once.
+// The wishes as options without blanks, separated by commas, or none when one of them is not allowed: only
+// options from a list that cannot change who may do what on this machine (so no suid, dev, exec, uid,
+// credentials, ...), each with a value of the right form, each once.
 std::optional<std::string> AllowedOptions(const MountWishes& wishes);
 
 // The port that the options, separated by commas, name, or that of the type (445, 2049).

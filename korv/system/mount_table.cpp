@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <new>
 #include <optional>
 #include <sstream>
 
@@ -123,6 +124,9 @@ const std::vector<Mount>& ListMounts() {
     MountList& list = ProcessMountList();
     const bool isOurs = list.file && list.opener == getpid();
     if (!isOurs) {
+        // Forgotten, not closed: a child may have closed what it inherited and use the number for something
+        // else.
+        new (&list.file) FileDescriptor();
         list.file = FileDescriptor(open(kMountList, O_RDONLY | O_CLOEXEC));
         list.opener = getpid();
     }

@@ -129,7 +129,8 @@ MountEnd MountAndKeep(MountRow& row, const MountPlace& place, const MountAccount
 }
 
 // The known mount that `path` means, if the caller may manage it.
-std::optional<MountRow> FindManaged(const std::string& path, const MountCaller& caller, MountFailure& failure) {
+std::optional<MountRow> FindManaged(const std::string& path, const MountCaller& caller,
+                                    MountFailure& failure) {
     std::optional<MountRow> row;
     for (const MountPlace& place : FindMountPlaces(path, failure)) {
         row = row ? row : FindMountRow(place.Path());
@@ -322,8 +323,9 @@ std::vector<MountChange> CareForMounts(long long now_s) {
         NoteSight(row, sight == MountSight::kAlive);
         if (sight != MountSight::kAlive && IsDue(row, now_s)) {
             const MountEnd end = TryAgain(row, now_s);
-            text += row.isNormal ? " and was mounted again"
-                                 : ", code " + std::to_string(static_cast<int>(end.failure)) + ": " + end.output;
+            text += row.isNormal
+                        ? " and was mounted again"
+                        : ", code " + std::to_string(static_cast<int>(end.failure)) + ": " + end.output;
         }
         if (row.isNormal != wasNormal) {
             changes.push_back({row.mountPoint, row.isNormal, text});

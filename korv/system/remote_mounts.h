@@ -34,7 +34,8 @@ MountEnd RemoveMount(const std::string& path, const MountCaller& caller);
 // Mounts what is known at `path` again unless it is alive; what is dead or stale there is taken away first.
 MountEnd ReconnectMount(const std::string& path, const MountCaller& caller);
 
-// Finishes or undoes what processes that died have left half done. Returns what could not be done, for the log.
+// Finishes or undoes what processes that died have left half done. Returns what could not be done, for the
+// log.
 std::vector<std::string> RecoverMounts();
 
 // A mount whose state is not what it was.

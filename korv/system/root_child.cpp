@@ -28,7 +28,7 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr std::size_t kLongestOutput = std::size_t{64} * 1024;
-constexpr int kBroken = 125;          // the exit status of a child that could not do its work
+constexpr int kBroken = 125;             // the exit status of a child that could not do its work
 constexpr milliseconds kDeathWait(200);  // for a killed child; one that needs longer is held by the kernel
 
 // Children that did not die when they were killed; they are looked for again before the next one starts.
