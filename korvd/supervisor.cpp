@@ -10,6 +10,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include <sys/wait.h>
 
@@ -47,6 +48,16 @@ int RecoverShares() {
     korv::RecoverShares();
     korv::RecoverMountsAtStart();
     return EXIT_SUCCESS;
+}
+
+// A worker that died may have left a share half made, whose name nobody can use until it is put in order. Its
+// successor does that, still as root, before it serves; when it can't, the others' creations try again.
+void RecoverAfterDeath() {
+    try {
+        korv::RecoverShares();
+    } catch (const std::exception& error) {
+        korv::LogLine(std::string("the recovery of shares failed: ") + error.what());
+    }
 }
 
 }  // namespace
@@ -138,9 +149,13 @@ void Supervisor::StartWorker(Child& child) {
     const bool isPublic = child.role == Role::kPublicWorker;
     const int listenFd = (isPublic ? m_publicSocket : m_peerSocket).Get();
     const int otherFd = (isPublic ? m_peerSocket : m_publicSocket).Get();
+    const bool isSuccessorOfTheDead = std::exchange(child.isOfTheDead, false);
     child.started = Clock::now();
-    child.pid = Fork([this, isPublic, listenFd, otherFd] {
+    child.pid = Fork([this, isPublic, listenFd, otherFd, isSuccessorOfTheDead] {
         close(otherFd);
+        if (isSuccessorOfTheDead) {
+            RecoverAfterDeath();
+        }
         return korv::RunWorker(
             {isPublic ? korv::Pool::kPublic : korv::Pool::kPeer, listenFd, m_settings.workers.recycleAfter});
     });
@@ -186,6 +201,7 @@ void Supervisor::NoteDeath(Child& child, int status) {
     const bool isExpected = WIFEXITED(status) && WEXITSTATUS(status) == korv::kWorkerDone;
     const bool isOld = Clock::now() - child.started >= kGoodLife;
     child.pid = 0;
+    child.isOfTheDead = !isExpected;
     child.delay =
         isExpected || isOld ? milliseconds(0) : std::clamp(child.delay * 2, kFirstDelay, kLongestDelay);
     if (child.role == Role::kNginx) {

@@ -29,7 +29,8 @@ private:
 
     struct Child {
         Role role;
-        pid_t pid = 0;  // 0 = not running, to be started at `due`
+        pid_t pid = 0;             // 0 = not running, to be started at `due`
+        bool isOfTheDead = false;  // its last process did not end by itself
         Clock::time_point started{};
         Clock::time_point due{};
         std::chrono::milliseconds delay{0};

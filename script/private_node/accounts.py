@@ -112,8 +112,3 @@ def bind_files(folder):
             subprocess.run(["mount", "--bind", os.path.join(folder, name), f"/etc/{name}"], check=True)
     if os.path.isdir("/run/nscd"):  # a name cache would answer with the machine's own accounts
         subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/run/nscd"], check=True)
-
-
-def service_ids():
-    """The user and group id of the account that workers lower themselves to."""
-    return _SERVICE_ID, _SERVICE_ID

@@ -1,5 +1,6 @@
 """The configuration file of a private node."""
 
+import json
 import os
 
 from private_node import accounts
@@ -8,6 +9,11 @@ from private_node.volumes import VOLUMES
 # Where a node's state folder appears inside its mount namespace. A fixed, short path: the service user reaches it
 # wherever the folder really is (below /root, say), and socket paths stay within their limit.
 INSIDE = "/srv/pavane"
+
+
+def _open_private(path, flags):
+    """The connection string of a database may hold a password."""
+    return os.open(path, flags, 0o600)
 
 
 def write(options):
@@ -19,7 +25,7 @@ def write(options):
         f"log_dir: {INSIDE}/log",
         f"service_user: {accounts.SERVICE_USER}",
         f"volumes: [{', '.join(VOLUMES)}]",
-        f'database: "{options.database}"',
+        f"database: {json.dumps(options.database)}",
         f"samba_include: {INSIDE}/state/samba-shares.conf",
         "modules:",
         *(f"  - {module}" for module in modules),
@@ -28,14 +34,6 @@ def write(options):
     if options.settings:
         with open(options.settings, encoding="utf-8") as file:
             lines.append(file.read())
-    with open(os.path.join(options.state, "pavane.yaml"), "w", encoding="utf-8") as file:
+    path = os.path.join(options.state, "pavane.yaml")
+    with open(path, "w", encoding="utf-8", opener=_open_private) as file:
         file.write("\n".join(lines) + "\n")
-
-
-def make_folders(folder):
-    """Makes what the configuration names; the databases' folder belongs to the service user alone."""
-    for name, mode in (("state", 0o700), ("run", 0o755), ("log", 0o755)):
-        path = os.path.join(folder, name)
-        os.makedirs(path, exist_ok=True)
-        os.chmod(path, mode)
-    os.chown(os.path.join(folder, "state"), *accounts.service_ids())

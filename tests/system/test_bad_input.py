@@ -177,6 +177,7 @@ def test_a_read_only_volume_is_refused(node, admin, unchanged):
 
 
 def test_a_full_volume_is_refused(node, admin, unchanged):
+    node.allow("No space left on device")
     node.allow("Failed to create share with error|Failed to execute function after relay")
     node.inside("mkdir", "/volume1/lost+found/ballast")
     try:

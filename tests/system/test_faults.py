@@ -87,7 +87,7 @@ def finish(node, client, name):
 
 def test_a_worker_killed_at_any_step_of_a_creation_leaves_an_understandable_state(single_worker_node):
     node = single_worker_node
-    node.allow("signal 9|killed|Killed|recv\\(\\) failed|prematurely closed|put shares in order|recover|took back|undone")
+    node.allow("RecShare of RV 0 is empty|signal 9|killed|Killed|recv\\(\\) failed|prematurely closed|put shares in order|recover|took back|undone")
     client = node.client("admin")
     for step in range(1, _MOST_STEPS):
         name = f"step{step}"
@@ -110,7 +110,7 @@ def test_a_worker_killed_at_any_step_of_a_creation_leaves_an_understandable_stat
 
 
 def test_a_killed_supervisor_is_answered_503_until_it_is_back(node, admin):
-    node.allow("starting it again|signal|refused|No such file|prematurely|recv\\(\\) failed|korvd\\.log|stderr")
+    node.allow("RecShare of RV 0 is empty|starting it again|connect\\(\\) to|signal|refused|No such file|prematurely|recv\\(\\) failed|an earlier korvd left|korvd (serves|ends)")
     os.kill(node.korvd, signal.SIGKILL)
     statuses = set()
 

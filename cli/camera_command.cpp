@@ -1,0 +1,129 @@
+// `pavane camera import` and `list`.
+
+#include <algorithm>
+#include <charconv>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "cli/camera_file.h"
+#include "cli/command.h"
+
+namespace cli {
+
+namespace {
+
+constexpr const char* kApi = "KORV.Pavane.Camera";
+constexpr std::size_t kBatch_bytes = 900UL * 1024;  // the server takes requests of 1 MiB
+constexpr int kPage = 1000;                         // and gives lists by pages of this length
+
+std::string ReadFile(const std::string& path) {
+    std::ostringstream text;
+    if (path == "-") {
+        text << std::cin.rdbuf();
+        return text.str();
+    }
+    std::ifstream file(path, std::ios::binary);
+    if (!file || !(text << file.rdbuf())) {
+        throw InputError("cannot read " + path);
+    }
+    return text.str();
+}
+
+// The server names a camera by its place in the request ("cameras[3].name"); people know it by its place in
+// the file.
+void PointIntoFile(Refused& refused, const std::vector<CameraEntry>& entries, std::size_t first) {
+    static const std::string kPrefix = "cameras[";
+    const std::string parameter = refused.details.isObject() ? Cell(refused.details, "param1") : "";
+    std::size_t index = 0;
+    const char* const end = parameter.data() + parameter.size();
+    if (parameter.compare(0, kPrefix.size(), kPrefix) == 0 &&
+        std::from_chars(parameter.data() + kPrefix.size(), end, index).ec == std::errc() &&
+        index < entries.size() - first) {
+        refused.details["param1"] = entries[first + index].place + ": " +
+                                    parameter.substr(std::min(parameter.find('.'), parameter.size() - 1) + 1);
+    }
+}
+
+void Import(const Context& context, const std::string& path) {
+    const std::vector<CameraEntry> entries = ReadCameras(ReadFile(path));
+    Client client = context.MakeClient();
+    std::size_t done = 0;
+    while (done < entries.size()) {
+        const std::size_t end = done + BatchLength(entries, done, kBatch_bytes);
+        Json::Value parameters(Json::objectValue);
+        Json::Value& cameras = parameters["cameras"] = Json::Value(Json::arrayValue);
+        for (std::size_t i = done; i < end; ++i) {
+            cameras.append(entries[i].camera);
+        }
+        try {
+            client.Call(kApi, "import", parameters);
+        } catch (Refused& refused) {
+            PointIntoFile(refused, entries, done);
+            if (done > 0) {
+                std::cerr << "pavane: the first " << done << " cameras were imported\n";
+            }
+            throw;
+        }
+        done = end;
+    }
+    if (context.json) {
+        Json::Value data(Json::objectValue);
+        data["imported"] = Json::UInt64{done};
+        PrintJson(data);
+    } else {
+        PrintLine(std::to_string(done) + (done == 1 ? " camera" : " cameras") + " imported");
+    }
+}
+
+void List(const Context& context) {
+    Client client = context.MakeClient();
+    Json::Value all(Json::objectValue);
+    Json::Value& cameras = all["cameras"] = Json::Value(Json::arrayValue);
+    Json::Value page;
+    do {
+        Json::Value parameters(Json::objectValue);
+        parameters["offset"] = cameras.size();
+        parameters["limit"] = kPage;
+        page = client.Call(kApi, "list", parameters);
+        for (const Json::Value& camera : page["cameras"]) {
+            cameras.append(camera);
+        }
+    } while (!page["cameras"].empty() && cameras.size() < page["total"].asUInt());
+    all["total"] = cameras.size();
+    if (context.json) {
+        PrintJson(all);
+        return;
+    }
+    Table table({{"ID", Align::kRight}, {"NAME"}, {"SERVER", Align::kRight}, {"RECORDS INTO"}});
+    for (const Json::Value& camera : cameras) {
+        table.Add({Cell(camera, "id"), Cell(camera, "name"), Cell(camera, "ownerRvId"),
+                   Cell(camera, "recordingPath")});
+    }
+    PrintTable(table);
+}
+
+}  // namespace
+
+void AddCameraCommands(CLI::App& app, Context& context) {
+    CLI::App* const camera = app.add_subcommand("camera", "Cameras that record into the shares");
+    camera->require_subcommand(1);
+    const auto path = std::make_shared<std::string>();
+    CLI::App* const import = camera->add_subcommand("import", "Register cameras from a CSV or JSON file");
+    import
+        ->add_option("file", *path,
+                     "The file; CSV has the header name,recording_path[,owner]; - = standard input")
+        ->required();
+    import->callback([&context, path] { context.chosen = [&context, path] { Import(context, *path);
+};
+}  // namespace cli
+);
+camera->add_subcommand("list", "List the cameras")->callback([&context] {
+    context.chosen = [&context] { List(context); };
+});
+}
+
+}  // namespace cli

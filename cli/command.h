@@ -1,0 +1,51 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "cli/client.h"
+#include "cli/table.h"
+
+namespace cli {
+
+// What the person gave us cannot be used: a file, a password. Ends with the status of a usage error.
+class InputError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// What every command needs.
+struct Context {
+    std::string url = "http://127.0.0.1:5080";  // of the server
+    std::string certificateFile;                // authorities for https; empty = the machine's own
+    bool json = false;                          // answer as raw data for programs
+    std::function<void()> chosen;  // what the command line asked for; set by the command that was parsed
+
+    [[nodiscard]] Client MakeClient() const;
+};
+
+// Each adds its commands to `app`; when one of them is parsed it leaves its action in `context.chosen`.
+void AddSessionCommands(CLI::App& app, Context& context);
+void AddShareCommands(CLI::App& app, Context& context);
+void AddCameraCommands(CLI::App& app, Context& context);
+void AddEventCommands(CLI::App& app, Context& context);
+void AddLogCommands(CLI::App& app, Context& context);
+void AddServiceCommands(CLI::App& app, Context& context);
+
+// Prints the server's data as they are. Everything beyond ASCII is escaped.
+void PrintJson(const Json::Value& data);
+void PrintTable(const Table& table);
+// One sentence for people; made printable.
+void PrintLine(const std::string& text);
+
+// The text or the whole number under `key` as a table shows it; "" when it is absent.
+std::string Cell(const Json::Value& row, const char* key);
+
+// What the server's code means and what to do about it, for standard error.
+std::string DescribeRefusal(const Refused& refused);
+
+}  // namespace cli

@@ -1,0 +1,59 @@
+// `pavane`, the command line of a recorder. Talks HTTP only.
+// Ends with 0; 1 when the server refused or could not be reached; 2 when the command can't be used so.
+
+#include <exception>
+#include <iostream>
+
+#include "cli/command.h"
+#include "cli/printable.h"
+
+namespace {
+
+constexpr int kRefused = 1;
+constexpr int kUsage = 2;
+
+int Run(int argc, char** argv) {
+    cli::Context context;
+    CLI::App app("Manages the recording shares of a recorder.", "pavane");
+    app.require_subcommand(1);
+    app.fallthrough();  // the options below may also stand after the command
+    app.add_option("--url", context.url, "The recorder's address")
+        ->envname("PAVANE_URL")
+        ->capture_default_str();
+    app.add_option("--cacert", context.certificateFile, "Certificate to trust for https");
+    app.add_flag("--json", context.json, "Print the server's data for programs");
+    cli::AddSessionCommands(app, context);
+    cli::AddShareCommands(app, context);
+    cli::AddCameraCommands(app, context);
+    cli::AddEventCommands(app, context);
+    cli::AddLogCommands(app, context);
+    cli::AddServiceCommands(app, context);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : kUsage;
+    }
+    context.chosen();
+    return std::cout.flush() ? 0 : kRefused;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Run(argc, argv);
+    } catch (const cli::Refused& refused) {
+        std::cerr << "pavane: " << cli::DescribeRefusal(refused) << '\n';
+        return kRefused;
+    } catch (const cli::Unreachable& unreachable) {
+        std::cerr << "pavane: the server can't be reached: " << cli::MakePrintable(unreachable.what()).text
+                  << '\n';
+        return kRefused;
+    } catch (const cli::InputError& error) {
+        std::cerr << "pavane: " << cli::MakePrintable(error.what()).text << '\n';
+        return kUsage;
+    } catch (const std::exception& error) {
+        std::cerr << "pavane: " << cli::MakePrintable(error.what()).text << '\n';
+        return kRefused;
+    }
+}

@@ -1,0 +1,178 @@
+// `pavane share list` and `create`.
+
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "cli/command.h"
+#include "cli/password.h"
+
+namespace cli {
+
+namespace {
+
+constexpr const char* kApi = "KORV.Pavane.Share";
+constexpr int kEncrypted = 2;
+constexpr int kLocked = 1;
+
+struct ListOptions {
+    bool migrating = false;
+    bool locked = false;
+    bool abnormal = false;
+    int server = 0;
+};
+
+struct CreateOptions {
+    std::string name;
+    std::string volume;
+    std::string description;
+    bool adopt = false;
+    bool visible = false;
+    bool hidden = false;
+    bool encrypt = false;
+    std::optional<int> limitGB;
+    int server = 0;
+    PasswordSource password;
+};
+
+std::string FileSystemName(int type) {
+    switch (type) {
+        case 1:
+            return "ext4";
+        case 2:
+            return "btrfs";
+        case 3:
+            return "xfs";
+        case 10:
+            return "nfs";
+        case 11:
+            return "cifs";
+        case 99:
+            return "other";
+        default:
+            return "unknown";
+    }
+}
+
+std::string SizeText(double size) {
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%.1f", size);
+    return text.data();
+}
+
+// What is special about a share, in words.
+std::string StateOf(const Json::Value& share) {
+    std::string state;
+    const auto add = [&state](bool isSo, const char* word) {
+        if (isSo) {
+            state += (state.empty() ? "" : ", ") + std::string(word);
+        }
+    };
+    add(share["blHidden"].asBool(), "hidden");
+    add(share["blMigrating"].asBool(), "migrating");
+    add(share["encType"].asInt() == kLocked, "locked");
+    add(share["encType"].asInt() == kEncrypted, "encrypted");
+    add(share["mountStatus"].asInt() != 0, "mount failed");
+    return state;
+}
+
+void List(const Context& context, const ListOptions& options) {
+    Json::Value parameters(Json::objectValue);
+    parameters["blIncldMigrating"] = options.migrating;
+    parameters["blIncldEncUnmount"] = options.locked;
+    parameters["blIncldRemoteAbnormal"] = options.abnormal;
+    parameters["rvId"] = options.server;
+    const Json::Value data = context.MakeClient().Call(kApi, "ListRecShare", parameters);
+    if (context.json) {
+        PrintJson(data);
+        return;
+    }
+    Table table({{"ID", Align::kRight},
+                 {"NAME"},
+                 {"PATH"},
+                 {"SERVER", Align::kRight},
+                 {"FILES"},
+                 {"SIZE GB", Align::kRight},
+                 {"LIMIT GB", Align::kRight},
+                 {"CAMERAS", Align::kRight},
+                 {"STATE"},
+                 {"DESCRIPTION"}});
+    for (const Json::Value& share : data["sharelist"]) {
+        table.Add({Cell(share, "shareId"), Cell(share, "shareName"), Cell(share, "sharePath"),
+                   Cell(share, "shareRvId"), FileSystemName(share["volumeFormat"].asInt()),
+                   SizeText(share["quota"].asDouble()),
+                   share["enableRecLimit"].asBool() ? Cell(share, "recLimitGB") : "-", Cell(share, "camCnt"),
+                   StateOf(share), Cell(share, "description")});
+    }
+    PrintTable(table);
+}
+
+void Create(const Context& context, const CreateOptions& options) {
+    Json::Value parameters(Json::objectValue);
+    parameters["shareName"] = options.name;
+    parameters["volume"] = options.volume;
+    parameters["description"] = options.description;
+    parameters["blAddExistShare"] = options.adopt;
+    parameters["blHideShare"] = !options.visible;
+    parameters["rvId"] = options.server;
+    parameters["blRecLimit"] = options.limitGB.has_value();
+    if (options.limitGB.has_value()) {
+        parameters["recLimitGB"] = *options.limitGB;
+    }
+    if (options.encrypt) {
+        parameters["blEncryption"] = true;
+        parameters["encPasswd"] = options.password.Read("Password of the encrypted share: ");
+    }
+    const Json::Value data = context.MakeClient().Call(kApi, "CreateRecShare", parameters);
+    if (context.json) {
+        PrintJson(data);
+    } else {
+        PrintLine("recording share " + Cell(data, "id") + ": " + options.volume + "/" + options.name);
+    }
+}
+
+void AddList(CLI::App& share, Context& context) {
+    const auto options = std::make_shared<ListOptions>();
+    CLI::App* const list = share.add_subcommand("list", "List the recording shares");
+    list->add_flag("--migrating", options->migrating, "Also shares whose recordings are being moved");
+    list->add_flag("--locked", options->locked, "Also encrypted shares that are not unlocked");
+    list->add_flag("--abnormal", options->abnormal, "Also remote shares whose mount failed");
+    list->add_option("--server", options->server, "Only those of this recording server")
+        ->check(CLI::NonNegativeNumber);
+    list->callback(
+        [&context, options] { context.chosen = [&context, options] { List(context, *options); }; });
+}
+
+void AddCreate(CLI::App& share, Context& context) {
+    constexpr int kMostGB = 1 << 30;
+    const auto options = std::make_shared<CreateOptions>();
+    CLI::App* const create = share.add_subcommand("create", "Make a folder of a volume a recording share");
+    create->add_option("name", options->name, "Name of the folder")->required();
+    create->add_option("--volume", options->volume, "Path of the volume, e.g. /volume1")->required();
+    create->add_option("--description", options->description, "What the share is for");
+    create->add_flag("--adopt", options->adopt, "Use a folder that exists");
+    CLI::Option* const visible =
+        create->add_flag("--visible", options->visible, "Show it when the network is browsed");
+    create->add_flag("--hidden", options->hidden, "Do not show it (the default)")->excludes(visible);
+    create->add_option("--limit-gb", options->limitGB, "Delete the oldest recordings beyond this size")
+        ->check(CLI::Range(1, kMostGB));
+    create->add_option("--server", options->server, "Id of the recording server that is to own it")
+        ->check(CLI::NonNegativeNumber);
+    create->add_flag("--encrypt", options->encrypt, "Encrypt it with a password");
+    options->password.AddOptions(*create);
+    create->callback(
+        [&context, options] { context.chosen = [&context, options] { Create(context, *options); }; });
+}
+
+}  // namespace
+
+void AddShareCommands(CLI::App& app, Context& context) {
+    CLI::App* const share = app.add_subcommand("share", "Recording shares");
+    share->require_subcommand(1);
+    AddList(*share, context);
+    AddCreate(*share, context);
+}
+
+}  // namespace cli
