@@ -3,6 +3,7 @@
 #include <list>
 #include <map>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include <json/json.h>
@@ -14,9 +15,25 @@
 
 namespace {
 
-// Owning server, then storage folder.
+// Owning server, then storage folder, compared bytewise.
 using FolderKey = std::pair<int, std::string>;
-using CameraCounts = std::map<FolderKey, int>;
+using FolderView = std::pair<int, std::string_view>;
+
+// Finds a folder by a view of its path, without a copy: most cameras record into a folder that is known
+// already.
+struct FolderLess {
+    using is_transparent = void;
+
+    static FolderView View(const FolderKey& key) { return key; }
+    static FolderView View(const FolderView& view) { return view; }
+
+    template <class Left, class Right>
+    bool operator()(const Left& left, const Right& right) const {
+        return View(left) < View(right);
+    }
+};
+
+using CameraCounts = std::map<FolderKey, int, FolderLess>;
 
 struct ListFilter {
     bool withMigrating;
@@ -25,7 +42,12 @@ struct ListFilter {
 };
 
 // The folder above a camera's own; a path without a slash stays as it is.
-std::string FolderAbove(const std::string& path) { return path.substr(0, path.rfind('/')); }
+std::string_view FolderAbove(std::string_view path) { return path.substr(0, path.rfind('/')); }
+
+int& CountOf(CameraCounts& counts, const FolderView& folder) {
+    const auto known = counts.find(folder);
+    return known != counts.end() ? known->second : counts[FolderKey(folder)];
+}
 
 CameraCounts CountCamerasByFolder() {
     CamFilterRule filter;
@@ -33,9 +55,9 @@ CameraCounts CountCamerasByFolder() {
     int count = 0;
     CameraCounts counts;
     for (const Camera& camera : CamGetList(filter, count, false)) {
-        std::string folder = FolderAbove(camera.GetStoragePath());
+        const std::string_view folder = FolderAbove(camera.GetStoragePath());
         if (!folder.empty()) {
-            ++counts[FolderKey(camera.GetOwnerRvId(), std::move(folder))];
+            ++CountOf(counts, FolderView(camera.GetOwnerRvId(), folder));
         }
     }
     return counts;
@@ -84,7 +106,7 @@ Json::Value ToElement(const RecShare& share, CameraCounts& counts) {
     element[Key("encType")] = static_cast<int>(share.GetEncType());
     element[Key("enableRecLimit")] = share.IsEnableRecLimit();
     element[Key("recLimitGB")] = share.GetRecLimitGB();
-    element[Key("camCnt")] = counts[FolderKey(share.GetOwnerRvId(), share.GetPath())];
+    element[Key("camCnt")] = CountOf(counts, FolderView(share.GetOwnerRvId(), share.GetPath()));
     return element;
 }
 

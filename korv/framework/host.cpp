@@ -1,0 +1,62 @@
+#include "korv/framework/host.h"
+
+#include <exception>
+#include <map>
+#include <utility>
+
+#include "platform/korv/host.h"
+
+#include "korv/framework/log.h"
+
+namespace {
+
+using HealthCheck = std::function<std::string()>;
+using PairCheck = std::function<bool(const std::string&, const std::string&)>;
+
+std::map<std::string, HealthCheck>& HealthChecks() {
+    static std::map<std::string, HealthCheck> checks;
+    return checks;
+}
+
+PairCheck& RegisteredPairCheck() {
+    static PairCheck check;
+    return check;
+}
+
+}  // namespace
+
+void KORV::RegisterHealthCheck(const std::string& name, std::function<std::string()> check) {
+    HealthChecks()[name] = std::move(check);
+}
+
+void KORV::RegisterPairCheck(
+    std::function<bool(const std::string& pairKey, const std::string& stamp)> check) {
+    RegisteredPairCheck() = std::move(check);
+}
+
+std::string korv::FailedHealthCheck() {
+    for (const auto& [name, check] : HealthChecks()) {
+        try {
+            const std::string problem = check();
+            if (!problem.empty()) {
+                return std::string(name).append(": ").append(problem);
+            }
+        } catch (const std::exception& error) {
+            return std::string(name).append(": ").append(error.what());
+        }
+    }
+    return {};
+}
+
+bool korv::IsPairedPeer(const std::string& pairKey, const std::string& stamp) {
+    const PairCheck& check = RegisteredPairCheck();
+    if (check == nullptr) {
+        return false;
+    }
+    try {
+        return check(pairKey, stamp);
+    } catch (const std::exception& error) {
+        LogLine(std::string("the pair check threw: ") + error.what());
+        return false;
+    }
+}

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <string>
+
+// What application libraries have registered in this process (platform/korv/host.h).
+namespace korv {
+
+// Runs every registered health check; an empty text when all is well, else what is wrong. A check that throws
+// is one that failed.
+std::string FailedHealthCheck();
+
+// Judges a peer's pairing key; false while no check is registered or when it throws.
+bool IsPairedPeer(const std::string& pairKey, const std::string& stamp);
+
+}  // namespace korv

@@ -1,0 +1,39 @@
+#include "korv/services/share_recovery.h"
+
+#include <string>
+#include <vector>
+
+#include "platform/korv/configuration.h"
+
+#include "korv/framework/log.h"
+#include "korv/system/database.h"
+#include "korv/system/samba_export.h"
+#include "korv/system/share_creation.h"
+#include "korv/system/share_rights.h"
+
+namespace korv {
+
+namespace {
+
+void Log(const std::vector<std::string>& troubles) {
+    for (const std::string& trouble : troubles) {
+        LogLine("share recovery: " + trouble);
+    }
+}
+
+}  // namespace
+
+void RecoverDeadMakers() {
+    Log(RecoverShareCreations(KORV::GetConfiguration().volumes));
+    Log(RecoverShareGrants());
+}
+
+void RecoverShares() {
+    RecoverDeadMakers();
+    if (const std::string trouble = ExportSharesToSamba(); !trouble.empty()) {
+        Log({trouble});
+    }
+    CloseDatabase();
+}
+
+}  // namespace korv

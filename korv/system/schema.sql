@@ -1,0 +1,90 @@
+-- The NAS side's own database, korv.db: one SQLite file per machine, in the state folder.
+-- A fresh database is made from this file alone; one of an older version is brought to the same shape by the
+-- steps in schema.cpp. Whoever changes a table here raises kSchemaVersion there and adds a step.
+-- Times are unix seconds. Flags are 0 or 1.
+
+-- Sessions of people who logged in. Only hashes of the secrets are kept.
+create table session (
+    id_hash      text primary key,
+    account      text not null,
+    csrf_hash    text not null,
+    created_s    integer not null,
+    last_seen_s  integer not null,
+    remote_ip    text not null
+) without rowid;
+
+create index session_last_seen on session (last_seen_s);
+
+-- Logins that were refused, to slow down guessing.
+create table login_failure (
+    remote_ip    text not null,
+    at_s         integer not null
+);
+
+create index login_failure_remote_ip on login_failure (remote_ip, at_s);
+create index login_failure_at on login_failure (at_s);
+
+-- Shared folders: a row here and a folder vol_path/name exist together.
+--   name_key  the name without regard to case (share_name.h); two shares never have the same
+--   token     marks the folder as this row's (extended attribute trusted.korv.share)
+create table share (
+    name_key          text primary key,
+    name              text not null,
+    vol_path          text not null,
+    token             text not null unique,
+    description       text not null,
+    is_hidden         integer not null,
+    encryption        integer not null,
+    enable_share_cow  integer not null,
+    enable_fileindex  integer not null,
+    disable_modify    integer not null,
+    is_moving         integer not null default 0,
+    created_s         integer not null
+) without rowid;
+
+create unique index share_name on share (name);
+
+-- Journal of shares being created. A row is written before the folder is made and goes away in the transaction
+-- that writes the share's row; one whose maker is dead is finished or undone (share_recovery.h).
+--   maker_*  the process that creates: id, start time in clock ticks since boot, boot id. Id 0 = given up
+create table share_creation (
+    name_key          text primary key,
+    name              text not null,
+    vol_path          text not null,
+    token             text not null unique,
+    description       text not null,
+    is_hidden         integer not null,
+    encryption        integer not null,
+    enable_share_cow  integer not null,
+    enable_fileindex  integer not null,
+    disable_modify    integer not null,
+    created_s         integer not null,
+    maker_pid         integer not null,
+    maker_start       integer not null,
+    maker_boot_id     text not null
+) without rowid;
+
+-- Journal of rights being granted on a share's folder; one whose maker is dead is granted again.
+--   kind    'user' or 'group'
+--   rights  bits: 1 = read and write, 2 = read only
+create table share_grant (
+    id             integer primary key,
+    name_key       text not null references share (name_key) on delete cascade on update cascade,
+    kind           text not null,
+    principal      text not null,
+    rights         integer not null,
+    maker_pid      integer not null,
+    maker_start    integer not null,
+    maker_boot_id  text not null
+);
+
+create index share_grant_name_key on share_grant (name_key);
+
+-- Who may use which application, and from where.
+--   address_range  "" = from anywhere, else an address or a range in CIDR notation, IPv4 or IPv6
+create table app_privilege (
+    account        text not null,
+    app            text not null,
+    address_range  text not null,
+    primary key (account, app, address_range)
+) without rowid;

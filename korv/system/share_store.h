@@ -1,0 +1,76 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "korv/system/process_identity.h"
+
+// The rows of shares in korv.db, and of the two journals beside them. All functions use korv::Database() and
+// throw what it throws; those that change something expect the caller's WriteTransaction.
+namespace korv {
+
+// Whether a share is encrypted, as clients see it ("encryption").
+enum class ShareEncryption : int {
+    kNone = 0,
+    kLocked = 1,
+    kUnlocked = 2,
+};
+
+// A row of the table share.
+struct ShareRow {
+    std::string name;
+    std::string volPath;
+    std::string token;  // marks the folder
+    std::string description;
+    bool isHidden = false;
+    ShareEncryption encryption = ShareEncryption::kNone;
+    bool isCow = true;
+    bool isFileIndexed = false;
+    bool isModifyDisabled = false;
+    bool isMoving = false;
+    long long created_s = 0;
+
+    std::string Path() const { return volPath + "/" + name; }
+};
+
+// A row of the table share_creation: a share that `maker` is about to make.
+struct ShareCreationRow {
+    ShareRow share;
+    ProcessIdentity maker;
+};
+
+// A row of the table share_grant: a right that `maker` is about to grant.
+struct ShareGrantRow {
+    long long id = 0;
+    std::string shareName;
+    bool isGroup = false;
+    std::string principal;
+    bool isReadOnly = false;
+    ProcessIdentity maker;
+};
+
+// All shares by name.
+std::vector<ShareRow> ListShares();
+
+// The share of exactly that name.
+std::optional<ShareRow> FindShare(const std::string& name);
+
+// True when a share, or one that is being made, has that name or one that differs in case only.
+bool IsShareNameTaken(const std::string& name);
+
+void AddShareCreation(const ShareCreationRow& row);
+void DropShareCreation(const std::string& token);
+std::vector<ShareCreationRow> ListShareCreations();
+std::optional<ShareCreationRow> FindShareCreation(const std::string& token);
+// Leaves the row to whoever recovers next.
+void AbandonShareCreation(const std::string& token);
+
+void AddShare(const ShareRow& share);
+
+// Adds the row and sets its id.
+void AddShareGrant(ShareGrantRow& row);
+void DropShareGrant(long long id);
+std::vector<ShareGrantRow> ListShareGrants();
+
+}  // namespace korv

@@ -1,0 +1,63 @@
+#include "korv/system/volume.h"
+
+#include <fcntl.h>
+
+#include <cstdint>
+
+#include <linux/magic.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/statvfs.h>
+
+namespace korv {
+
+namespace {
+
+constexpr std::uint64_t kBytesPerMb = std::uint64_t{1024} * 1024;
+constexpr std::uint32_t kXfsMagic = 0x58465342;
+constexpr std::uint32_t kCifsMagic = 0xFF534D42;
+constexpr std::uint32_t kSmb2Magic = 0xFE534D42;
+
+FileSystemType TypeOf(std::uint32_t magic) {
+    switch (magic) {
+        case EXT4_SUPER_MAGIC:
+            return FileSystemType::kExt4;
+        case BTRFS_SUPER_MAGIC:
+            return FileSystemType::kBtrfs;
+        case kXfsMagic:
+            return FileSystemType::kXfs;
+        case NFS_SUPER_MAGIC:
+            return FileSystemType::kNfs;
+        case kCifsMagic:
+        case kSmb2Magic:
+            return FileSystemType::kCifs;
+        default:
+            return FileSystemType::kOther;
+    }
+}
+
+bool IsMountPoint(const std::string& path) {
+    struct statx status {};
+    return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) == 0 &&
+           S_ISDIR(status.stx_mode) && (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+}
+
+}  // namespace
+
+Volume ProbeVolume(const std::string& path) {
+    Volume volume;
+    volume.path = path;
+    struct statfs facts {};
+    if (!IsMountPoint(path) || statfs(path.c_str(), &facts) != 0) {
+        return volume;
+    }
+    volume.isMounted = true;
+    volume.isWritable = (facts.f_flags & ST_RDONLY) == 0;
+    volume.type = TypeOf(static_cast<std::uint32_t>(facts.f_type));
+    const auto blockSize = static_cast<std::uint64_t>(facts.f_frsize);
+    volume.sizeMb = facts.f_blocks * blockSize / kBytesPerMb;
+    volume.freeMb = facts.f_bavail * blockSize / kBytesPerMb;
+    return volume;
+}
+
+}  // namespace korv

@@ -1,0 +1,48 @@
+#include "korvd/pid_file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+
+namespace {
+
+constexpr mode_t kReadable = 0644;
+constexpr std::chrono::seconds kPatience(2);
+constexpr std::chrono::milliseconds kPause(50);
+
+// Locks of this kind belong to one process: children that live on don't keep them.
+bool TryLock(int file) {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    return fcntl(file, F_SETLK, &lock) == 0;
+}
+
+}  // namespace
+
+PidFile::PidFile(std::string path)
+    : m_path(std::move(path)),
+      m_file(open(m_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kReadable)) {
+    if (!m_file) {
+        throw std::system_error(errno, std::generic_category(), "cannot write " + m_path);
+    }
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (!TryLock(m_file.Get())) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            throw std::runtime_error("korvd is running already, see " + m_path);
+        }
+        std::this_thread::sleep_for(kPause);
+    }
+    const std::string text = std::to_string(getpid()) + "\n";
+    if (ftruncate(m_file.Get(), 0) != 0 ||
+        write(m_file.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        throw std::system_error(errno, std::generic_category(), "cannot write " + m_path);
+    }
+}
+
+PidFile::~PidFile() { unlink(m_path.c_str()); }

@@ -1,0 +1,276 @@
+#include "korvd/supervisor.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include <sys/wait.h>
+
+#include "korv/framework/log.h"
+#include "korv/framework/service_user.h"
+#include "korv/framework/worker.h"
+#include "korv/services/share_recovery.h"
+#include "korvd/listening_socket.h"
+#include "korvd/nginx_process.h"
+#include "korvd/run_folders.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr seconds kGoodLife(10);          // a child that lived so long is replaced without delay
+constexpr milliseconds kFirstDelay(100);  // doubled by every early death
+constexpr milliseconds kLongestDelay(2000);
+constexpr seconds kNginxStart(10);
+constexpr seconds kWorkersEnd(60);  // for the requests that they hold
+constexpr seconds kNginxEnd(5);
+constexpr milliseconds kPollPause(20);
+constexpr seconds kIdleWait(3600);
+
+std::string DeathText(int status) {
+    if (WIFSIGNALED(status)) {
+        return "was killed by signal " + std::to_string(WTERMSIG(status));
+    }
+    return "ended with status " + std::to_string(WEXITSTATUS(status));
+}
+
+int RecoverShares() {
+    korv::RecoverShares();
+    return EXIT_SUCCESS;
+}
+
+}  // namespace
+
+Supervisor::Supervisor(const korv::Settings& settings) : m_settings(settings) {
+    sigemptyset(&m_signals);
+    for (const int signal : {SIGCHLD, SIGTERM, SIGINT, SIGHUP}) {
+        sigaddset(&m_signals, signal);
+    }
+    sigprocmask(SIG_BLOCK, &m_signals, nullptr);
+}
+
+int Supervisor::Run() {
+    const bool isStarted = StartAll();
+    while (isStarted && !m_isStopping) {
+        StartDue();
+        Clock::time_point next = Clock::now() + kIdleWait;
+        for (const Child& child : m_children) {
+            next = child.pid == 0 ? std::min(next, child.due) : next;
+        }
+        const int signal = WaitForSignal(next);
+        m_isStopping = signal == SIGTERM || signal == SIGINT;
+        Reap();
+    }
+    StopAll();
+    return isStarted ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+bool Supervisor::StartAll() {
+    // Before anyone can ask for shares: what an earlier end left half done. As root, as nobody lowered it.
+    if (!RunToEnd("the recovery of shares", RecoverShares) ||
+        !RunToEnd("the check of the modules", korv::CheckWorkerStart)) {
+        return false;
+    }
+    const korv::UserIds nginx = korv::IdsOf(m_settings.nginx.user);
+    m_publicSocket = ListenOn(m_settings.node.runDir + "/public.sock", nginx);
+    m_peerSocket = ListenOn(m_settings.node.runDir + "/peer.sock", nginx);
+    m_children.push_back({Role::kNginx});
+    if (!StartNginx(m_children.front())) {
+        korv::LogLine("nginx did not start, see nginx-error.log");
+        return false;
+    }
+    m_children.insert(m_children.end(), static_cast<std::size_t>(m_settings.workers.publicCount),
+                      {Role::kPublicWorker});
+    m_children.insert(m_children.end(), static_cast<std::size_t>(m_settings.workers.peerCount),
+                      {Role::kPeerWorker});
+    korv::LogLine("korvd serves on " + m_settings.listen);
+    return true;
+}
+
+// Waits until nginx listens, so that its notification socket is nobody else's before anyone can reach it.
+bool Supervisor::StartNginx(Child& child) {
+    WriteNginxConfiguration(m_settings);
+    EndOldNginx(m_settings);
+    CloseRunFolder(m_settings);
+    child.started = Clock::now();
+    child.pid = Fork([this] {
+        ExecNginx(m_settings);
+        return EXIT_FAILURE;
+    });
+    while (Clock::now() < child.started + kNginxStart) {
+        int status = 0;
+        if (waitpid(child.pid, &status, WNOHANG) == child.pid) {
+            NoteDeath(child, status);
+            return false;
+        }
+        if (TakeNotifySocket(m_settings)) {
+            OpenRunFolder(m_settings);
+            return true;
+        }
+        std::this_thread::sleep_for(kPollPause);
+    }
+    return false;
+}
+
+void Supervisor::RestartNginx(Child& child) {
+    child.due = Clock::now() + kLongestDelay;  // unless its death is noted
+    try {
+        if (!StartNginx(child) && child.pid != 0) {
+            kill(child.pid, SIGKILL);  // it hangs; its death is noted as any other
+        }
+    } catch (const std::exception& error) {
+        korv::LogLine(std::string("nginx could not be restarted: ") + error.what());
+    }
+}
+
+void Supervisor::StartWorker(Child& child) {
+    const bool isPublic = child.role == Role::kPublicWorker;
+    const int listenFd = (isPublic ? m_publicSocket : m_peerSocket).Get();
+    const int otherFd = (isPublic ? m_peerSocket : m_publicSocket).Get();
+    child.started = Clock::now();
+    child.pid = Fork([this, isPublic, listenFd, otherFd] {
+        close(otherFd);
+        return korv::RunWorker(
+            {isPublic ? korv::Pool::kPublic : korv::Pool::kPeer, listenFd, m_settings.workers.recycleAfter});
+    });
+}
+
+void Supervisor::StartDue() {
+    for (Child& child : m_children) {
+        if (child.pid != 0 || child.due > Clock::now()) {
+            continue;
+        }
+        if (child.role == Role::kNginx) {
+            RestartNginx(child);
+        } else {
+            StartWorker(child);
+        }
+    }
+}
+
+void Supervisor::Reap() {
+    int status = 0;
+    for (pid_t pid = waitpid(-1, &status, WNOHANG); pid > 0; pid = waitpid(-1, &status, WNOHANG)) {
+        const auto child = std::find_if(m_children.begin(), m_children.end(),
+                                        [pid](const Child& each) { return each.pid == pid; });
+        if (child != m_children.end()) {
+            NoteDeath(*child, status);
+        }
+    }
+}
+
+void Supervisor::NoteDeath(Child& child, int status) {
+    const pid_t pid = child.pid;
+    const bool isExpected = WIFEXITED(status) && WEXITSTATUS(status) == korv::kWorkerDone;
+    const bool isOld = Clock::now() - child.started >= kGoodLife;
+    child.pid = 0;
+    child.delay =
+        isExpected || isOld ? milliseconds(0) : std::clamp(child.delay * 2, kFirstDelay, kLongestDelay);
+    if (child.role == Role::kNginx) {
+        kill(-pid, SIGKILL);  // workers of a dead nginx would keep the address
+        child.delay = std::max(child.delay, kFirstDelay);
+    }
+    child.due = Clock::now() + child.delay;
+    if (!m_isStopping && (!isExpected || child.role == Role::kNginx)) {
+        korv::LogLine((child.role == Role::kNginx ? "nginx " : "worker ") + std::to_string(pid) + " " +
+                      DeathText(status));
+    }
+}
+
+// Workers first: nginx passes on what they still answer.
+void Supervisor::StopAll() {
+    m_isStopping = true;
+    korv::LogLine("korvd ends");
+    Signal(Role::kPublicWorker, SIGTERM);
+    Signal(Role::kPeerWorker, SIGTERM);
+    if (!WaitForEnd(Role::kPublicWorker, Role::kPeerWorker, kWorkersEnd)) {
+        Signal(Role::kPublicWorker, SIGKILL);
+        Signal(Role::kPeerWorker, SIGKILL);
+        WaitForEnd(Role::kPublicWorker, Role::kPeerWorker, kNginxEnd);
+    }
+    Signal(Role::kNginx, SIGTERM);
+    if (!WaitForEnd(Role::kNginx, Role::kNginx, kNginxEnd)) {
+        Signal(Role::kNginx, SIGKILL);
+        WaitForEnd(Role::kNginx, Role::kNginx, kNginxEnd);
+    }
+}
+
+// False when some of them are left after `patience`, or when a second signal asks for haste.
+bool Supervisor::WaitForEnd(Role lowest, Role highest, seconds patience) {
+    const auto isLeft = [&](const Child& child) {
+        return child.pid != 0 && child.role >= lowest && child.role <= highest;
+    };
+    const Clock::time_point deadline = Clock::now() + patience;
+    Reap();
+    while (std::any_of(m_children.begin(), m_children.end(), isLeft)) {
+        const int signal = WaitForSignal(deadline);
+        if (signal != SIGCHLD) {
+            return false;
+        }
+        Reap();
+    }
+    return true;
+}
+
+void Supervisor::Signal(Role role, int signal) {
+    for (const Child& child : m_children) {
+        if (child.role == role && child.pid != 0) {
+            kill(child.pid, signal);
+        }
+    }
+}
+
+// The signal that arrived, or 0 when none did until then. SIGHUP means nothing here.
+int Supervisor::WaitForSignal(Clock::time_point until) {
+    while (true) {
+        const auto left = std::max(until - Clock::now(), Clock::duration::zero());
+        const auto left_s = std::chrono::duration_cast<seconds>(left);
+        const timespec timeout{left_s.count(), std::chrono::nanoseconds(left - left_s).count()};
+        const int signal = sigtimedwait(&m_signals, nullptr, &timeout);
+        if (signal > 0 && signal != SIGHUP) {
+            return signal;
+        }
+        if (signal < 0 && errno == EAGAIN) {
+            return 0;
+        }
+    }
+}
+
+pid_t Supervisor::Fork(const std::function<int()>& work) {
+    const pid_t pid = fork();
+    if (pid < 0) {
+        throw std::system_error(errno, std::generic_category(), "cannot start a process");
+    }
+    if (pid == 0) {
+        sigprocmask(SIG_UNBLOCK, &m_signals, nullptr);
+        int status = EXIT_FAILURE;
+        try {
+            status = work();
+        } catch (const std::exception& error) {
+            korv::LogLine(error.what());
+        }
+        // Also runs what the libraries do at exit, such as closing their databases.
+        std::exit(status);
+    }
+    return pid;
+}
+
+bool Supervisor::RunToEnd(const char* what, const std::function<int()>& work) {
+    const pid_t pid = Fork(work);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS) {
+        return true;
+    }
+    korv::LogLine(std::string(what) + " " + DeathText(status));
+    return false;
+}

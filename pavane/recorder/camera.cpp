@@ -1,0 +1,69 @@
+#include "platform/pavane/camera.h"
+
+#include <exception>
+
+#include <soci/soci.h>
+
+#include "pavane/log_line.h"
+#include "pavane/store/database.h"
+
+namespace {
+
+constexpr const char* kSource = "pavane/recorder/camera";
+
+}  // namespace
+
+struct CameraAccess {
+    static void Set(Camera& camera, int id, int ownerRvId, const std::string& storagePath) {
+        camera.m_id = id;
+        camera.m_ownerRvId = ownerRvId;
+        camera.m_storagePath = storagePath;
+    }
+};
+
+Camera::Camera() = default;
+int Camera::GetId() const { return m_id; }
+int Camera::GetOwnerRvId() const { return m_ownerRvId; }
+const std::string& Camera::GetStoragePath() const { return m_storagePath; }
+
+// Reads the three columns that one index holds, in that index's order, and nothing else.
+std::list<Camera> CamGetList(const CamFilterRule& filter, int& count, bool /*withStatus*/) {
+    std::list<Camera> cameras;
+    count = 0;
+    try {
+        const bool any = filter.ownerRvId == CamFilterRule::kAnyRv;
+        soci::session& session = pavane::AppDatabase().Session();
+        int id = 0;
+        int owner = 0;
+        std::string path;
+        auto bind = (session.prepare << "select id, owner_rv_id, recording_path from camera "
+                                     << (any ? "" : "where owner_rv_id = :owner ") << "order by id",
+                     soci::into(id), soci::into(owner), soci::into(path));
+        if (!any) {
+            bind, soci::use(filter.ownerRvId);
+        }
+        soci::statement statement(bind);
+        for (bool more = statement.execute(true); more; more = statement.fetch()) {
+            CameraAccess::Set(cameras.emplace_back(), id, owner, path);
+        }
+    } catch (const std::exception& failure) {
+        PV_LOG_LINE(kSource, "Failed to list the cameras: %s\n", pavane::DescribeFailure(failure).c_str());
+        cameras.clear();
+    }
+    count = static_cast<int>(cameras.size());
+    return cameras;
+}
+
+int GetCamOwnerRvId(int camId) {
+    constexpr int kNoSuchCamera = -1;
+    try {
+        soci::session& session = pavane::AppDatabase().Session();
+        int owner = 0;
+        soci::statement statement = (session.prepare << "select owner_rv_id from camera where id = :id",
+                                     soci::into(owner), soci::use(camId));
+        return statement.execute(true) ? owner : kNoSuchCamera;
+    } catch (const std::exception& failure) {
+        PV_LOG_LINE(kSource, "Failed to read a camera: %s\n", pavane::DescribeFailure(failure).c_str());
+        return kNoSuchCamera;
+    }
+}

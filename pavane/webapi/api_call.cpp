@@ -1,0 +1,123 @@
+#include "pavane/webapi/api_call.h"
+
+#include <exception>
+
+#include "platform/korv/app_privilege.h"
+
+#include "pavane/log_line.h"
+#include "pavane/store/database.h"
+
+namespace pavane {
+
+namespace {
+
+constexpr const char* kSource = "pavane/webapi/api_call";
+constexpr const char* kApplication = "KORV.KRX.Pavane";
+constexpr int kErrorNotAllowed = 105;
+constexpr int kErrorFailed = 400;
+constexpr int kErrorBadParameter = 401;
+
+bool IsAdmitted(Access access, const KORV::APIRequest& request) {
+    if (!request.IsAuthorized()) {
+        return false;
+    }
+    if (request.IsAdmin()) {
+        return true;
+    }
+    return access == Access::kUse &&
+           (request.HasAppPriv(kApplication) ||
+            SDKUser::AppPrivUserHas(request.GetLoginUserName(), kApplication, request.GetRemoteIP()));
+}
+
+Json::Value ErrorData(const std::string& param1, const std::string& param2) {
+    Json::Value data(Json::objectValue);
+    data["param1"] = param1;
+    data["param2"] = param2;
+    return data;
+}
+
+int ReadNumber(const KORV::APIRequest& request, const char* name, int fallback, int least, int most) {
+    const int number = request.GetParam(name, fallback).asInt();
+    if (number < least || number > most) {
+        throw BadParameter(name, "must be from " + std::to_string(least) + " to " + std::to_string(most));
+    }
+    return number;
+}
+
+// The length of the UTF-8 character at `at`; 0 when there is none. Refuses what is longer than need be,
+// halves of surrogate pairs and what lies beyond Unicode.
+std::size_t CharacterLength(const std::string& text, std::size_t at) {
+    struct Form {
+        unsigned char mask;
+        unsigned char lead;
+        std::size_t length;
+        unsigned least;
+    };
+    constexpr Form kForms[] = {
+        {0x80, 0x00, 1, 0}, {0xE0, 0xC0, 2, 0x80}, {0xF0, 0xE0, 3, 0x800}, {0xF8, 0xF0, 4, 0x10000}};
+    constexpr unsigned kLast = 0x10FFFF;
+    constexpr unsigned kTailMask = 0x3F;
+    constexpr unsigned kTailBits = 6;
+    const auto first = static_cast<unsigned char>(text[at]);
+    for (const Form& form : kForms) {
+        if ((first & form.mask) != form.lead || at + form.length > text.size()) {
+            continue;
+        }
+        unsigned code = first & static_cast<unsigned char>(~form.mask);
+        for (std::size_t i = 1; i < form.length; ++i) {
+            const auto tail = static_cast<unsigned char>(text[at + i]);
+            if (tail >> kTailBits != 2) {
+                return 0;
+            }
+            code = (code << kTailBits) | (tail & kTailMask);
+        }
+        const bool isSurrogate = code >= 0xD800 && code <= 0xDFFF;
+        return code >= form.least && code <= kLast && !isSurrogate ? form.length : 0;
+    }
+    return 0;
+}
+
+}  // namespace
+
+void Serve(Access access, ApiMethod method, const KORV::APIRequest& request, KORV::APIResponse& response) {
+    if (!IsAdmitted(access, request)) {
+        response.SetError(kErrorNotAllowed, Json::Value());
+        return;
+    }
+    try {
+        response.SetSuccess(method(request));
+    } catch (const BadParameter& bad) {
+        response.SetError(kErrorBadParameter, ErrorData(bad.Name(), bad.what()));
+    } catch (const Json::Exception&) {
+        throw;
+    } catch (const std::exception& failure) {
+        PV_LOG_LINE(kSource, "%s %s failed: %s\n", request.GetAPIClass().c_str(),
+                    request.GetAPIMethod().c_str(), DescribeFailure(failure).c_str());
+        response.SetError(kErrorFailed, ErrorData("", ""));
+    }
+}
+
+PageRequest ReadPage(const KORV::APIRequest& request) {
+    constexpr int kMostOffset = 1000000000;
+    constexpr int kDefaultLimit = 100;
+    constexpr int kMostLimit = 1000;
+    return {ReadNumber(request, "offset", 0, 0, kMostOffset),
+            ReadNumber(request, "limit", kDefaultLimit, 1, kMostLimit)};
+}
+
+bool IsPlainText(const std::string& text) {
+    constexpr unsigned char kFirstPrintable = 0x20;
+    constexpr unsigned char kDelete = 0x7F;
+    std::size_t at = 0;
+    while (at < text.size()) {
+        const auto byte = static_cast<unsigned char>(text[at]);
+        const std::size_t length = CharacterLength(text, at);
+        if (length == 0 || byte < kFirstPrintable || byte == kDelete) {
+            return false;
+        }
+        at += length;
+    }
+    return true;
+}
+
+}  // namespace pavane

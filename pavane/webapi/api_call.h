@@ -1,0 +1,49 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include <json/json.h>
+
+#include "platform/korv/api_request.h"
+#include "platform/korv/api_response.h"
+
+// What every web API of the application does around its methods.
+namespace pavane {
+
+enum class Access {
+    kUse,     // whoever may use the application, and administrators
+    kChange,  // administrators
+};
+
+// A parameter that is missing or invalid: error 401 with its name and what is wrong with it.
+class BadParameter : public std::runtime_error {
+public:
+    BadParameter(const std::string& name, const std::string& why) : std::runtime_error(why), m_name(name) {}
+    const std::string& Name() const { return m_name; }
+
+private:
+    std::string m_name;
+};
+
+// A method: reads the request, acts and gives the data of a successful answer. Throws BadParameter, and
+// anything else when it fails.
+using ApiMethod = Json::Value (*)(const KORV::APIRequest& request);
+
+// Admits the caller (else error 105), runs the method and answers. A failure is logged and answered with 400;
+// what JsonCpp throws about a parameter of the wrong type passes through to the framework.
+void Serve(Access access, ApiMethod method, const KORV::APIRequest& request, KORV::APIResponse& response);
+
+// Which part of a long list is asked for: the parameters "offset" (0 or more, default 0) and "limit" (1 to
+// 1000, default 100).
+struct PageRequest {
+    int offset;
+    int limit;
+};
+
+PageRequest ReadPage(const KORV::APIRequest& request);
+
+// True for valid UTF-8 without control characters.
+bool IsPlainText(const std::string& text);
+
+}  // namespace pavane

@@ -1,0 +1,137 @@
+#include "tests/fake/functions.h"
+
+#include <algorithm>
+#include <sstream>
+#include <stdexcept>
+
+namespace fake {
+
+namespace {
+
+constexpr const char* kNever = nullptr;  // no way to fail
+constexpr bool kQuietly = false;         // a failure looks like a plain answer
+
+struct Row {
+    const char* name;
+    Kind kind;
+    const char* argNames;  // separated by blanks
+    const char* benign;    // JSON
+    const char* failing;   // JSON
+    bool tellsFailure = true;
+};
+
+constexpr Kind kCall = Kind::kCall;
+constexpr Kind kBackground = Kind::kBackground;
+
+const Row kRows[] = {
+    // the NAS
+    {"KORV::APIRunner::Exec", kCall, "api version method request user", R"({"success": true})",
+     R"({"success": false, "error": {"code": 110}})"},
+    {"SDKUser::AppPrivUserHas", kCall, "user app ip", "true", "false"},
+    {"PVTaskSet::SetAffinity", kBackground, "task", "null", kNever},
+    {"DualAuth::CheckToSetEnv", kBackground, "cookie sessionId", "null", kNever},
+    {"IsExistDir", kBackground, "path", "false", "false"},
+    {"GetDirPath", kBackground, "path", "\"\"", kNever},
+    // central management
+    {"IsCmsHost", kBackground, "", "false", "false", kQuietly},
+    {"IsCmsPaired", kBackground, "", "false", "false", kQuietly},
+    {"IsEnableCms", kBackground, "", "false", "false", kQuietly},
+    {"GetRecServerOwnStatus", kBackground, "", "0", "1", kQuietly},
+    {"SlaveRV::Load", kBackground, "id", R"({"result": 0, "server": {}})", R"({"result": -1, "server": {}})"},
+    {"SlaveRvGetList", kBackground, "rvId", R"({"result": 0, "servers": []})",
+     R"({"result": -1, "servers": []})"},
+    {"GetSlaveRvIdList", kBackground, "enabledOnly onlineOnly withFailover withoutOwner sameVersion", "[]",
+     "[]"},
+    {"GetSlaveRVById", kBackground, "id", R"({"result": 0, "server": {}})", R"({"result": 1, "server": {}})"},
+    {"IsRvOnlineSts", kBackground, "status", "true", "false"},
+    {"IsRvOnline", kBackground, "rvId", "true", "false", kQuietly},
+    {"IsRunTimeFailoverRv", kBackground, "rvId", "false", "true", kQuietly},
+    {"SendWebAPIToHost", kCall, "request binary wait_s progress retries",
+     R"({"result": 0, "reply": {"success": true}})", R"({"result": -1, "reply": null})"},
+    {"SendWebAPIToRecServerByJson", kCall, "rvId request binary",
+     R"({"result": 0, "reply": {"success": true}})", R"({"result": -1, "reply": null})"},
+    {"IsAuthPairMatch", kCall, "pairKey stamp", "true", "false"},
+    {"SlaveRVAuthentication::IsAuthByPairMatch", kCall, "pairKey stamp", "true", "false"},
+    // the recorder application
+    {"IsPVRunning", kBackground, "", "true", "false"},
+    {"CamGetList", kBackground, "ownerRvId withStatus", R"({"cameras": [], "count": 0})",
+     R"({"cameras": [], "count": 0})"},
+    {"GetCamOwnerRvId", kBackground, "camId", "0", "-1"},
+    {"RecShare::Load", kBackground, "id", R"({"result": 0, "record": {}})",
+     R"({"result": -1, "record": {}})"},
+    {"RecShare::LoadByIdOnRec", kBackground, "idOnRec ownerRvId", R"({"result": 0, "record": {}})",
+     R"({"result": -1, "record": {}})"},
+    {"RecShare::Save", kCall, "id setters", R"({"result": 0, "id": 1})", R"({"result": -1, "id": null})"},
+    {"LoadRecShareFromDB", kBackground, "rvId", "[]", "[]"},
+    {"LoadRecSharePath", kBackground, "rvId", "[]", "[]"},
+    {"UpdateBackupInfo", kCall, "added removed", "null", kNever},
+    {"GetLocalShareExtraInfo", kCall, "name",
+     R"({"result": 0, "info": {"fs_type": 1, "vol_size_mb": 1024, "is_share_moving": false, "encryption": 0}})",
+     R"({"result": -1, "info": null})"},
+    {"CheckToUpdatePVServiceLink", kCall, "name", "null", kNever},
+    {"PVLog", kCall, "type user item args rvId", "null", kNever},
+    {"PVClientNotify::Notify", kCall, "type", "null", kNever},
+    // the database
+    {"PVDB::Execute", kCall, "instance statement multiple retryOnBusy logFailure reconnect",
+     R"({"result": 0, "rows": []})", R"({"result": 1, "rows": []})"},
+    {"PVDB::QuoteEscape", kBackground, "text", "\"\"", kNever},
+    // the operating system
+    {"geteuid", kBackground, "", "0", kNever},
+    {"getegid", kBackground, "", "0", kNever},
+    {"setresuid", kCall, "ruid euid suid", "0", "-1"},
+    {"setresgid", kCall, "rgid egid sgid", "0", "-1"},
+    {"syslog", kCall, "priority text", "null", kNever},
+    {"sleep", kCall, "seconds", "0", kNever},
+    {"statfs64", kCall, "path", R"({"result": 0, "bsize": 4096, "blocks": 0, "bavail": 0})",
+     R"({"result": -1, "bsize": 0, "blocks": 0, "bavail": 0})"},
+    // a handler that the scenario itself plays, to drive the relay
+    {"Probe::Action", kCall, "flags target data",
+     R"({"returns": 0, "error": [], "relayRequest": null, "rvIds": [], "requestByRv": {}, "stopOnHostError": false, "data": null})",
+     kNever},
+    {"Probe::PreCheck", kCall, "flags", R"({"returns": 0, "error": [], "clear": []})", kNever},
+    {"Probe::PostStep", kCall, "flags target ok", R"({"returns": 0, "error": []})", kNever},
+};
+
+Json::Value FromText(const char* text) {
+    Json::Value value;
+    std::istringstream in(text);
+    std::string errors;
+    if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &value, &errors)) {
+        throw std::logic_error(std::string("function table: ") + text + ": " + errors);
+    }
+    return value;
+}
+
+std::vector<FunctionSpec> ReadRows() {
+    std::vector<FunctionSpec> functions;
+    for (const Row& row : kRows) {
+        FunctionSpec& spec = functions.emplace_back();
+        spec.name = row.name;
+        spec.kind = row.kind;
+        std::istringstream names(row.argNames);
+        for (std::string name; names >> name;) {
+            spec.argNames.push_back(name);
+        }
+        spec.benign = FromText(row.benign);
+        spec.canFail = row.failing != nullptr;
+        spec.failing = spec.canFail ? FromText(row.failing) : Json::Value();
+        spec.tellsFailure = row.tellsFailure;
+    }
+    return functions;
+}
+
+}  // namespace
+
+const std::vector<FunctionSpec>& AllFunctions() {
+    static const std::vector<FunctionSpec> functions = ReadRows();
+    return functions;
+}
+
+const FunctionSpec* FindFunction(const std::string& name) {
+    const std::vector<FunctionSpec>& all = AllFunctions();
+    const auto found =
+        std::find_if(all.begin(), all.end(), [&name](const FunctionSpec& spec) { return spec.name == name; });
+    return found != all.end() ? &*found : nullptr;
+}
+
+}  // namespace fake

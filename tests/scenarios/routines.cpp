@@ -1,0 +1,234 @@
+#include "tests/scenarios/routines.h"
+
+#include <algorithm>
+#include <sstream>
+#include <stdexcept>
+
+#include "platform/pavane/shared_folder_storage.h"
+
+#include "include/run_as_scope.h"
+#include "tests/scenarios/probe.h"
+#include "webapi/share/relay_params.h"
+#include "webapi/share/share_handler.h"
+
+namespace scenario {
+
+namespace {
+
+class OpenHandler : public ShareHandler {
+public:
+    explicit OpenHandler(RoutineContext& context) : ShareHandler(&context.request, &context.response) {}
+
+    using ShareHandler::errorCode;
+    using ShareHandler::errorParams;
+    using ShareHandler::pairAuthenticated;
+
+    // Sets the error state that `parts` describes ([code, param1, param2]); null leaves it as it is.
+    void Preset(const Json::Value& parts) {
+        if (!parts.isNull()) {
+            SetErrorCode(static_cast<PV_WEBAPI_ERR_CODE>(parts[0].asInt()), parts[1].asString(),
+                         parts[2].asString());
+        }
+    }
+};
+
+template <class Handler>
+ErrorState StateOf(Handler& handler) {
+    return {handler.errorCode, handler.errorParams[kErrorParam1], handler.errorParams[kErrorParam2]};
+}
+
+// Runs `body(handler, args)` with a fresh handler and notes its error state.
+template <auto Body>
+Json::Value WithHandler(RoutineContext& context) {
+    OpenHandler handler(context);
+    Json::Value returned = Body(handler, context.args);
+    context.error = StateOf(handler);
+    return returned;
+}
+
+using Args = const Json::Value&;
+
+Json::Value Authenticate(OpenHandler& handler, Args) {
+    Json::Value returned;
+    returned["admitted"] = handler.Authenticate();
+    returned["paired"] = handler.pairAuthenticated;
+    return returned;
+}
+
+Json::Value SetErrorCode(OpenHandler& handler, Args args) {
+    for (const Json::Value& error : args["errors"]) {
+        handler.Preset(error);
+    }
+    return {};
+}
+
+Json::Value WriteErrorResponse(OpenHandler& handler, Args args) {
+    handler.Preset(args["before"]);
+    handler.WriteErrorResponse(args["data"]);
+    return {};
+}
+
+Json::Value CheckErrorInfo(OpenHandler& handler, Args args) {
+    handler.Preset(args["before"]);
+    return handler.CheckErrorInfo(args["reply"]);
+}
+
+Json::Value DoCreateShare(OpenHandler& handler, Args args) {
+    return handler.DoCreateShare(args["hidden"].asBool(), args["name"].asString(), args["volPath"].asString(),
+                                 args["desc"].asString(), args["encryption"].asBool(),
+                                 args["encPasswd"].asString());
+}
+
+Json::Value DoEditShare(OpenHandler& handler, Args args) {
+    return handler.DoEditShare(args["hidden"].asBool(), args["volume"].asString(), args["name"].asString(),
+                               args["newName"].asString(), args["desc"].asString(),
+                               args["encryption"].asBool(), args["encPasswd"].asString());
+}
+
+Json::Value FillRelayParam(RoutineContext& context) {
+    CmsRelayTarget target;
+    target.relayRequest = context.args["relayRequest"];
+    FillShareRelayParam(target, context.args["blHideShare"].asBool(), context.args["blEncryption"].asBool(),
+                        context.args["blRecLimit"].asBool(), context.args["recLimitGB"].asInt(),
+                        context.args["shareName"].asString(), context.args["description"].asString(),
+                        context.args["encPasswd"].asString());
+    return target.relayRequest;
+}
+
+Json::Value EnumSharedFolders(RoutineContext& context) {
+    std::list<SharedFolderStorage> rows;
+    for (const Json::Value& before : context.args["before"]) {
+        rows.push_back(
+            {before["name"].asString(), before["share_id"].asInt(), before["application_id"].asInt()});
+    }
+    Json::Value returned;
+    returned["result"] = SharedFolderStorage::m_DBAccess.Enum(rows, context.args["condition"].asString(),
+                                                              context.args["order"].asString(),
+                                                              context.args["limit"].asString());
+    returned["rows"] = Json::arrayValue;
+    for (const SharedFolderStorage& row : rows) {
+        Json::Value& shown = returned["rows"].append(Json::objectValue);
+        shown["name"] = row.name;
+        shown["share_id"] = row.shareId;
+        shown["application_id"] = row.applicationId;
+    }
+    return returned;
+}
+
+Json::Value RunAsRoot(RoutineContext& context) {
+    constexpr int kLine = 77;
+    const RunAsScope root("scope.cpp", kLine);
+    const bool entered = static_cast<bool>(root);
+    if (const Json::Value& uid = context.args["euid_inside"]; !uid.isNull()) {
+        context.world.euid = uid.asInt();
+    }
+    if (const Json::Value& gid = context.args["egid_inside"]; !gid.isNull()) {
+        context.world.egid = gid.asInt();
+    }
+    if (context.args["throws_inside"].asBool()) {
+        throw std::runtime_error("thrown inside the scope");
+    }
+    return entered;
+}
+
+Json::Value RelayWithProbe(RoutineContext& context) {
+    Probe probe(&context.request, &context.response);
+    probe.CmsRelayWebApi(&Probe::Act, context.args["pre_check"].asBool() ? &Probe::CheckBefore : nullptr,
+                         context.args["post_step"].asBool() ? &Probe::StepAfter : nullptr);
+    context.error = StateOf(probe);
+    return {};
+}
+
+Json::Value IsAdmitted(RoutineContext& context) {
+    return IsLogAdmitted(static_cast<LOG_CATEG>(context.args["category"].asInt()),
+                         static_cast<LOG_LEVEL>(context.args["level"].asInt()));
+}
+
+Json::Value CheckPidLevel(RoutineContext& context) {
+    return ChkPidLevel(static_cast<LOG_LEVEL>(context.args["level"].asInt()));
+}
+
+bool IsZero(const Json::Value& returned) { return returned.asInt() == 0; }
+bool IsResultZero(const Json::Value& returned) { return returned["result"].asInt() == 0; }
+bool IsAdmittedCaller(const Json::Value& returned) { return returned["admitted"].asBool(); }
+
+Json::Value Defaults(const char* json) {
+    Json::Value value;
+    std::istringstream in(json);
+    in >> value;
+    return value;
+}
+
+template <auto Body>
+constexpr Json::Value (*kHandled)(RoutineContext&) = &WithHandler<Body>;
+
+std::vector<Routine> MakeRoutines() {
+    constexpr bool kReturns = true;
+    constexpr bool kAnswers = true;
+    return {
+        {"Authenticate", Defaults("{}"), kReturns, false, kHandled<Authenticate>, IsAdmittedCaller},
+        {"GetAPIInfo", Defaults("{}"), kReturns, false,
+         kHandled<[](OpenHandler& handler, Args) { return handler.GetAPIInfo(); }>, nullptr},
+        {"GetSlaveRVId", Defaults("{}"), kReturns, false,
+         kHandled<[](OpenHandler& handler, Args) { return Json::Value(handler.GetSlaveRVId()); }>, nullptr},
+        {"GetLoginUserName", Defaults("{}"), kReturns, false,
+         kHandled<[](OpenHandler& handler, Args) { return Json::Value(handler.GetLoginUserName()); }>,
+         nullptr},
+        {"IsCamAvailiable", Defaults(R"({"camId": 0})"), kReturns, false,
+         kHandled<[](OpenHandler& handler, Args args) {
+             return Json::Value(handler.IsCamAvailiable(args["camId"].asInt()));
+         }>,
+         [](const Json::Value& returned) { return returned.asBool(); }},
+        {"GetRedirectPrivData", Defaults(R"({"camId": 0})"), kReturns, false,
+         kHandled<[](OpenHandler& handler, Args args) {
+             return handler.GetRedirectPrivData(args["camId"].asInt());
+         }>,
+         nullptr},
+        {"SetErrorCode", Defaults(R"({"errors": []})"), false, false, kHandled<SetErrorCode>, nullptr},
+        {"WriteErrorResponse", Defaults(R"({"before": null, "data": null})"), false, kAnswers,
+         kHandled<WriteErrorResponse>, nullptr},
+        {"CheckErrorInfo", Defaults(R"({"before": null, "reply": null})"), kReturns, false,
+         kHandled<CheckErrorInfo>, nullptr},
+        {"DoCreateShare",
+         Defaults(R"({"hidden": false, "name": "", "volPath": "", "desc": "", "encryption": false,
+                      "encPasswd": ""})"),
+         kReturns, false, kHandled<DoCreateShare>, IsZero},
+        {"DoEditShare", Defaults(R"({"hidden": false, "volume": "", "name": "", "newName": "", "desc": "",
+                      "encryption": false, "encPasswd": ""})"),
+         kReturns, false, kHandled<DoEditShare>, IsZero},
+        {"SetSharePermission", Defaults(R"({"name": ""})"), kReturns, false,
+         kHandled<[](OpenHandler& handler, Args args) {
+             return Json::Value(handler.SetSharePermission(args["name"].asString()));
+         }>,
+         IsZero},
+        {"FillShareRelayParam",
+         Defaults(R"({"relayRequest": null, "blHideShare": false, "blEncryption": false, "blRecLimit": false,
+                      "recLimitGB": 0, "shareName": "", "description": "", "encPasswd": ""})"),
+         kReturns, false, FillRelayParam, nullptr},
+        {"SharedFolderStorage::Enum",
+         Defaults(R"({"condition": "", "order": "", "limit": "", "before": []})"), kReturns, false,
+         EnumSharedFolders, IsResultZero},
+        {"RunAsScope", Defaults(R"({"euid_inside": null, "egid_inside": null, "throws_inside": false})"),
+         kReturns, false, RunAsRoot, nullptr},
+        {"CmsRelayWebApi", Defaults(R"({"pre_check": false, "post_step": false})"), false, kAnswers,
+         RelayWithProbe, nullptr},
+        {"IsLogAdmitted", Defaults(R"({"category": 0, "level": 0})"), kReturns, false, IsAdmitted, nullptr},
+        {"ChkPidLevel", Defaults(R"({"level": 0})"), kReturns, false, CheckPidLevel, nullptr},
+    };
+}
+
+}  // namespace
+
+const std::vector<Routine>& AllRoutines() {
+    static const std::vector<Routine> routines = MakeRoutines();
+    return routines;
+}
+
+const Routine* FindRoutine(const std::string& name) {
+    const std::vector<Routine>& all = AllRoutines();
+    const auto found =
+        std::find_if(all.begin(), all.end(), [&name](const Routine& one) { return one.name == name; });
+    return found != all.end() ? &*found : nullptr;
+}
+
+}  // namespace scenario

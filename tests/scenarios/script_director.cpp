@@ -1,0 +1,60 @@
+#include "tests/scenarios/script_director.h"
+
+#include "tests/scenarios/compare.h"
+
+namespace scenario {
+
+ScriptDirector::ScriptDirector(const Case& script, std::optional<std::size_t> failing)
+    : world(script.world),
+      m_script(script),
+      m_failing(failing),
+      m_scripted(script.never.begin(), script.never.end()) {
+    for (const ScriptedCall& call : script.calls) {
+        m_scripted.insert(call.function->name);
+    }
+}
+
+Json::Value ScriptDirector::Reply(const fake::FunctionSpec& function, const Json::Value& args) {
+    MadeCall call{&function, args, function.benign, false};
+    const bool isScripted = function.kind == fake::Kind::kCall || m_scripted.count(function.name) > 0;
+    if (const std::optional<std::size_t> line = isScripted ? FindLine(function, args) : std::nullopt) {
+        call.reply = m_script.calls[*line].reply;
+        m_next = *line + 1;
+    } else if (function.kind == fake::Kind::kBackground) {
+        call.reply = AnswerFromWorld(world, function, args);
+        call.fromWorld = !isScripted;
+    }
+    if (m_failing == made.size()) {
+        call.reply = function.failing;
+    }
+    SwitchIds(function, args, call.reply);
+    made.push_back(call);
+    return call.reply;
+}
+
+// The next line of the script, or else a later one: after a difference the rest is followed as far as it
+// goes.
+std::optional<std::size_t> ScriptDirector::FindLine(const fake::FunctionSpec& function,
+                                                    const Json::Value& args) const {
+    const std::string wanted = OneLine(args);
+    for (std::size_t line = m_next; line < m_script.calls.size(); ++line) {
+        const ScriptedCall& call = m_script.calls[line];
+        if (call.function == &function && OneLine(call.args) == wanted) {
+            return line;
+        }
+    }
+    return std::nullopt;
+}
+
+void ScriptDirector::SwitchIds(const fake::FunctionSpec& function, const Json::Value& args,
+                               const Json::Value& reply) {
+    constexpr int kKeep = -1;
+    constexpr Json::ArrayIndex kEffective = 1;
+    const bool isUid = function.name == "setresuid";
+    if ((!isUid && function.name != "setresgid") || reply.asInt() != 0 || args[kEffective].asInt() == kKeep) {
+        return;
+    }
+    (isUid ? world.euid : world.egid) = args[kEffective].asInt();
+}
+
+}  // namespace scenario

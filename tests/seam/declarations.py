@@ -1,0 +1,43 @@
+"""Whether a symbol is declared in the headers under platform/."""
+
+import pathlib
+import re
+
+
+def _without_comments(text):
+    return re.sub(r"//[^\n]*|/\*.*?\*/", "", text, flags=re.S)
+
+
+def _without_arguments(symbol):
+    """"KORV::APIRequest::GetParam(...) const" -> "KORV::APIRequest::GetParam"; results and ABI tags go too."""
+    symbol = re.sub(r"\[abi:\w+\]", "", symbol)
+    depth = 0
+    for place, character in enumerate(symbol):
+        if character == "<":
+            depth += 1
+        elif character == ">":
+            depth -= 1
+        elif character == "(" and depth == 0:
+            symbol = symbol[:place]
+            break
+    return re.sub(r"^.*[ *&](?=\S+$)", "", symbol)
+
+
+def _scopes(qualified):
+    """["KORV", "APIRequest", "GetParam"]; template arguments dropped."""
+    return re.sub(r"<.*?>", "", qualified).split("::")
+
+
+class Headers:
+    def __init__(self, folder):
+        self._texts = [_without_comments(path.read_text()) for path in sorted(pathlib.Path(folder).rglob("*.h"))]
+
+    def declare(self, symbol):
+        """True when one header opens all the symbol's scopes and declares its last name in them."""
+        *scopes, name = _scopes(_without_arguments(symbol))
+        is_function = "(" in symbol
+        ending = r"\s*(<[^;>]*>)?\s*\(" if is_function else r"\s*;"
+        return any(
+            all(re.search(rf"\b(class|struct|namespace)\s+{re.escape(scope)}\b[^;]*{{", text) for scope in scopes)
+            and re.search(rf"(^|[\s*&~]){re.escape(name)}{ending}", text)
+            for text in self._texts)

@@ -1,0 +1,127 @@
+#include "pavane/cms/pairing.h"
+
+#include <ctime>
+#include <string>
+
+#include "platform/pavane/cms.h"
+
+#include "tests/unit/pavane/test_node.h"
+
+namespace {
+
+class Pairing : public StoreTest {
+protected:
+    static constexpr const char* kSecret = "a pair's secret";
+
+    void PairWith(const std::string& serial, const std::string& secret) {
+        Session() << "insert into rec_server (serial, pair_secret) values (:k, :s)", soci::use(serial),
+            soci::use(secret);
+    }
+
+    static std::string StampAt(std::time_t time_s, const std::string& nonce = "0123456789abcdef") {
+        return std::to_string(time_s) + "." + nonce;
+    }
+};
+
+}  // namespace
+
+TEST_F(Pairing, TheKeyIsTheStampsHmac) {
+    // RFC 4231, test case 2.
+    EXPECT_EQ(pavane::MakePairKey("Jefe", "what do ya want for nothing?"),
+              "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
+}
+
+TEST_F(Pairing, AKeyIsAcceptedOnce) {
+    PairWith("A", "another secret");
+    PairWith("B", kSecret);
+    const std::string stamp = pavane::MakeStamp();
+    const std::string key = pavane::MakePairKey(kSecret, stamp);
+    EXPECT_TRUE(IsAuthPairMatch(key, stamp));
+    EXPECT_FALSE(IsAuthPairMatch(key, stamp));
+    EXPECT_FALSE(SlaveRVAuthentication().IsAuthByPairMatch(key, stamp));
+}
+
+TEST_F(Pairing, AKeyIsAcceptedOnceByAllProcessesTogether) {
+    PairWith("A", kSecret);
+    const std::string stamp = pavane::MakeStamp();
+    const std::string key = pavane::MakePairKey(kSecret, stamp);
+    EXPECT_EQ(CountSuccesses(8, [&](int) { return SlaveRVAuthentication().IsAuthByPairMatch(key, stamp); }),
+              1);
+}
+
+TEST_F(Pairing, OnlyStampsNearThePresentTimeAreAccepted) {
+    PairWith("A", kSecret);
+    const std::time_t now_s = std::time(nullptr);
+    for (const std::time_t away_s : {-310, -301, 310}) {
+        const std::string stamp = StampAt(now_s + away_s);
+        EXPECT_FALSE(IsAuthPairMatch(pavane::MakePairKey(kSecret, stamp), stamp)) << away_s;
+    }
+    for (const std::time_t away_s : {-290, 0, 290}) {
+        const std::string stamp = StampAt(now_s + away_s);
+        EXPECT_TRUE(IsAuthPairMatch(pavane::MakePairKey(kSecret, stamp), stamp)) << away_s;
+    }
+}
+
+TEST_F(Pairing, WrongKeysAndOddStampsAreRefused) {
+    PairWith("A", kSecret);
+    const std::string stamp = pavane::MakeStamp();
+    const std::string key = pavane::MakePairKey(kSecret, stamp);
+    EXPECT_FALSE(IsAuthPairMatch("", stamp));
+    EXPECT_FALSE(IsAuthPairMatch("FailedCookie", stamp));
+    EXPECT_FALSE(IsAuthPairMatch(key.substr(1), stamp));
+    EXPECT_FALSE(IsAuthPairMatch(key + "0", stamp));
+    EXPECT_FALSE(IsAuthPairMatch(pavane::MakePairKey("wrong", stamp), stamp));
+    const std::string now = std::to_string(std::time(nullptr));
+    for (const std::string& odd :
+         {std::string("FailedTiemstamp"), std::string(), now, now + ".", now + ".0123",
+          now + ".0123456789ABCDEF", " " + now + ".0123456789abcdef", "+" + now + ".0123456789abcdef",
+          now + ".0123456789abcdef0", std::string("99999999999999999999.0123456789abcdef"),
+          std::string("'; drop table pair_stamp; --")}) {
+        EXPECT_FALSE(IsAuthPairMatch(pavane::MakePairKey(kSecret, odd), odd)) << odd;
+    }
+    EXPECT_TRUE(IsAuthPairMatch(key, stamp));
+}
+
+TEST_F(Pairing, WithoutAPairingNothingIsAccepted) {
+    PairWith("A", "");
+    const std::string stamp = pavane::MakeStamp();
+    EXPECT_FALSE(IsAuthPairMatch(pavane::MakePairKey("", stamp), stamp));
+    EXPECT_FALSE(IsAuthPairMatch(pavane::MakePairKey(kSecret, stamp), stamp));
+}
+
+TEST_F(Pairing, TheHostsSecretCountsToo) {
+    Session() << "insert into cms_host (id, own_serial, address, pair_secret) values (1, 'S', 'http://h', '"
+              << "hosts secret"
+              << "')";
+    const std::string stamp = pavane::MakeStamp();
+    EXPECT_TRUE(IsAuthPairMatch(pavane::MakePairKey("hosts secret", stamp), stamp));
+}
+
+TEST_F(Pairing, WhatWasAdmittedAtTheDoorIsAcceptedOnceInside) {
+    PairWith("A", kSecret);
+    const std::string stamp = pavane::MakeStamp();
+    const std::string key = pavane::MakePairKey(kSecret, stamp);
+    ASSERT_TRUE(pavane::AdmitPeer(key, stamp));
+    EXPECT_TRUE(IsAuthPairMatch(key, stamp));
+    EXPECT_FALSE(IsAuthPairMatch(key, stamp));
+    EXPECT_FALSE(pavane::AdmitPeer(key, stamp));
+}
+
+TEST_F(Pairing, ARefusalAtTheDoorForgetsWhatWasAdmittedBefore) {
+    PairWith("A", kSecret);
+    const std::string stamp = pavane::MakeStamp();
+    const std::string key = pavane::MakePairKey(kSecret, stamp);
+    ASSERT_TRUE(pavane::AdmitPeer(key, stamp));
+    ASSERT_FALSE(pavane::AdmitPeer(key, stamp));
+    EXPECT_FALSE(IsAuthPairMatch(key, stamp));
+}
+
+TEST_F(Pairing, StampsThatTimeRefusesAnywayAreForgotten) {
+    PairWith("A", kSecret);
+    Session() << "insert into pair_stamp (stamp, expires_s) values ('old', 5)";
+    const std::string stamp = pavane::MakeStamp();
+    ASSERT_TRUE(IsAuthPairMatch(pavane::MakePairKey(kSecret, stamp), stamp));
+    int kept = 0;
+    Session() << "select count(*) from pair_stamp", soci::into(kept);
+    EXPECT_EQ(kept, 1);
+}
