@@ -1,5 +1,6 @@
 # What the life of a share rests on: removing, encrypting and moving folders, on real file systems.
 add_executable(korv_engine_test
+    cipher_folder_test.cpp
     private_machine.cpp
     tree_remove_test.cpp
 )
