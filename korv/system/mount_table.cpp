@@ -10,6 +10,7 @@
 #include <new>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 
 #include "korv/system/file_descriptor.h"
 
@@ -149,6 +150,24 @@ std::vector<const Mount*> MountsAlong(const std::string& path) {
         along.push_back(&mount);
     }
     return along;
+}
+
+std::vector<Mount> ReadMounts() {
+    std::vector<Mount> mounts = ListMounts();
+    if (mounts.empty()) {
+        throw std::runtime_error("cannot read the table of mounts");
+    }
+    return mounts;
+}
+
+std::vector<std::string> MountsAtOrBeneath(const std::vector<Mount>& mounts, const std::string& path) {
+    std::vector<std::string> found;
+    for (const Mount& mount : mounts) {
+        if (IsBelow(mount.mountPoint, path)) {
+            found.push_back(mount.mountPoint);
+        }
+    }
+    return found;
 }
 
 }  // namespace korv
