@@ -4,6 +4,7 @@ add_executable(korv_mount_test
     private_machine.cpp
     remote_mounts_test.cpp
     samba_server.cpp
+    share_key_test.cpp
 )
 target_compile_definitions(korv_mount_test PRIVATE TEST_HELPERS="${PROJECT_SOURCE_DIR}/tests/helpers")
 target_link_libraries(korv_mount_test PRIVATE korv soci_core soci_sqlite3 acl GTest::gtest)
