@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-// External disks: USB and eSATA. Implemented in korv/system/external_disk.cpp.
+// External disks: USB and eSATA. Implemented in korv/system/external_disk_platform.cpp.
 
 enum KORV_EXT_DEVICE_TYPE : int {
     KORV_EXT_DEVICE_USB = 2,
@@ -34,16 +34,14 @@ struct KORVEXTDEVICE {
 };
 
 // Enumerates the attached disks of one kind. Needs root.
-//   names     array that receives one reference per disk to its device name, or null to ask for the size. The
-//   names
-//             stand in the same buffer, behind the references
-//   capacity  bytes at `names`
+//   names     array that receives one reference per disk to its device name ("sdb"), or null to ask for the
+//             size. The names stand in the same buffer, behind the references
+//   capacity  bytes at `names`; disks that find no room in it, since they came later, are left out
 //   size      in/out: the bytes that are needed
-// The number of disks, negative on failure.
+// The number of disks, negative on failure. Also brings /tmp/usbdiskapplying up to date, where each attached
+// disk's state stands under its device name: "init", "formatting", "fsck", "fail", anything else = ready.
 int KORVUSBDevEnum(int type, char** names, std::size_t capacity, std::size_t* size);
 
-// Reads the disk `device` and its partitions into `record`. Negative on failure.
+// Reads the disk `device` and its partitions into `record`. Negative on failure. A disk that has gone since
+// it was enumerated has no partitions; that is no failure.
 int KORVExtStgPartsVolInfoGet(const char* device, KORVEXTDEVICE* record, bool isUsb);
-
-// Non-zero when the configuration file `path` has `key` with exactly `value` (texts). `flags` is 0.
-int KLIBCFileCheckKeyValue(const char* path, const char* key, const char* value, int flags);

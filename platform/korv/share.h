@@ -4,7 +4,8 @@
 
 #include <json/json.h>
 
-// Shared folders of the NAS and who may do what there. Implemented in korv/system/share.cpp.
+// Shared folders of the NAS and who may do what there. Implemented in korv/system/share.cpp and
+// share_access.cpp and korv/services/local_share_list.cpp.
 
 // Rights of a user on a shared folder, as bits.
 enum KORV_SHARE_RIGHT : int {
@@ -18,7 +19,8 @@ struct KORVSHARE {
     const char* path;
 };
 
-// Looks up the shared folder `name`, without regard to case.
+// Looks up the shared folder `name`, without regard to case; what is mounted from an external disk is one too
+// ("usbshare2"), which needs root.
 //   share  out: the record, freed with KORVShareFree; null after a failure
 // 0 on success, -1 when there is none or it cannot be read.
 int KORVShareGet(const char* name, KORVSHARE** share);

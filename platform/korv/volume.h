@@ -5,8 +5,8 @@
 
 #include <sys/types.h>
 
-// Volumes, quotas and users of this machine. Implemented in korv/system/volume.cpp, quota.cpp and
-// accounts.cpp.
+// Volumes, quotas and users of this machine. Implemented in korv/system/volume.cpp,
+// free_space.cpp and accounts.cpp.
 
 struct KORVVOLUME {
     std::uint64_t totalBytes;

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "platform/korv/external_disk.h"
+#include "platform/korv/key_value_file.h"
 #include "platform/pavane/key_value_file.h"
 
 #include "include/run_as_scope.h"
