@@ -63,12 +63,18 @@ void Print(const StreamEvent& event, bool json) {
     std::cout << std::flush;
 }
 
-// The server closes the connection now and then, so that sessions are looked at anew.
+// The server greets every listener with a comment: from then on nothing is missed. It closes the connection
+// now and then, so that sessions are looked at anew.
 void Follow(const Context& context, int count) {
     Client client = context.MakeClient();
     EventStream stream;
     int seen = 0;
+    bool isListening = false;
     const auto take = [&](std::string_view piece) {
+        if (!isListening) {
+            std::cerr << "pavane: listening\n";
+            isListening = true;
+        }
         for (const StreamEvent& event : stream.Take(piece)) {
             Print(event, context.json);
             if (++seen == count) {

@@ -13,8 +13,8 @@ import time
 
 import requests
 
-_ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__))))
-_BUILD = os.environ.get("PAVANE_BUILD", os.path.join(_ROOT, "build/test"))
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__))))
+BUILD = os.environ.get("PAVANE_BUILD", os.path.join(ROOT, "build/test"))
 _READY_DEADLINE_S = 120
 _POLL_S = 0.05
 _LOGS = ("log/korvd.log", "log/pavane.log", "log/nginx-error.log", "stderr")
@@ -102,7 +102,7 @@ class Node:
         environment = dict(os.environ, UBSAN_OPTIONS="print_stacktrace=1", ASAN_OPTIONS="detect_leaks=1")
         with open(os.path.join(self.folder, "stderr"), "ab") as errors:
             self.process = subprocess.Popen(
-                [os.path.join(_ROOT, "script/node"), "--state", self.state, "--build", _BUILD, "--port",
+                [os.path.join(ROOT, "script/node"), "--state", self.state, "--build", BUILD, "--port",
                  str(self.port), "--volume-mb", "256", *self.options],
                 stdout=subprocess.PIPE, stderr=errors, text=True, env=environment)
         wait_until(lambda: self.is_healthy() or self.process.poll() is not None, "the node is ready",

@@ -1,0 +1,58 @@
+"""The commands in a document, and running them as a reader would."""
+
+import re
+import subprocess
+
+_BLOCK = re.compile(r"^```console\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+_END_MARK = "end-of-command"
+_CHANGING = [
+    (re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d"), "TIME"),
+    (re.compile(r"http://127\.0\.0\.1:\d+"), "URL"),
+]
+
+
+def commands_of(path):
+    """Pairs of a command and what the document says it prints, in the order of the document."""
+    with open(path, encoding="utf-8") as file:
+        blocks = _BLOCK.findall(file.read())
+    pairs = []
+    for line in "".join(blocks).splitlines():
+        if line.startswith("$ "):
+            pairs.append((line[2:], []))
+        elif pairs:
+            pairs[-1][1].append(line)
+    return [(command, "\n".join(expected)) for command, expected in pairs]
+
+
+def steady(text):
+    """`text` without what differs from one run to the next."""
+    for pattern, word in _CHANGING:
+        text = pattern.sub(word, text)
+    return text.strip()
+
+
+class Shell:
+    """One bash that takes command after command; what a command prints on either stream is its answer."""
+
+    def __init__(self, folder, environment):
+        self.process = subprocess.Popen(["bash", "--norc"], cwd=folder, env=environment, stdin=subprocess.PIPE,
+                                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.stdin.close()
+        self.process.wait(20)
+        self.process.stdout.close()
+
+    def run(self, command):
+        # The mark keeps the command's status for the next one to ask for.
+        self.process.stdin.write(f'{command}\n{{ s=$?; printf "\\n%s\\n" {_END_MARK}; (exit "$s"); }}\n')
+        self.process.stdin.flush()
+        lines = []
+        for line in self.process.stdout:
+            if line.rstrip("\n") == _END_MARK:
+                return "".join(lines)[:-1]  # less the line end of the mark's own
+            lines.append(line)
+        raise AssertionError(f"the shell ended in: {command}\n{''.join(lines)}")
