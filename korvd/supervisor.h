@@ -25,7 +25,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    enum class Role { kNginx, kPublicWorker, kPeerWorker };
+    enum class Role { kNginx, kPublicWorker, kPeerWorker, kMountKeeper };
 
     struct Child {
         Role role;
@@ -40,6 +40,7 @@ private:
     bool StartNginx(Child& child);
     void RestartNginx(Child& child);
     void StartWorker(Child& child);
+    void StartMountKeeper(Child& child);
     void StartDue();
     void Reap();
     void NoteDeath(Child& child, int status);

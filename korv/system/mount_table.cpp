@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <new>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 
 #include "korv/system/file_descriptor.h"
 
@@ -123,6 +125,9 @@ const std::vector<Mount>& ListMounts() {
     MountList& list = ProcessMountList();
     const bool isOurs = list.file && list.opener == getpid();
     if (!isOurs) {
+        // Forgotten, not closed: a child may have closed what it inherited and use the number for something
+        // else.
+        new (&list.file) FileDescriptor();
         list.file = FileDescriptor(open(kMountList, O_RDONLY | O_CLOEXEC));
         list.opener = getpid();
     }
@@ -145,6 +150,24 @@ std::vector<const Mount*> MountsAlong(const std::string& path) {
         along.push_back(&mount);
     }
     return along;
+}
+
+std::vector<Mount> ReadMounts() {
+    std::vector<Mount> mounts = ListMounts();
+    if (mounts.empty()) {
+        throw std::runtime_error("cannot read the table of mounts");
+    }
+    return mounts;
+}
+
+std::vector<std::string> MountsAtOrBeneath(const std::vector<Mount>& mounts, const std::string& path) {
+    std::vector<std::string> found;
+    for (const Mount& mount : mounts) {
+        if (IsBelow(mount.mountPoint, path)) {
+            found.push_back(mount.mountPoint);
+        }
+    }
+    return found;
 }
 
 }  // namespace korv

@@ -22,4 +22,10 @@ const std::vector<Mount>& ListMounts();
 // links are not followed.
 std::vector<const Mount*> MountsAlong(const std::string& path);
 
+// The same as a list of the caller's own. Throws std::runtime_error when the kernel's list can't be read.
+std::vector<Mount> ReadMounts();
+
+// The mount points of `mounts` that are `path` itself or beneath it.
+std::vector<std::string> MountsAtOrBeneath(const std::vector<Mount>& mounts, const std::string& path);
+
 }  // namespace korv

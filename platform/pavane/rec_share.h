@@ -4,6 +4,8 @@
 #include <list>
 #include <string>
 
+#include "platform/korv/fs_type.h"
+
 // The recording share record and its store. Implemented in pavane/store/rec_share*.cpp.
 
 enum SHARE_ENC_TYPE : int {
@@ -21,17 +23,6 @@ enum SHARE_MOUNT_TYPE : int {
 enum SHARE_MOUNT_STATUS : int {
     SHARE_MOUNT_NORMAL = 0,
     SHARE_MOUNT_FAILED = 1,
-};
-
-// File systems of volumes, as reported to clients.
-enum _tag_FSTYPE : int {  // NOLINT(bugprone-reserved-identifier): the name is the contract's
-    FSTYPE_UNKNOWN = -1,
-    FSTYPE_EXT4 = 1,
-    FSTYPE_BTRFS = 2,
-    FSTYPE_XFS = 3,
-    FSTYPE_NFS = 10,
-    FSTYPE_CIFS = 11,
-    FSTYPE_OTHER = 99,
 };
 
 // A shared folder that the application has adopted as a place for recordings. A value type; a fresh one
@@ -129,3 +120,8 @@ int CheckRecShareStatus(int id);
 
 // The paths of the recording shares that the server `rvId` owns. Empty on failure.
 std::list<std::string> LoadRecSharePath(int rvId);
+
+// Records a changed state of a remote mount in the store and in `share`. Failures are logged.
+//   refreshFacts  true: when the mount is normal, also read the file system's type and size anew
+//   onlyIfChanged true: leave the store alone when the state is what it was
+void UpdateShareMountInfo(SHARE_MOUNT_STATUS status, RecShare& share, bool refreshFacts, bool onlyIfChanged);
