@@ -117,8 +117,10 @@ void AddCameraCommands(CLI::App& app, Context& context) {
     const auto path = std::make_shared<std::string>();
     CLI::App* const import = camera->add_subcommand("import", "Register cameras from a CSV or JSON file");
     import
-        ->add_option("file", *path,
-                     "The file; CSV has the header name,recording_path[,owner]; - = standard input")
+        ->add_option(
+            "file", *path,
+            "The file; CSV has the header name,recording_path[,owner,ip,occupied_mb,rotation_mb]; - = "
+            "standard input")
         ->required();
     import->callback([&context, path] { context.chosen = [&context, path] { Import(context, *path);
 };

@@ -1,5 +1,7 @@
 #include "cli/camera_file.h"
 
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <map>
 #include <memory>
@@ -16,6 +18,11 @@ namespace {
 constexpr const char* kNameColumn = "name";
 constexpr const char* kPathColumn = "recording_path";
 constexpr const char* kOwnerColumn = "owner";
+constexpr const char* kAddressColumn = "ip";
+constexpr const char* kOccupiedColumn = "occupied_mb";
+constexpr const char* kRotationColumn = "rotation_mb";  // empty = not rotated by space
+constexpr std::array<const char*, 6> kColumns{kNameColumn,    kPathColumn,     kOwnerColumn,
+                                              kAddressColumn, kOccupiedColumn, kRotationColumn};
 
 using Columns = std::map<std::string, std::size_t>;
 
@@ -26,8 +33,8 @@ Columns ReadHeader(const CsvRow& header) {
     Columns columns;
     for (std::size_t i = 0; i < header.fields.size(); ++i) {
         const std::string& title = header.fields[i];
-        if (title != kNameColumn && title != kPathColumn && title != kOwnerColumn) {
-            refuse("unknown column '" + title + "' (known: name, recording_path, owner)");
+        if (std::find(kColumns.begin(), kColumns.end(), title) == kColumns.end()) {
+            refuse("unknown column '" + title + "' (known: name, recording_path, owner, ip, occupied_mb, rotation_mb)");
         }
         if (!columns.emplace(title, i).second) {
             refuse("column '" + title + "' stands there twice");
@@ -39,14 +46,37 @@ Columns ReadHeader(const CsvRow& header) {
     return columns;
 }
 
-int ReadOwner(const std::string& text, const std::string& place) {
-    int owner = 0;
+// A whole number from 0 on; `meaning` completes "... is no".
+int ReadNumber(const std::string& column, const std::string& text, const char* meaning,
+               const std::string& place) {
+    int number = 0;
     const char* const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, owner);
-    if (error != std::errc() || stop != end || owner < 0) {
-        throw InputError(place + ": owner '" + text + "' is no recording server's id");
+    const auto [stop, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc() || stop != end || number < 0) {
+        throw InputError(place + ": " + column + " '" + text + "' is no " + meaning);
     }
-    return owner;
+    return number;
+}
+
+// The columns that a file may leave out, and fields that it may leave empty.
+void ReadOptional(const CsvRow& row, const Columns& columns, CameraEntry& entry) {
+    const auto field = [&](const char* column) {
+        const auto found = columns.find(column);
+        return found != columns.end() ? row.fields[found->second] : std::string();
+    };
+    if (const std::string owner = field(kOwnerColumn); !owner.empty()) {
+        entry.camera["ownerRvId"] = ReadNumber(kOwnerColumn, owner, "recording server's id", entry.place);
+    }
+    if (const std::string address = field(kAddressColumn); !address.empty()) {
+        entry.camera["ip"] = address;
+    }
+    if (const std::string occupied = field(kOccupiedColumn); !occupied.empty()) {
+        entry.camera["occupiedMB"] = ReadNumber(kOccupiedColumn, occupied, "size in MB", entry.place);
+    }
+    if (const std::string rotation = field(kRotationColumn); !rotation.empty()) {
+        entry.camera["rotatedBySpace"] = true;
+        entry.camera["rotationBySpaceMB"] = ReadNumber(kRotationColumn, rotation, "size in MB", entry.place);
+    }
 }
 
 std::vector<CameraEntry> FromCsv(std::string_view text) {
@@ -64,10 +94,7 @@ std::vector<CameraEntry> FromCsv(std::string_view text) {
         }
         entry.camera["name"] = row->fields[columns.at(kNameColumn)];
         entry.camera["recordingPath"] = row->fields[columns.at(kPathColumn)];
-        const auto owner = columns.find(kOwnerColumn);
-        if (owner != columns.end() && !row->fields[owner->second].empty()) {
-            entry.camera["ownerRvId"] = ReadOwner(row->fields[owner->second], entry.place);
-        }
+        ReadOptional(*row, columns, entry);
         entries.push_back(std::move(entry));
     }
     return entries;

@@ -25,6 +25,8 @@ struct Context {
 // Each adds its commands to `app`; when one of them is parsed it leaves its action in `context.chosen`.
 void AddSessionCommands(CLI::App& app, Context& context);
 void AddShareCommands(CLI::App& app, Context& context);
+void AddShareUseCommands(CLI::App& share, Context& context);  // of the group "share"
+void AddCandidatesCommand(CLI::App& app, Context& context);
 void AddCameraCommands(CLI::App& app, Context& context);
 void AddEventCommands(CLI::App& app, Context& context);
 void AddLogCommands(CLI::App& app, Context& context);

@@ -27,6 +27,7 @@ int Run(int argc, char** argv) {
     app.add_flag("--json", context.json, "Print the server's data for programs");
     cli::AddSessionCommands(app, context);
     cli::AddShareCommands(app, context);
+    cli::AddCandidatesCommand(app, context);
     cli::AddCameraCommands(app, context);
     cli::AddEventCommands(app, context);
     cli::AddLogCommands(app, context);

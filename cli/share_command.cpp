@@ -175,6 +175,7 @@ void AddShareCommands(CLI::App& app, Context& context) {
     share->require_subcommand(1);
     AddList(*share, context);
     AddCreate(*share, context);
+    AddShareUseCommands(*share, context);
 }
 
 }  // namespace cli

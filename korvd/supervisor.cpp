@@ -17,6 +17,7 @@
 #include "korv/framework/log.h"
 #include "korv/framework/service_user.h"
 #include "korv/framework/worker.h"
+#include "korv/services/mount_keeper.h"
 #include "korv/services/share_recovery.h"
 #include "korvd/listening_socket.h"
 #include "korvd/nginx_process.h"
@@ -45,6 +46,7 @@ std::string DeathText(int status) {
 
 int RecoverShares() {
     korv::RecoverShares();
+    korv::RecoverMountsAtStart();
     return EXIT_SUCCESS;
 }
 
@@ -102,6 +104,7 @@ bool Supervisor::StartAll() {
                       {Role::kPublicWorker});
     m_children.insert(m_children.end(), static_cast<std::size_t>(m_settings.workers.peerCount),
                       {Role::kPeerWorker});
+    m_children.push_back({Role::kMountKeeper});
     korv::LogLine("korvd serves on " + m_settings.listen);
     return true;
 }
@@ -170,6 +173,15 @@ void Supervisor::RestartWorker(Child& child) {
     }
 }
 
+void Supervisor::StartMountKeeper(Child& child) {
+    child.started = Clock::now();
+    child.pid = Fork([this] {
+        close(m_publicSocket.Get());
+        close(m_peerSocket.Get());
+        return korv::RunMountKeeper();
+    });
+}
+
 void Supervisor::StartDue() {
     for (Child& child : m_children) {
         if (child.pid != 0 || child.due > Clock::now()) {
@@ -177,6 +189,8 @@ void Supervisor::StartDue() {
         }
         if (child.role == Role::kNginx) {
             RestartNginx(child);
+        } else if (child.role == Role::kMountKeeper) {
+            StartMountKeeper(child);
         } else {
             RestartWorker(child);
         }
@@ -217,12 +231,14 @@ void Supervisor::NoteDeath(Child& child, int status) {
 void Supervisor::StopAll() {
     m_isStopping = true;
     korv::LogLine("korvd ends");
-    Signal(Role::kPublicWorker, SIGTERM);
-    Signal(Role::kPeerWorker, SIGTERM);
-    if (!WaitForEnd(Role::kPublicWorker, Role::kPeerWorker, kWorkersEnd)) {
-        Signal(Role::kPublicWorker, SIGKILL);
-        Signal(Role::kPeerWorker, SIGKILL);
-        WaitForEnd(Role::kPublicWorker, Role::kPeerWorker, kNginxEnd);
+    for (const Role role : {Role::kPublicWorker, Role::kPeerWorker, Role::kMountKeeper}) {
+        Signal(role, SIGTERM);
+    }
+    if (!WaitForEnd(Role::kPublicWorker, Role::kMountKeeper, kWorkersEnd)) {
+        for (const Role role : {Role::kPublicWorker, Role::kPeerWorker, Role::kMountKeeper}) {
+            Signal(role, SIGKILL);
+        }
+        WaitForEnd(Role::kPublicWorker, Role::kMountKeeper, kNginxEnd);
     }
     Signal(Role::kNginx, SIGTERM);
     if (!WaitForEnd(Role::kNginx, Role::kNginx, kNginxEnd)) {

@@ -25,7 +25,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    enum class Role { kNginx, kPublicWorker, kPeerWorker };
+    enum class Role { kNginx, kPublicWorker, kPeerWorker, kMountKeeper };
 
     struct Child {
         Role role;
@@ -41,6 +41,7 @@ private:
     void RestartNginx(Child& child);
     void StartWorker(Child& child);
     void RestartWorker(Child& child);
+    void StartMountKeeper(Child& child);
     void StartDue();
     void Reap();
     void NoteDeath(Child& child, int status);

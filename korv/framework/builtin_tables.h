@@ -12,9 +12,11 @@ const KORV::APITableRow* ShareTable();            // korv/services/share_api.cpp
 const KORV::APITableRow* SharePermissionTable();  // korv/services/share_permission_api.cpp
 const KORV::APITableRow* AppPrivilegeTable();     // korv/services/app_privilege_api.cpp
 const KORV::APITableRow* VolumeTable();           // korv/services/volume_api.cpp
+const KORV::APITableRow* MountTable();            // korv/services/mount_api.cpp
 
-inline std::array<const KORV::APITableRow*, 5> BuiltInTables() {
-    return {SessionTable(), ShareTable(), SharePermissionTable(), AppPrivilegeTable(), VolumeTable()};
+inline std::array<const KORV::APITableRow*, 6> BuiltInTables() {
+    return {SessionTable(),      ShareTable(),  SharePermissionTable(),
+            AppPrivilegeTable(), VolumeTable(), MountTable()};
 }
 
 }  // namespace korv

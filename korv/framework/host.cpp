@@ -3,6 +3,7 @@
 #include <exception>
 #include <map>
 #include <utility>
+#include <vector>
 
 #include "platform/korv/host.h"
 
@@ -23,7 +24,28 @@ PairCheck& RegisteredPairCheck() {
     return check;
 }
 
+using MountObserver = std::function<void(const std::string&, bool)>;
+
+std::vector<MountObserver>& MountObservers() {
+    static std::vector<MountObserver> observers;
+    return observers;
+}
+
 }  // namespace
+
+void KORV::RegisterMountObserver(std::function<void(const std::string& mountPoint, bool isNormal)> observer) {
+    MountObservers().push_back(std::move(observer));
+}
+
+void korv::AnnounceMountState(const std::string& mountPoint, bool isNormal) {
+    for (const MountObserver& observer : MountObservers()) {
+        try {
+            observer(mountPoint, isNormal);
+        } catch (const std::exception& error) {
+            LogLine(std::string("an observer of mounts threw: ") + error.what());
+        }
+    }
+}
 
 void KORV::RegisterHealthCheck(const std::string& name, std::function<std::string()> check) {
     HealthChecks()[name] = std::move(check);

@@ -12,4 +12,7 @@ std::string FailedHealthCheck();
 // Judges a peer's pairing key; false while no check is registered or when it throws.
 bool IsPairedPeer(const std::string& pairKey, const std::string& stamp);
 
+// Tells every observer of mounts; what one throws is logged.
+void AnnounceMountState(const std::string& mountPoint, bool isNormal);
+
 }  // namespace korv

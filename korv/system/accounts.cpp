@@ -7,6 +7,10 @@
 #include <cerrno>
 #include <system_error>
 
+#include "platform/korv/volume.h"
+
+#include "korv/framework/log.h"
+
 namespace korv {
 
 namespace {
@@ -80,3 +84,20 @@ bool IsAdministrator(const std::string& user) {
 }
 
 }  // namespace korv
+
+int KORVUserGetUGID(const char* user, uid_t* uid, gid_t* gid) {
+    try {
+        const auto account = korv::FindUser(user);
+        if (!account) {
+            return -1;
+        }
+        *uid = account->uid;
+        if (gid != nullptr) {
+            *gid = account->primaryGid;
+        }
+        return 0;
+    } catch (const std::system_error& failure) {
+        korv::LogLine(std::string("an account can't be looked up: ") + failure.what());
+        return -1;
+    }
+}

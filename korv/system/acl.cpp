@@ -115,6 +115,32 @@ unsigned EffectiveRights(const Acl& acl, const FolderOwner& owner, const AclPrin
     return GroupRights(acl, owner.gid, user).value_or(RightsOf(acl, ACL_OTHER));
 }
 
+bool Permits(const Acl& acl, const FolderOwner& owner, const AclPrincipal& user, unsigned wanted) {
+    const auto covers = [wanted](unsigned rights) { return (rights & wanted) == wanted; };
+    if (user.id == 0) {
+        return true;
+    }
+    if (user.id == owner.uid) {
+        return covers(RightsOf(acl, ACL_USER_OBJ));
+    }
+    if (Find(acl, ACL_MASK) != nullptr && MaskOf(acl) == 0) {
+        return covers(Contains(user.groups, owner.gid) ? 0 : RightsOf(acl, ACL_OTHER));
+    }
+    if (const AclEntry* own = Find(acl, ACL_USER, user.id); own != nullptr) {
+        return covers(own->rights & MaskOf(acl));
+    }
+    bool isMember = false;
+    for (const AclEntry& entry : acl) {
+        const bool matches = (entry.tag == ACL_GROUP && Contains(user.groups, entry.id)) ||
+                             (entry.tag == ACL_GROUP_OBJ && Contains(user.groups, owner.gid));
+        if (matches && covers(entry.rights & MaskOf(acl))) {
+            return true;
+        }
+        isMember = isMember || matches;
+    }
+    return !isMember && covers(RightsOf(acl, ACL_OTHER));
+}
+
 Acl GrantedAccess(const Acl& access, const FolderOwner& owner, const AclPrincipal& grantee, unsigned rights) {
     Acl result = Granted(access, owner.gid, grantee, rights);
     // For the folder's owner only the owner's entry counts.

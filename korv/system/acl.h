@@ -43,6 +43,11 @@ struct FolderOwner {
 // where that applies. Rights of several groups are added up.
 unsigned EffectiveRights(const Acl& acl, const FolderOwner& owner, const AclPrincipal& user);
 
+// Whether the kernel would allow `user` all of `wanted` at once, oddities included: two groups that give one
+// half each don't add up, a mask without any right takes the named entries out of the list, so that those
+// whom they name count as others, and root may do anything with a folder.
+bool Permits(const Acl& acl, const FolderOwner& owner, const AclPrincipal& user, unsigned wanted);
+
 // The folder's access ACL after granting `rights`. Nobody loses an effective right, and nobody but the
 // grantee wins one: a mask that a chmod has narrowed is widened for the grantee, and the bits that it hid in
 // other entries are dropped from them.

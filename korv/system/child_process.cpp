@@ -1,6 +1,7 @@
 #include "korv/system/child_process.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <spawn.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <csignal>
 #include <thread>
 
+#include <linux/close_range.h>
 #include <sys/wait.h>
 
 #include "include/run_as_scope.h"
@@ -67,6 +69,38 @@ pid_t Start(const std::string& path, std::vector<std::string> arguments, int out
     return failure == 0 ? child : -1;
 }
 
+// In a child: root with all three ids, since some programs look at the real one, and no groups.
+bool BecomeRootForGood() {
+    return seteuid(0) == 0 && setgroups(0, nullptr) == 0 && setresgid(0, 0, 0) == 0 &&
+           setresuid(0, 0, 0) == 0;
+}
+
+void ResetSignals() {
+    for (int signal = 1; signal < NSIG; ++signal) {
+        std::signal(signal, SIG_DFL);
+    }
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigprocmask(SIG_SETMASK, &signals, nullptr);
+}
+
+constexpr int kNotStarted = 127;
+
+// In a child that was forked by a process with one thread: becomes the program, with `input` as its standard
+// input. Returns only when that fails.
+void BecomeProgram(const std::string& path, std::vector<std::string> arguments, int input) {
+    arguments.insert(arguments.begin(), path);
+    std::vector<std::string> environment{"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8"};
+    const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ResetSignals();
+    if (nothing < 0 || !BecomeRootForGood() || dup2(input, STDIN_FILENO) < 0 ||
+        dup2(nothing, STDOUT_FILENO) < 0 || dup2(nothing, STDERR_FILENO) < 0 || chdir("/") != 0) {
+        return;
+    }
+    close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+    execve(path.c_str(), Pointers(arguments).data(), Pointers(environment).data());
+}
+
 // Reads until the program closes its output. False when the deadline comes first.
 bool ReadUntil(int output, Clock::time_point deadline, std::string& text) {
     constexpr std::size_t kBlock = 4096;
@@ -88,6 +122,18 @@ bool ReadUntil(int output, Clock::time_point deadline, std::string& text) {
     }
 }
 
+// Kills and waits, not for ever: a child in a system call that hangs may outlive the signal.
+void Kill(pid_t child) {
+    constexpr std::chrono::seconds kPatience(2);
+    const RunAsScope root = IF_RUN_AS;
+    kill(child, SIGKILL);
+    const Clock::time_point end = Clock::now() + kPatience;
+    int status = 0;
+    while (waitpid(child, &status, WNOHANG) == 0 && Clock::now() < end) {
+        std::this_thread::sleep_for(kPollPause);
+    }
+}
+
 // The exit status; -1 after a signal. A program may close its output long before its end.
 int WaitUntil(pid_t child, Clock::time_point deadline) {
     int status = 0;
@@ -100,9 +146,7 @@ int WaitUntil(pid_t child, Clock::time_point deadline) {
             return -1;
         }
         if (Clock::now() > deadline) {
-            kill(child, SIGKILL);
-            while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-            }
+            Kill(child);
             return -1;
         }
         std::this_thread::sleep_for(kPollPause);
@@ -129,6 +173,44 @@ ProgramEnd RunProgram(const std::string& path, const std::vector<std::string>& a
     const bool isComplete = ReadUntil(reading.Get(), end, result.output);
     result.exitCode = WaitUntil(child, isComplete ? end : Clock::now());
     return result;
+}
+
+int RunProgramWithInput(const std::string& path, const std::vector<std::string>& arguments,
+                        std::string_view input, std::chrono::milliseconds deadline) {
+    std::array<int, 2> ends{};
+    if (input.size() > kLongestInput || pipe2(ends.data(), O_CLOEXEC) != 0) {
+        return -1;
+    }
+    const FileDescriptor reading(ends[0]);
+    FileDescriptor writing(ends[1]);
+    // So little fits into the pipe at once, and its other end is still here, so this neither waits nor fails
+    // when the program ends without reading.
+    if (write(writing.Get(), input.data(), input.size()) != static_cast<ssize_t>(input.size())) {
+        return -1;
+    }
+    writing = FileDescriptor();
+    const pid_t child = fork();
+    if (child == 0) {
+        BecomeProgram(path, arguments, reading.Get());
+        _exit(kNotStarted);
+    }
+    return child > 0 ? WaitUntil(child, Clock::now() + deadline) : -1;
+}
+
+std::optional<int> RunInChild(const std::function<int()>& work, std::chrono::milliseconds deadline) {
+    constexpr int kThrew = 255;
+    const pid_t child = fork();
+    if (child == 0) {
+        int result = kThrew;
+        try {
+            result = BecomeRootForGood() ? work() : kThrew;
+        } catch (...) {
+            result = kThrew;
+        }
+        _exit(result);
+    }
+    const int result = child > 0 ? WaitUntil(child, Clock::now() + deadline) : -1;
+    return result >= 0 && result != kThrew ? std::optional(result) : std::nullopt;
 }
 
 }  // namespace korv

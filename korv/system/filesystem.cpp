@@ -1,15 +1,21 @@
 #include "platform/korv/filesystem.h"
 
+#include <optional>
 #include <string>
 
 #include <sys/stat.h>
+
+#include "korv/system/bounded_call.h"
 
 bool IsExistDir(const std::string& path) {
     if (path.find('\0') != std::string::npos) {
         return false;
     }
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    const auto mode = korv::CallBounded("stat", path, [&path] {
+        struct stat status {};
+        return stat(path.c_str(), &status) == 0 ? std::optional(status.st_mode) : std::nullopt;
+    });
+    return mode && S_ISDIR(*mode);
 }
 
 std::string GetDirPath(const std::string& path) {

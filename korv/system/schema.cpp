@@ -1,6 +1,7 @@
 #include "korv/system/schema.h"
 
 #include <algorithm>
+#include <array>
 #include <stdexcept>
 
 #include "korv/system/database.h"
@@ -10,7 +11,32 @@ namespace korv {
 
 namespace {
 
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
+
+// Version 2 keeps remote mounts.
+constexpr const char* kToVersion2 = R"sql(
+create table mount (
+    mount_point     text primary key,
+    share           text not null,
+    token           text not null unique,
+    type            text not null,
+    source          text not null,
+    options         text not null,
+    owner           text not null,
+    auto_mount      integer not null,
+    state           text not null,
+    maker_pid       integer not null,
+    maker_start     integer not null,
+    maker_boot_id   text not null,
+    is_folder_made  integer not null,
+    guard           integer not null,
+    guard_mode      integer not null,
+    status          integer not null,
+    last_error      integer not null,
+    failures        integer not null,
+    next_try_s      integer not null
+) without rowid;
+)sql";
 
 int VersionOf(soci::session& session) {
     int version = 0;
@@ -34,7 +60,8 @@ void Upgrade(soci::session& session, const Schema& schema, int version) {
 }  // namespace
 
 const Schema& CurrentSchema() {
-    static const Schema schema{kSchemaVersion, kSchemaSql, {}};
+    static constexpr std::array<SchemaUpgrade, 1> kUpgrades{{{1, kToVersion2}}};
+    static const Schema schema{kSchemaVersion, kSchemaSql, kUpgrades};
     return schema;
 }
 

@@ -88,3 +88,33 @@ create table app_privilege (
     address_range  text not null,
     primary key (account, app, address_range)
 ) without rowid;
+
+-- Remote folders mounted inside shares. The account for one stands in <stateDir>/mounts/<token>.account.
+--   owner       the account that may manage it besides administrators; "" = none
+--   state       'making' and 'removing': under way, undone or finished when the maker is dead; 'kept': stays
+--   guard       what keeps people from writing while nothing is mounted: 0 nothing yet, 1 the folder is
+--               immutable, 2 nobody has a right on it (guard_mode holds its mode)
+--   status      0 = mounted and alive when last looked at, 1 = not
+--   last_error  code of the last failed attempt, 0 = none
+--   failures    failed attempts in a row; the next automatic one is due at next_try_s
+create table mount (
+    mount_point     text primary key,
+    share           text not null,
+    token           text not null unique,
+    type            text not null,
+    source          text not null,
+    options         text not null,
+    owner           text not null,
+    auto_mount      integer not null,
+    state           text not null,
+    maker_pid       integer not null,
+    maker_start     integer not null,
+    maker_boot_id   text not null,
+    is_folder_made  integer not null,
+    guard           integer not null,
+    guard_mode      integer not null,
+    status          integer not null,
+    last_error      integer not null,
+    failures        integer not null,
+    next_try_s      integer not null
+) without rowid;

@@ -9,6 +9,8 @@
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
 
+#include "korv/system/external_share.h"
+
 namespace korv {
 
 namespace {
@@ -58,6 +60,9 @@ void Check(UErrorCode status) {
 
 bool IsValidShareName(const std::string& name) {
     if (name.empty() || name.size() > kLongestName_bytes || name.front() == '.' || !IsAllowedText(name)) {
+        return false;
+    }
+    if (IsExternalShareName(name)) {
         return false;
     }
     return std::find(kReservedKeys.begin(), kReservedKeys.end(), ShareNameKey(name)) == kReservedKeys.end();

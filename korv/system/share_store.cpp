@@ -116,6 +116,15 @@ std::optional<ShareRow> FindShare(const std::string& name) {
     return rows.empty() ? std::nullopt : std::optional(std::move(rows.front().share));
 }
 
+std::optional<ShareRow> FindShareOfAnyCase(const std::string& name) {
+    if (!IsValidShareName(name)) {
+        return std::nullopt;
+    }
+    std::vector<ShareCreationRow> rows =
+        Select(std::string(kFromShare) + "where name_key = :value", ShareNameKey(name));
+    return rows.empty() ? std::nullopt : std::optional(std::move(rows.front().share));
+}
+
 bool IsShareNameTaken(const std::string& name) {
     const std::string key = ShareNameKey(name);
     int count = 0;

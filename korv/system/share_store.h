@@ -56,6 +56,9 @@ std::vector<ShareRow> ListShares();
 // The share of exactly that name.
 std::optional<ShareRow> FindShare(const std::string& name);
 
+// The share whose name differs from `name` in case at most.
+std::optional<ShareRow> FindShareOfAnyCase(const std::string& name);
+
 // True when a share, or one that is being made, has that name or one that differs in case only.
 bool IsShareNameTaken(const std::string& name);
 

@@ -3,11 +3,16 @@
 #include <fcntl.h>
 
 #include <cstdint>
+#include <optional>
 
 #include <linux/magic.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
+
+#include "platform/korv/volume.h"
+
+#include "korv/system/bounded_call.h"
 
 namespace korv {
 
@@ -42,22 +47,43 @@ bool IsMountPoint(const std::string& path) {
            S_ISDIR(status.stx_mode) && (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
 }
 
+std::optional<struct statfs> ReadFacts(const std::string& path) {
+    struct statfs facts {};
+    return statfs(path.c_str(), &facts) == 0 ? std::optional(facts) : std::nullopt;
+}
+
 }  // namespace
 
 Volume ProbeVolume(const std::string& path) {
     Volume volume;
     volume.path = path;
-    struct statfs facts {};
-    if (!IsMountPoint(path) || statfs(path.c_str(), &facts) != 0) {
+    const auto facts =
+        CallBounded("statfs", path, [&path] { return IsMountPoint(path) ? ReadFacts(path) : std::nullopt; });
+    if (!facts) {
         return volume;
     }
     volume.isMounted = true;
-    volume.isWritable = (facts.f_flags & ST_RDONLY) == 0;
-    volume.type = TypeOf(static_cast<std::uint32_t>(facts.f_type));
-    const auto blockSize = static_cast<std::uint64_t>(facts.f_frsize);
-    volume.sizeMb = facts.f_blocks * blockSize / kBytesPerMb;
-    volume.freeMb = facts.f_bavail * blockSize / kBytesPerMb;
+    volume.isWritable = (facts->f_flags & ST_RDONLY) == 0;
+    volume.type = TypeOf(static_cast<std::uint32_t>(facts->f_type));
+    const auto blockSize = static_cast<std::uint64_t>(facts->f_frsize);
+    volume.sizeBytes = facts->f_blocks * blockSize;
+    volume.freeBytes = facts->f_bavail * blockSize;
+    volume.sizeMb = volume.sizeBytes / kBytesPerMb;
+    volume.freeMb = volume.freeBytes / kBytesPerMb;
     return volume;
 }
 
 }  // namespace korv
+
+int KORVMountVolInfoGet(const char* path, KORVVOLUME* volume) {
+    const korv::Volume facts = korv::ProbeVolume(path);
+    if (!facts.isMounted) {
+        return -1;
+    }
+    *volume = {facts.sizeBytes, facts.freeBytes};
+    return 0;
+}
+
+bool SDKFuncData::IsBtrfs(const std::string& volume) {
+    return korv::ProbeVolume(volume).type == korv::FileSystemType::kBtrfs;
+}

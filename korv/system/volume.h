@@ -25,10 +25,12 @@ struct Volume {
     FileSystemType type = FileSystemType::kUnknown;
     std::uint64_t sizeMb = 0;
     std::uint64_t freeMb = 0;  // for ordinary users
+    std::uint64_t sizeBytes = 0;
+    std::uint64_t freeBytes = 0;
 };
 
 // Looks at what is mounted at `path`, an absolute path without a trailing slash. Never fails: what cannot be
-// read is not mounted. Blocks as long as the file system does.
+// read, or doesn't answer in time (bounded_call.h), is not mounted.
 Volume ProbeVolume(const std::string& path);
 
 }  // namespace korv

@@ -77,6 +77,14 @@ int SlaveRvGetList(std::list<SlaveRV>& list, int rvId) {
     }
 }
 
+SlaveRVMgr::SlaveRVMgr(bool load) {
+    if (load) {
+        SlaveRvGetList(m_servers, 0);  // logs its failure; then there are none
+    }
+}
+
+const std::list<SlaveRV>& SlaveRVMgr::GetSlaveRVList() const { return m_servers; }
+
 int GetSlaveRVById(int id, SlaveRV& server) {
     std::list<SlaveRV> found;
     if (id <= 0 || SlaveRvGetList(found, id) != 0 || found.empty()) {

@@ -5,6 +5,7 @@
 #include <soci/soci.h>
 
 #include "pavane/log_line.h"
+#include "pavane/recorder/camera_store.h"
 #include "pavane/store/database.h"
 
 namespace {
@@ -19,12 +20,28 @@ struct CameraAccess {
         camera.m_ownerRvId = ownerRvId;
         camera.m_storagePath = storagePath;
     }
+
+    static Camera FromRecord(const pavane::CameraRecord& record) {
+        Camera camera;
+        Set(camera, record.id, record.ownerRvId, record.recordingPath);
+        camera.m_name = record.name;
+        camera.m_ip = record.ip;
+        camera.m_occupiedMB = record.occupiedMB;
+        camera.m_isRotatedBySpace = record.rotatedBySpace != 0;
+        camera.m_rotationBySpaceMB = record.rotationBySpaceMB;
+        return camera;
+    }
 };
 
 Camera::Camera() = default;
 int Camera::GetId() const { return m_id; }
 int Camera::GetOwnerRvId() const { return m_ownerRvId; }
 const std::string& Camera::GetStoragePath() const { return m_storagePath; }
+const std::string& Camera::GetName() const { return m_name; }
+const std::string& Camera::GetIp() const { return m_ip; }
+int Camera::GetOccupied() const { return m_occupiedMB; }
+bool Camera::IsRotatedBySpace() const { return m_isRotatedBySpace; }
+int Camera::GetRotationBySpace() const { return m_rotationBySpaceMB; }
 
 // Reads the three columns that one index holds, in that index's order, and nothing else.
 std::list<Camera> CamGetList(const CamFilterRule& filter, int& count, bool /*withStatus*/) {
@@ -52,6 +69,21 @@ std::list<Camera> CamGetList(const CamFilterRule& filter, int& count, bool /*wit
     }
     count = static_cast<int>(cameras.size());
     return cameras;
+}
+
+int LoadAllUsingCam(std::list<Camera>& cameras, int shareId, bool /*withStatus*/) {
+    try {
+        std::list<Camera> found;
+        for (const pavane::CameraRecord& record : pavane::ListCamerasOfShare(shareId)) {
+            found.push_back(CameraAccess::FromRecord(record));
+        }
+        cameras.splice(cameras.end(), found);
+        return 0;
+    } catch (const std::exception& failure) {
+        PV_LOG_LINE(kSource, "Failed to list the cameras of a share: %s\n",
+                    pavane::DescribeFailure(failure).c_str());
+        return -1;
+    }
 }
 
 int GetCamOwnerRvId(int camId) {

@@ -7,6 +7,7 @@
 
 #include <soci/soci.h>
 
+#include "platform/korv/mount.h"
 #include "platform/pavane/rec_share.h"
 
 #include "pavane/log_line.h"
@@ -112,6 +113,7 @@ struct RecShareAccess {
     }
 
     static void SetId(RecShare& share, int id) { share.m_id = id; }
+    static void SetMountStatus(RecShare& share, SHARE_MOUNT_STATUS status) { share.m_mountStatus = status; }
 };
 
 namespace {
@@ -190,6 +192,26 @@ int RecShare::LoadByIdOnRec(int idOnRec, int ownerRvId) {
                    &ownerRvId);
 }
 
+int RecShare::LoadByPath(const std::string& path, int ownerRvId) {
+    try {
+        ShareRow row;
+        auto bind = (pavane::AppDatabase().Session().prepare
+                     << kSelect << "where owner_rv_id = :owner and path = :path");
+        BindColumns(bind, row);
+        bind, soci::use(ownerRvId), soci::use(path);
+        soci::statement statement(bind);
+        if (path.find('\0') != std::string::npos || !statement.execute(true)) {
+            return -1;
+        }
+        *this = RecShareAccess::FromRow(row);
+        return 0;
+    } catch (const std::exception& failure) {
+        PV_LOG_LINE(kSource, "Failed to load a recording share by its path: %s\n",
+                    pavane::DescribeFailure(failure).c_str());
+        return -1;
+    }
+}
+
 int RecShare::Save() {
     ShareRow row = RecShareAccess::ToRow(*this);
     if (HasNul(row)) {
@@ -256,4 +278,41 @@ std::list<std::string> LoadRecSharePath(int rvId) {
         paths.clear();
     }
     return paths;
+}
+
+namespace {
+
+// What a remote mount's state changes of its record: one statement, so that an edit that somebody makes at
+// the same time isn't undone by a record that was loaded before.
+void StoreMountFacts(RecShare& share) {
+    try {
+        pavane::Database& database = pavane::AppDatabase();
+        pavane::WriteTransaction transaction(database);
+        const int status = share.GetMountStatus(), fsType = share.GetFsType(), id = share.GetId();
+        const auto sizeMB = std::bit_cast<long long>(share.GetTotalSizeMB());
+        database.Session() << "update recording_share set mount_status = :status, fs_type = :type,"
+                              " total_size_mb = :size where id = :id",
+            soci::use(status), soci::use(fsType), soci::use(sizeMB), soci::use(id);
+        transaction.Commit();
+    } catch (const std::exception& failure) {
+        PV_LOG_LINE(kSource, "Failed to record the state of a mount: %s\n",
+                    pavane::DescribeFailure(failure).c_str());
+    }
+}
+
+}  // namespace
+
+void UpdateShareMountInfo(SHARE_MOUNT_STATUS status, RecShare& share, bool refreshFacts, bool onlyIfChanged) {
+    if (onlyIfChanged && share.GetMountStatus() == status) {
+        return;
+    }
+    RecShareAccess::SetMountStatus(share, status);
+    auto fsType = FSTYPE_UNKNOWN;
+    std::uint64_t sizeMB = 0;
+    if (refreshFacts && status == SHARE_MOUNT_NORMAL &&
+        GetMntPointFSInfo(share.GetPath(), fsType, sizeMB) == 0) {
+        share.SetFsType(fsType);
+        share.SetTotalSizeMB(sizeMB);
+    }
+    StoreMountFacts(share);
 }

@@ -39,12 +39,17 @@ create index recording_share_on_rec on recording_share (owner_rv_id, id_on_rec);
 
 -- Cameras that record into the shares; recording_path is "<share path>/<camera folder>" or empty.
 -- rec_storage_status 1: the camera's recordings are kept elsewhere, its folder is not in use.
+-- rotated_by_space 1: its oldest recordings go when less than rotation_by_space_mb is free.
 create table camera (
     id                 integer primary key {{id}},
     owner_rv_id        integer not null,
     name               text not null,
     recording_path     text not null,
     rec_storage_status integer not null,
+    ip                 text not null default '',
+    occupied_mb        integer not null default 0,
+    rotated_by_space   integer not null default 0 check (rotated_by_space in (0, 1)),
+    rotation_by_space_mb integer not null default 0,
     unique (owner_rv_id, name)
 );
 create index camera_by_folder on camera (owner_rv_id, recording_path {{prefix}});
@@ -58,6 +63,14 @@ create table shared_folder_storage (
     application_id integer
 );
 create index shared_folder_storage_by_name on shared_folder_storage (name);
+create index shared_folder_storage_by_share on shared_folder_storage (share_id);
+
+-- What differs from how the package's applications come: compatible and enabled, all of them.
+create table application (
+    id         integer not null primary key,
+    compatible integer not null check (compatible in (0, 1)),
+    enabled    integer not null check (enabled in (0, 1))
+);
 
 -- The recording servers that this host manages. status: RV_STATUS. standby: takes over for others;
 -- taken_over: another one does its work at the moment.

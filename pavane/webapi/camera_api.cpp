@@ -14,6 +14,7 @@ namespace {
 
 constexpr std::size_t kLongestName = 255;
 constexpr std::size_t kLongestPath = 4096;
+constexpr std::size_t kLongestAddress = 255;
 
 // What is wrong with the value `value` of the camera `index`.
 [[noreturn]] void Refuse(Json::ArrayIndex index, const char* value, const char* why) {
@@ -57,6 +58,14 @@ int NumberMember(const Json::Value& camera, Json::ArrayIndex index, const char* 
     return value.asInt();
 }
 
+bool FlagMember(const Json::Value& camera, Json::ArrayIndex index, const char* key) {
+    const Json::Value value = camera.get(key, false);
+    if (!value.isBool()) {
+        Refuse(index, key, "must be true or false");
+    }
+    return value.asBool();
+}
+
 CameraRecord ReadCamera(const Json::Value& camera, Json::ArrayIndex index) {
     if (!camera.isObject()) {
         throw BadParameter("cameras[" + std::to_string(index) + "]", "must be an object");
@@ -66,6 +75,13 @@ CameraRecord ReadCamera(const Json::Value& camera, Json::ArrayIndex index) {
     record.recordingPath = TextMember(camera, index, "recordingPath");
     record.ownerRvId = NumberMember(camera, index, "ownerRvId");
     record.recStorageStatus = NumberMember(camera, index, "recStorageStatus");
+    record.ip = TextMember(camera, index, "ip");
+    record.occupiedMB = NumberMember(camera, index, "occupiedMB");
+    record.rotatedBySpace = FlagMember(camera, index, "rotatedBySpace") ? 1 : 0;
+    record.rotationBySpaceMB = NumberMember(camera, index, "rotationBySpaceMB");
+    if (record.ip.size() > kLongestAddress || !IsPlainText(record.ip)) {
+        Refuse(index, "ip", "must be at most 255 bytes of UTF-8 without control characters");
+    }
     if (record.name.empty() || record.name.size() > kLongestName || !IsPlainText(record.name)) {
         Refuse(index, "name", "must be 1 to 255 bytes of UTF-8 without control characters");
     }
@@ -104,6 +120,10 @@ Json::Value ListCamerasMethod(const KORV::APIRequest& request) {
         element["name"] = camera.name;
         element["recordingPath"] = camera.recordingPath;
         element["recStorageStatus"] = camera.recStorageStatus;
+        element["ip"] = camera.ip;
+        element["occupiedMB"] = camera.occupiedMB;
+        element["rotatedBySpace"] = camera.rotatedBySpace != 0;
+        element["rotationBySpaceMB"] = camera.rotationBySpaceMB;
         list.append(element);
     }
     Json::Value data(Json::objectValue);

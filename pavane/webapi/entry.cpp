@@ -5,6 +5,7 @@
 
 #include "pavane/cms/pairing.h"
 #include "pavane/recorder/log_config.h"
+#include "pavane/recorder/mount_state.h"
 #include "pavane/webapi/api_call.h"
 #include "pavane/webapi/health.h"
 #include "pavane/webapi/methods.h"
@@ -44,4 +45,5 @@ extern "C" void OnModuleLoaded() {
     pavane::OpenLogConfig(pavane::LogConfigPath());
     KORV::RegisterHealthCheck("application database", pavane::CheckAppDatabase);
     KORV::RegisterPairCheck(pavane::AdmitPeer);
+    KORV::RegisterMountObserver(pavane::NoteMountState);
 }

@@ -8,6 +8,12 @@
 // read.
 bool IsExistDir(const std::string& path);
 
+// True when `path` exists and is no directory. False also when it can't be read.
+bool IsFileExist(const std::string& path);
+
 // `path` without its last component and without a trailing slash: "/volume1/rec" gives "/volume1", "/rec"
 // gives "". A path without a slash gives "". Pure text: nothing is read from the disk.
 std::string GetDirPath(const std::string& path);
+
+// The last component of `path`: "/volume1/rec" gives "rec"; a path without a slash gives itself. Pure text.
+std::string GetBaseName(const std::string& path);

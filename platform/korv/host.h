@@ -15,4 +15,8 @@ void RegisterHealthCheck(const std::string& name, std::function<std::string()> c
 // Judges a peer's pairing key over a stamp; used for requests on the peer pool.
 void RegisterPairCheck(std::function<bool(const std::string& pairKey, const std::string& stamp)> check);
 
+// Is told by the process that looks after remote mounts when one at `mountPoint` has become normal or has
+// stopped being so, and at its start once for every mount.
+void RegisterMountObserver(std::function<void(const std::string& mountPoint, bool isNormal)> observer);
+
 }  // namespace KORV

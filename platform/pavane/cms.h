@@ -61,6 +61,19 @@ int SlaveRvGetList(std::list<SlaveRV>& list, int rvId);
 std::list<int> GetSlaveRvIdList(bool enabledOnly, bool onlineOnly, bool withFailover, bool withoutOwner,
                                 bool sameVersion);
 
+// Every recording server, for walks over all of them.
+class SlaveRVMgr {
+public:
+    // `load`: read the list now.
+    explicit SlaveRVMgr(bool load);
+
+    // The servers, by ascending id; as of construction.
+    const std::list<SlaveRV>& GetSlaveRVList() const;
+
+private:
+    std::list<SlaveRV> m_servers;
+};
+
 // Fills `server` with the recording server `id`: 0 on success, non-zero when it cannot be read.
 int GetSlaveRVById(int id, SlaveRV& server);
 

@@ -7,6 +7,7 @@
 // The application's event log, kept for its users to read. Implemented in pavane/recorder/event_log.cpp.
 enum PV_LOG_TYPE : std::uint32_t {
     PV_LOG_REC_SHARE_CREATED = 0x133000C8,
+    PV_LOG_REC_SHARE_DELETED = 0x133000C9,
 };
 
 // Writes one event; one that can't be written is lost and logged.

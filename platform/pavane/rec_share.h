@@ -4,6 +4,8 @@
 #include <list>
 #include <string>
 
+#include "platform/korv/fs_type.h"
+
 // The recording share record and its store. Implemented in pavane/store/rec_share*.cpp.
 
 enum SHARE_ENC_TYPE : int {
@@ -23,17 +25,6 @@ enum SHARE_MOUNT_STATUS : int {
     SHARE_MOUNT_FAILED = 1,
 };
 
-// File systems of volumes, as reported to clients.
-enum _tag_FSTYPE : int {  // NOLINT(bugprone-reserved-identifier): the name is the contract's
-    FSTYPE_UNKNOWN = -1,
-    FSTYPE_EXT4 = 1,
-    FSTYPE_BTRFS = 2,
-    FSTYPE_XFS = 3,
-    FSTYPE_NFS = 10,
-    FSTYPE_CIFS = 11,
-    FSTYPE_OTHER = 99,
-};
-
 // A shared folder that the application has adopted as a place for recordings. A value type; a fresh one
 // describes a local share: mount type 0, no mount source, no automatic mount.
 class RecShare {
@@ -44,6 +35,9 @@ public:
     int Load(int id);
     // The record of a recording server's share, by its id there and the server's id. Results as Load.
     int LoadByIdOnRec(int idOnRec, int ownerRvId);
+    // The record of the folder at `path` (byte for byte) of the server `ownerRvId`. 0, or non-zero on
+    // failure.
+    int LoadByPath(const std::string& path, int ownerRvId);
     // Inserts the record (id 0) or updates it. 0 on success; an insert sets the id. Another record that
     // already holds the pair (owner, path) is a failure and changes nothing.
     int Save();
@@ -117,5 +111,17 @@ private:
 // and, on a host, those kept for its recording servers. An empty list also on failure (the platform logs it).
 std::list<RecShare> LoadRecShareFromDB(int rvId);
 
+// Deletes the records with these ids, all or none; an id without a record is no failure. 0 on success.
+int DelRecShareById(const std::list<int>& ids);
+
+// Implemented in pavane/recorder/share_status.cpp. Whether the recording share is in order: 0 = its folder is there, mounted if it is remote, unlocked and
+// writable by the recorder; non-zero otherwise, also when there is no such share.
+int CheckRecShareStatus(int id);
+
 // The paths of the recording shares that the server `rvId` owns. Empty on failure.
 std::list<std::string> LoadRecSharePath(int rvId);
+
+// Records a changed state of a remote mount in the store and in `share`. Failures are logged.
+//   refreshFacts  true: when the mount is normal, also read the file system's type and size anew
+//   onlyIfChanged true: leave the store alone when the state is what it was
+void UpdateShareMountInfo(SHARE_MOUNT_STATUS status, RecShare& share, bool refreshFacts, bool onlyIfChanged);

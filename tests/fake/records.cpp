@@ -28,6 +28,11 @@ struct CameraAccess {
         camera.m_id = fields["id"].asInt();
         camera.m_ownerRvId = fields["ownerRvId"].asInt();
         camera.m_storagePath = fields["storagePath"].asString();
+        camera.m_name = fields["name"].asString();
+        camera.m_ip = fields["ip"].asString();
+        camera.m_occupiedMB = fields["occupied"].asInt();
+        camera.m_isRotatedBySpace = fields["isRotatedBySpace"].asBool();
+        camera.m_rotationBySpaceMB = fields["rotationBySpace"].asInt();
     }
 };
 
@@ -83,6 +88,30 @@ Json::Value CameraSample() {
     sample["id"] = 0;
     sample["ownerRvId"] = 0;
     sample["storagePath"] = "";
+    sample["name"] = "";
+    sample["ip"] = "";
+    sample["occupied"] = 0;
+    sample["isRotatedBySpace"] = false;
+    sample["rotationBySpace"] = 0;
+    return sample;
+}
+
+Json::Value FolderSample() {
+    constexpr int kReadAndWrite = 3;
+    Json::Value sample;
+    sample["name"] = "";
+    sample["volume"] = "/volume1";
+    sample["rights"] = kReadAndWrite;
+    sample["cow"] = false;
+    return sample;
+}
+
+Json::Value ApplicationSample() {
+    Json::Value sample;
+    sample["id"] = 0;
+    sample["name"] = Json::Value(Json::objectValue);
+    sample["compatible"] = true;
+    sample["enabled"] = true;
     return sample;
 }
 

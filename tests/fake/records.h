@@ -15,6 +15,8 @@ namespace fake {
 Json::Value RecShareSample();
 Json::Value CameraSample();
 Json::Value SlaveRVSample();
+Json::Value FolderSample();
+Json::Value ApplicationSample();
 
 void FillRecShare(RecShare& share, const Json::Value& fields);
 Camera ToCamera(const Json::Value& fields);

@@ -6,6 +6,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 
 #include <sys/statfs.h>
 
@@ -24,6 +25,7 @@ int __real_setresuid(uid_t ruid, uid_t euid, uid_t suid);
 int __real_setresgid(gid_t rgid, gid_t egid, gid_t sgid);
 unsigned __real_sleep(unsigned seconds);
 int __real_statfs64(const char* path, struct statfs64* info);
+void* __real_calloc(std::size_t count, std::size_t size);
 
 uid_t __wrap_geteuid() {
     return fake::CurrentDirector() != nullptr ? static_cast<uid_t>(Ask("geteuid", Args()).asInt())
@@ -77,6 +79,12 @@ int __wrap_statfs64(const char* path, struct statfs64* info) {
     info->f_blocks = reply["blocks"].asUInt64();
     info->f_bavail = reply["bavail"].asUInt64();
     return reply["result"].asInt();
+}
+
+void* __wrap_calloc(std::size_t count, std::size_t size) {
+    const bool isThere = fake::CurrentDirector() == nullptr ||
+                         Ask("calloc", Args(Json::UInt64{count}, Json::UInt64{size})).asBool();
+    return isThere ? __real_calloc(count, size) : nullptr;
 }
 }
 // NOLINTEND(bugprone-reserved-identifier)

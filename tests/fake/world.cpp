@@ -140,6 +140,57 @@ AnswerTable CmsAnswers() {
     };
 }
 
+std::string VolumeOf(const Json::Value& folder) { return folder.get("volume", "/volume1").asString(); }
+
+const Json::Value* FindFolder(const World& world, const Json::Value& name) {
+    return Find(world.folders, [&name](const Json::Value& folder) { return folder["name"] == name; });
+}
+
+// As the share service lists them.
+Json::Value FolderList(const World& world) {
+    Json::Value reply;
+    reply["result"] = 0;
+    reply["list"] = Json::Value(Json::arrayValue);
+    for (const Json::Value& folder : world.folders) {
+        Json::Value& listed = reply["list"].append(Json::objectValue);
+        listed["name"] = folder["name"];
+        listed["vol_path"] = VolumeOf(folder);
+        if (folder.isMember("cow")) {
+            listed["enable_share_cow"] = folder["cow"];
+        }
+    }
+    return reply;
+}
+
+AnswerTable FolderAnswers() {
+    return {
+        {"GetLocalShareListByWebApi",
+         [](const World& world, const Json::Value&) { return FolderList(world); }},
+        {"KORVShareGet",
+         [](const World& world, const Json::Value& args) {
+             const Json::Value* folder = FindFolder(world, args[0]);
+             Json::Value reply;
+             reply["result"] = folder != nullptr ? 0 : -1;
+             reply["path"] = folder != nullptr ? VolumeOf(*folder) + "/" + (*folder)["name"].asString() : "";
+             return reply;
+         }},
+        {"KLIBShareUserRightGet",
+         [](const World& world, const Json::Value& args) {
+             const Json::Value* folder = FindFolder(world, args[1]);
+             return folder != nullptr ? folder->get("rights", FolderSample()["rights"]).asInt() : -1;
+         }},
+        {"SDKFuncData::IsBtrfs",
+         [](const World& world, const Json::Value& args) {
+             return world.btrfsVolumes.count(args[0].asString()) > 0;
+         }},
+        {"ApplicationTraits", [](const World& world, const Json::Value&) { return world.applications; }},
+        {"SlaveRVMgr::SlaveRVMgr",
+         [](const World& world, const Json::Value& args) {
+             return args[0].asBool() ? world.servers : Json::Value(Json::arrayValue);
+         }},
+    };
+}
+
 AnswerTable ApplicationAnswers() {
     return {
         {"IsExistDir",
@@ -184,6 +235,7 @@ const AnswerTable& Answers() {
     static const AnswerTable answers = [] {
         AnswerTable all = CmsAnswers();
         all.merge(ApplicationAnswers());
+        all.merge(FolderAnswers());
         return all;
     }();
     return answers;

@@ -37,6 +37,9 @@ struct World {
     Json::Value shares{Json::arrayValue};
     Json::Value cameras{Json::arrayValue};
     Json::Value servers{Json::arrayValue};
+    Json::Value folders{Json::arrayValue};
+    Json::Value applications{Json::arrayValue};
+    std::set<std::string> btrfsVolumes;
     std::optional<LogSetting> log;
 };
 

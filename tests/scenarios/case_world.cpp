@@ -124,7 +124,7 @@ Json::Value CompleteReply(const fake::FunctionSpec& function, const Json::Value&
             node.Fail("the reply of " + function.name + " has no '" + name + "'");
         }
         const Json::Value& sample = function.benign[name];
-        const bool isAnyJson = sample.isNull() || name == "reply" || name == "info";
+        const bool isAnyJson = sample.isNull() || name == "reply" || name == "info" || name == "list";
         if (!isAnyJson && !fake::IsSameKind(given[name], sample)) {
             node.Fail("'" + name + "' in the reply has the wrong type");
         }
@@ -220,6 +220,12 @@ fake::World ReadWorld(const YamlNode& node) {
             world.cameras = ReadRecords(value, fake::CameraSample());
         } else if (name == "servers") {
             world.servers = ReadRecords(value, fake::SlaveRVSample());
+        } else if (name == "folders") {
+            world.folders = ReadRecords(value, fake::FolderSample());
+        } else if (name == "applications") {
+            world.applications = ReadRecords(value, fake::ApplicationSample());
+        } else if (name == "btrfs") {
+            value.ForEachItem([&world](const YamlNode& item) { world.btrfsVolumes.insert(item.Text()); });
         } else {
             value.Fail("given has no '" + name + "'");
         }

@@ -122,6 +122,9 @@ std::string CheckLeftovers(const Case& script, const Outcome& outcome) {
     if (outcome.openResults > 0) {
         report += std::to_string(outcome.openResults) + " database result(s) not freed\n";
     }
+    if (outcome.openShareRecords > 0) {
+        report += std::to_string(outcome.openShareRecords) + " shared folder record(s) not freed\n";
+    }
     const bool reported = std::any_of(run.made.begin(), run.made.end(), [](const MadeCall& call) {
         return call.function->name == "syslog" && call.args[0] == (LOG_AUTH | LOG_CRIT);
     });

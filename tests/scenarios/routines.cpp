@@ -8,8 +8,10 @@
 
 #include "include/run_as_scope.h"
 #include "tests/scenarios/probe.h"
+#include "webapi/share/external_disks.h"
 #include "webapi/share/relay_params.h"
 #include "webapi/share/share_handler.h"
+#include "webapi/share/share_privilege.h"
 
 namespace scenario {
 
@@ -115,6 +117,21 @@ Json::Value EnumSharedFolders(RoutineContext& context) {
     return returned;
 }
 
+Json::Value CheckPrivilege(RoutineContext& context) {
+    return CheckSharePrivilege(context.args["name"].asString(), context.args["user"].asString(),
+                               context.args["mask"].asUInt());
+}
+
+Json::Value EnumExternalShares(RoutineContext& context) {
+    Json::Value response;
+    response["sharelist"] = Json::Value(Json::arrayValue);
+    Json::Value returned;
+    returned["result"] = ExtShareListEnum(response, context.args["user"].asString(),
+                                          context.args["deviceType"].asInt(), context.args["mask"].asUInt());
+    returned["sharelist"] = response["sharelist"];
+    return returned;
+}
+
 Json::Value RunAsRoot(RoutineContext& context) {
     constexpr int kLine = 77;
     const RunAsScope root("scope.cpp", kLine);
@@ -208,6 +225,10 @@ std::vector<Routine> MakeRoutines() {
         {"SharedFolderStorage::Enum",
          Defaults(R"({"condition": "", "order": "", "limit": "", "before": []})"), kReturns, false,
          EnumSharedFolders, IsResultZero},
+        {"CheckSharePrivilege", Defaults(R"({"name": "", "user": "", "mask": 0})"), kReturns, false,
+         CheckPrivilege, IsZero},
+        {"ExtShareListEnum", Defaults(R"({"user": "", "deviceType": 0, "mask": 0})"), kReturns, false,
+         EnumExternalShares, nullptr},
         {"RunAsScope", Defaults(R"({"euid_inside": null, "egid_inside": null, "throws_inside": false})"),
          kReturns, false, RunAsRoot, nullptr},
         {"CmsRelayWebApi", Defaults(R"({"pre_check": false, "post_step": false})"), false, kAnswers,

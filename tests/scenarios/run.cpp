@@ -7,6 +7,7 @@
 #include <typeinfo>
 
 #include "tests/fake/database.h"
+#include "tests/fake/shared_folders.h"
 #include "tests/scenarios/routines.h"
 #include "webapi/share/entry.h"
 
@@ -54,7 +55,9 @@ void Run(const Case& script, Outcome& outcome) {
         outcome.thrown = outcome.thrownType + ": " + error.what();
     }
     outcome.openResults = fake::OpenResultCount();
+    outcome.openShareRecords = fake::OpenShareRecordCount();
     fake::DropOpenResults();
+    fake::DropOpenShareRecords();
 }
 
 std::optional<bool> HasSucceeded(const Case& script, const Outcome& outcome) {

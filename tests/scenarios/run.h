@@ -17,7 +17,8 @@ struct Outcome {
     std::string thrownType;
     Json::Value returns;
     ErrorState error;
-    std::size_t openResults = 0;  // database results that were not freed
+    std::size_t openResults = 0;       // database results that were not freed
+    std::size_t openShareRecords = 0;  // records of shared folders that were not freed
 };
 
 // Runs the case once; the made call at the place `failing` fails.

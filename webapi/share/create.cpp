@@ -29,16 +29,7 @@ struct ShareHandler::CreateRequest {
     std::string path;
 };
 
-// What the record says about the folder beyond the request. As constructed: nothing is known of it.
-struct ShareHandler::ShareFacts {
-    int idOnRec = 0;
-    int fsType = FSTYPE_UNKNOWN;
-    std::uint64_t totalSizeMB = 0;
-    bool migrating = false;
-    int encType = SHARE_ENC_NONE;
-};
-
-ShareHandler::CreateRequest ShareHandler::ReadCreateRequest(const CmsRelayParams& params) {
+ShareHandler::CreateRequest ShareHandler::ReadCreateRequest(CmsRelayParams& params) {
     constexpr int kDefaultRecLimitGB = 100;
     CreateRequest create{};
     create.adoptExisting = request->GetParam("blAddExistShare", false).asBool();
@@ -51,7 +42,7 @@ ShareHandler::CreateRequest ShareHandler::ReadCreateRequest(const CmsRelayParams
     create.volume = request->GetParam("volume", "").asString();
     create.description = request->GetParam("description", "").asString();
     create.path = create.volume + "/" + create.name;
-    create.ownerRvId = params.actFromHost ? GetSlaveRVId() : request->GetParam("rvId", 0).asInt();
+    create.ownerRvId = GetShareOwnerRvId(params);
     return create;
 }
 
@@ -109,6 +100,28 @@ void ShareHandler::AnnounceCreatedShare(const CreateRequest& create) {
     PVClientNotify::Notify(CLIENT_NOTIFY_REC_SHARE);
 }
 
+// What the owning server has answered about the share it has made; a host's record copies it.
+void ShareHandler::ReadReportedFacts(const Json::Value& results, int ownerRvId, ShareFacts& facts) {
+    const std::string owner = std::to_string(ownerRvId);
+    if (!results.isMember(owner)) {
+        return;
+    }
+    const Json::Value& reported = results[owner]["data"];
+    facts.idOnRec = reported["id"].asInt();
+    facts.fsType = reported["fsType"].asInt();
+    facts.totalSizeMB = reported["totalSize"].asUInt64();
+    facts.migrating = reported["blMigrating"].asBool();
+    facts.encType = reported["encType"].asInt();
+}
+
+void ShareHandler::FillCreatedShare(const RecShare& share, Json::Value& data) {
+    data["id"] = share.GetId();
+    data["fsType"] = static_cast<int>(share.GetFsType());
+    data["totalSize"] = Json::UInt64{share.GetTotalSizeMB()};
+    data["blMigrating"] = share.GetMigrating();
+    data["encType"] = static_cast<int>(share.GetEncType());
+}
+
 int ShareHandler::HandleCreateRecShare(CmsRelayParams& params, CmsRelayTarget& target, Json::Value& data) {
     const CreateRequest create = ReadCreateRequest(params);
     if (params.needRelay) {
@@ -118,15 +131,7 @@ int ShareHandler::HandleCreateRecShare(CmsRelayParams& params, CmsRelayTarget& t
     if (create.ownerRvId == 0 && CreateOnThisServer(create, facts) < 0) {
         return -1;
     }
-    const std::string owner = std::to_string(create.ownerRvId);
-    if (target.results.isMember(owner)) {
-        const Json::Value& reported = target.results[owner]["data"];
-        facts.idOnRec = reported["id"].asInt();
-        facts.fsType = reported["fsType"].asInt();
-        facts.totalSizeMB = reported["totalSize"].asUInt64();
-        facts.migrating = reported["blMigrating"].asBool();
-        facts.encType = reported["encType"].asInt();
-    }
+    ReadReportedFacts(target.results, create.ownerRvId, facts);
 
     RecShare share;
     share.SetName(create.name);
@@ -148,10 +153,6 @@ int ShareHandler::HandleCreateRecShare(CmsRelayParams& params, CmsRelayTarget& t
     if (create.ownerRvId == 0) {
         AnnounceCreatedShare(create);
     }
-    data["id"] = share.GetId();
-    data["fsType"] = static_cast<int>(share.GetFsType());
-    data["totalSize"] = Json::UInt64{share.GetTotalSizeMB()};
-    data["blMigrating"] = share.GetMigrating();
-    data["encType"] = static_cast<int>(share.GetEncType());
+    FillCreatedShare(share, data);
     return 0;
 }

@@ -18,11 +18,21 @@ struct RelayMethod {
 };
 
 constexpr LocalMethod kLocalMethods[] = {
+    {"List", &ShareHandler::HandleList},
     {"ListRecShare", &ShareHandler::HandleListRecShare},
+    {"ListUsingCam", &ShareHandler::HandleListUsingCam},
+    {"CheckStorageMigrating", &ShareHandler::HandleCheckStorageMigrating},
+    {"ListMountedFolder", &ShareHandler::HandleListMountedFolder},
+    {"ReconnetRemoteMount", &ShareHandler::HandleReconnetRemoteMount},
+    {"DecryptByFile", &ShareHandler::HandleDecryptByFile},
+    {"ListShareUsage", &ShareHandler::HandleListShareUsage},
 };
 
 constexpr RelayMethod kRelayMethods[] = {
     {"CreateRecShare", &ShareHandler::HandleCreateRecShare},
+    {"CreateRemoteRecShare", &ShareHandler::HandleCreateRemoteRecShare},
+    {"DelRecShare", &ShareHandler::HandleDelRecShare},
+    {"EditRecShare", &ShareHandler::HandleEditRecShare},
 };
 
 }  // namespace

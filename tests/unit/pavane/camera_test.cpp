@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "platform/pavane/database.h"
+#include "platform/pavane/rec_share.h"
 
 #include "pavane/recorder/camera_store.h"
 #include "tests/unit/pavane/test_node.h"
@@ -100,6 +101,74 @@ TEST_F(CameraStore, CamerasUsingAFolderAreFoundByItsExactText) {
     EXPECT_EQ(CountUsing(0, "/volume1/REC"), 1);
     EXPECT_EQ(CountUsing(0, "/volume1/it's \xC3\xA4"), 1);
     EXPECT_EQ(CountUsing(0, "/volume1"), 4);
+}
+
+TEST_F(CameraStore, LoadAllUsingCamGivesAllThatIsKnownOfTheShareCameras) {
+    RecShare share;
+    share.SetName("rec");
+    share.SetPath("/volume1/rec");
+    ASSERT_EQ(share.Save(), 0);
+    RecShare remote;
+    remote.SetOwnerRvId(2);
+    remote.SetPath("/volume1/rec");
+    ASSERT_EQ(remote.Save(), 0);
+    Import({{0, 0, "b", "/volume1/rec/b", 0, "192.0.2.7", 300, 1, 20},
+            {0, 0, "a", "/volume1/rec/a", 0},
+            {0, 2, "c", "/volume1/rec/c", 0},
+            {0, 0, "d", "/volume1/rec/d", 1},
+            {0, 0, "e", "/volume1/rec2/e", 0},
+            {0, 0, "f", "/volume1/rec", 0},
+            {0, 0, "g", "/volume1/Rec/g", 0},
+            {0, 0, "h", "", 0}});
+    std::list<Camera> cameras(1);
+    ASSERT_EQ(LoadAllUsingCam(cameras, share.GetId(), false), 0);
+    cameras.pop_front();
+    ASSERT_EQ(cameras.size(), 2U);
+    EXPECT_EQ(cameras.front().GetName(), "b");
+    EXPECT_EQ(cameras.front().GetIp(), "192.0.2.7");
+    EXPECT_EQ(cameras.front().GetOccupied(), 300);
+    EXPECT_TRUE(cameras.front().IsRotatedBySpace());
+    EXPECT_EQ(cameras.front().GetRotationBySpace(), 20);
+    EXPECT_EQ(cameras.front().GetStoragePath(), "/volume1/rec/b");
+    EXPECT_EQ(cameras.back().GetName(), "a");
+    EXPECT_EQ(cameras.back().GetIp(), "");
+    EXPECT_FALSE(cameras.back().IsRotatedBySpace());
+    EXPECT_LT(cameras.front().GetId(), cameras.back().GetId());
+    cameras.clear();
+    ASSERT_EQ(LoadAllUsingCam(cameras, remote.GetId(), false), 0);
+    ASSERT_EQ(cameras.size(), 1U);
+    EXPECT_EQ(cameras.front().GetName(), "c");
+    cameras.clear();
+    EXPECT_EQ(LoadAllUsingCam(cameras, 999999, false), 0);
+    EXPECT_TRUE(cameras.empty());
+}
+
+TEST_F(CameraStore, ImportChangesAllThatIsKnownOfACamera) {
+    Import({{0, 0, "door", "/v/r/door", 0, "192.0.2.7", 300, 1, 20}});
+    Import({{0, 0, "door", "/v/r/door", 0, "192.0.2.8", 301, 0, 21}});
+    const pavane::CameraRecord camera = pavane::ListCameras(0, 1).cameras.front();
+    EXPECT_EQ(camera.ip, "192.0.2.8");
+    EXPECT_EQ(camera.occupiedMB, 301);
+    EXPECT_EQ(camera.rotatedBySpace, 0);
+    EXPECT_EQ(camera.rotationBySpaceMB, 21);
+}
+
+TEST_F(ManyCameras, TheCamerasOfAShareAreFoundByTheIndex) {
+    RecShare share;
+    share.SetOwnerRvId(3);
+    share.SetPath("/volume1/rec55");
+    ASSERT_EQ(share.Save(), 0);
+    std::string statement = pavane::CamerasOfShareStatement(pavane::AppDatabase().Kind());
+    const std::size_t at = statement.find(":share");
+    statement.replace(at, std::string(":share").size(), std::to_string(share.GetId()));
+    const std::string plan = PlanOf(statement);
+    EXPECT_NE(plan.find(IsSqlite() ? "USING INDEX camera_by_folder (owner_rv_id=? AND recording_path>? AND"
+                                   : "camera_by_folder"),
+              std::string::npos)
+        << plan;
+    EXPECT_EQ(plan.find("SCAN c"), std::string::npos) << plan;
+    EXPECT_EQ(plan.find("Seq Scan on camera"), std::string::npos) << plan;
+    EXPECT_EQ(pavane::ListCamerasOfShare(share.GetId()).size(), 2U);
 }
 
 TEST_F(ManyCameras, TheSearchForCamerasOfAFolderUsesTheIndex) {

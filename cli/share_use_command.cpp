@@ -1,0 +1,95 @@
+// `pavane share usage` and `cameras`: what uses the shares.
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "cli/command.h"
+#include "cli/size_text.h"
+
+namespace cli {
+
+namespace {
+
+constexpr const char* kApi = "KORV.Pavane.Share";
+
+struct CamerasOptions {
+    int share = 0;
+    bool refuseMigrating = false;
+};
+
+// The name in English, or in whatever language there is.
+std::string ApplicationName(const Json::Value& entry) {
+    const Json::Value& names = entry["app"]["name"];
+    if (!names.isObject() || names.empty()) {
+        return "unknown (" + Cell(entry, "application_id") + ")";
+    }
+    return names.isMember("enu") ? Cell(names, "enu") : Cell(names, names.getMemberNames().front().c_str());
+}
+
+std::string EnabledText(const Json::Value& entry) {
+    if (!entry.isMember("app")) {
+        return "";
+    }
+    return entry["app"]["enabled"].asBool() ? "yes" : "no";
+}
+
+void Usage(const Context& context, std::optional<int> share) {
+    Json::Value parameters(Json::objectValue);
+    if (share.has_value()) {
+        parameters["shareId"] = *share;
+    }
+    const Json::Value data = context.MakeClient().Call(kApi, "ListShareUsage", parameters);
+    if (context.json) {
+        PrintJson(data);
+        return;
+    }
+    Table table(
+        {{"FOLDER"}, {"SHARE", Align::kRight}, {"SERVER", Align::kRight}, {"APPLICATION"}, {"ENABLED"}});
+    for (const Json::Value& entry : data["usage"]) {
+        table.Add({Cell(entry, "name"), Cell(entry, "share_id"), Cell(entry, "rvId"), ApplicationName(entry),
+                   EnabledText(entry)});
+    }
+    PrintTable(table);
+}
+
+void Cameras(const Context& context, const CamerasOptions& options) {
+    Json::Value parameters(Json::objectValue);
+    parameters["shareId"] = options.share;
+    parameters["blCheckMigrating"] = options.refuseMigrating;
+    const Json::Value data = context.MakeClient().Call(kApi, "ListUsingCam", parameters);
+    if (context.json) {
+        PrintJson(data);
+        return;
+    }
+    Table table({{"NAME"}, {"ADDRESS"}, {"OCCUPIED", Align::kRight}, {"KEEPS FREE", Align::kRight}});
+    for (const Json::Value& camera : data["camList"]) {
+        table.Add({Cell(camera, "name"), Cell(camera, "ip"), SizeText(camera["occupied"]),
+                   camera["is_rotated_by_space"].asBool() ? SizeText(camera["rotation_by_space"]) : "-"});
+    }
+    PrintTable(table);
+}
+
+}  // namespace
+
+void AddShareUseCommands(CLI::App& share, Context& context) {
+    const auto used = std::make_shared<std::optional<int>>();
+    CLI::App* const usage =
+        share.add_subcommand("usage",
+                             "List which applications keep data in which folders; of all shares, those "
+                             "that are not in order");
+    usage->add_option("share", *used, "Id of a recording share")->check(CLI::NonNegativeNumber);
+    usage->callback([&context, used] { context.chosen = [&context, used] { Usage(context, *used); }; });
+
+    const auto options = std::make_shared<CamerasOptions>();
+    CLI::App* const cameras = share.add_subcommand("cameras", "List the cameras that record into a share");
+    cameras->add_option("share", options->share, "Id of the recording share")
+        ->required()
+        ->check(CLI::NonNegativeNumber);
+    cameras->add_flag("--refuse-migrating", options->refuseMigrating,
+                      "Fail while recordings of the share are being moved");
+    cameras->callback(
+        [&context, options] { context.chosen = [&context, options] { Cameras(context, *options); }; });
+}
+
+}  // namespace cli

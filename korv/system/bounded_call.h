@@ -1,0 +1,47 @@
+#pragma once
+
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <optional>
+#include <string>
+#include <type_traits>
+
+// Asking a file system that may never answer: a server that is gone, a disk that hangs.
+namespace korv {
+
+// The longest time that one question may take, and how long a file system that missed it isn't asked again.
+inline constexpr std::chrono::seconds kAnswerDeadline(3);
+inline constexpr std::chrono::seconds kSilencePause(30);
+
+// True when every file system along `path` answers from this machine's own disks or memory.
+bool IsPathPrompt(const std::string& path);
+
+// Runs `work` in a child with this process's ids; false when it had no answer of `size` bytes within the
+// deadline. A question that missed it isn't put again to that mount for kSilencePause, nor while the child
+// hangs on; other questions are. Needs that nobody else waits for this process's children.
+//   question  what is asked, so that one that hangs doesn't keep others from being asked
+bool CallInChild(const std::string& question, const std::string& path, const std::function<bool(void*)>& work,
+                 void* answer, std::size_t size);
+
+// What `work` gives; nothing when it gives nothing, or not in time. It runs in this process where the path is
+// prompt, else in a child, and must not depend on the difference.
+template <class Work>
+auto CallBounded(const std::string& question, const std::string& path, const Work& work) -> decltype(work()) {
+    using Answer = typename decltype(work())::value_type;
+    static_assert(std::is_trivially_copyable_v<Answer>);
+    if (IsPathPrompt(path)) {
+        return work();
+    }
+    Answer answer{};
+    const auto ask = [&work](void* place) {
+        const auto given = work();
+        if (given) {
+            std::memcpy(place, &*given, sizeof(*given));
+        }
+        return given.has_value();
+    };
+    return CallInChild(question, path, ask, &answer, sizeof(answer)) ? std::optional(answer) : std::nullopt;
+}
+
+}  // namespace korv

@@ -1,0 +1,195 @@
+#include "korv/system/external_disk.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "korv/system/device_manager.h"
+#include "korv/system/file_system_probe.h"
+#include "korv/system/mount_table.h"
+
+namespace korv {
+
+namespace {
+
+// A rule of the device manager can declare a disk external, or internal, where its bus doesn't tell.
+constexpr const char* kDeclaration = "KORV_EXTERNAL_DISK";
+
+// Partitions that hold no files of users.
+constexpr std::array<const char*, 7> kHiddenPartitionTypes{
+    "c12a7328-f81f-11d2-ba4b-00a0c93ec93b",  // EFI system
+    "e3c9e316-0b5c-4db8-817d-f92df00215ae",  // Microsoft reserved
+    "de94bba4-06d1-4d40-a16a-bfd50179d6ac",  // Windows recovery
+    "21686148-6449-6e6f-744e-656564454649",  // BIOS boot
+    "0x5",                                   // extended
+    "0xf",                                   // extended
+    "0xef",                                  // EFI system
+};
+
+Udev OpenUdev() {
+    Udev context(udev_new());
+    if (context == nullptr) {
+        throw std::runtime_error("the device manager can't be asked");
+    }
+    return context;
+}
+
+// A port that disks are pulled from marks them as removable.
+bool IsOfKind(udev_device& disk, ExternalDiskKind kind) {
+    const std::string declared = Property(disk, kDeclaration);
+    if (!declared.empty()) {
+        return declared == (kind == ExternalDiskKind::kUsb ? "usb" : "esata");
+    }
+    if (Property(disk, "ID_TYPE") == "cd") {
+        return false;
+    }
+    const std::string bus = Property(disk, "ID_BUS");
+    if (kind == ExternalDiskKind::kUsb) {
+        return bus == "usb" || (bus.empty() && udev_device_get_parent_with_subsystem_devtype(
+                                                   &disk, "usb", "usb_device") != nullptr);
+    }
+    return bus == "ata" && Attribute(disk, "removable") == "1";
+}
+
+// A card reader's empty slot is a disk of size 0.
+bool HasMedium(udev_device& disk) { return Attribute(disk, "size") != "0"; }
+
+// "sdb" is 2, "sdaa" 27, "loop0" 1.
+int NumberOf(const std::string& name) {
+    constexpr int kLetters = 26;
+    constexpr int kDecimal = 10;
+    int number = 0;
+    const std::size_t lastLetter = name.find_last_not_of("0123456789");
+    if (lastLetter != std::string::npos && lastLetter + 1 < name.size()) {
+        for (const char digit : name.substr(lastLetter + 1)) {
+            number = number * kDecimal + (digit - '0');
+        }
+        return number + 1;
+    }
+    for (const char letter : name.substr(std::min<std::size_t>(2, name.size()))) {
+        number = number * kLetters + (std::tolower(letter) - 'a' + 1);
+    }
+    return number;
+}
+
+// Anybody can mount a FUSE file system and call its source what they like; "fuseblk" is root's alone.
+bool IsFromAnybody(const Mount& mount) {
+    return mount.fsType == "fuse" || mount.fsType.compare(0, 5, "fuse.") == 0;
+}
+
+std::string MountPathOf(const std::string& device) {
+    for (const Mount& mount : ListMounts()) {
+        if (mount.source == device && !IsFromAnybody(mount)) {
+            return mount.mountPoint;
+        }
+    }
+    return "";
+}
+
+bool IsHidden(const FileSystemFacts& facts) {
+    const bool isHiddenType = std::any_of(
+        kHiddenPartitionTypes.begin(), kHiddenPartitionTypes.end(),
+        [&facts](const char* type) { return strcasecmp(type, facts.partitionType.c_str()) == 0; });
+    return isHiddenType || facts.type == "swap" || facts.usage == "raid" || facts.usage == "crypto";
+}
+
+// What is on the device now; what the device manager saw when it came where that can't be read.
+FileSystemFacts FactsOf(udev_device& device, const std::string& node) {
+    FileSystemFacts facts = ProbeFileSystem(node);
+    if (!facts.isKnown) {
+        facts.type = Property(device, "ID_FS_TYPE");
+        facts.label = Property(device, "ID_FS_LABEL");
+        facts.usage = Property(device, "ID_FS_USAGE");
+        facts.partitionType = Property(device, "ID_PART_ENTRY_TYPE");
+        facts.isKnown = !facts.type.empty();
+    }
+    return facts;
+}
+
+ExternalPartition ReadPartition(udev_device& device, int number) {
+    ExternalPartition partition;
+    const char* node = udev_device_get_devnode(&device);
+    if (node == nullptr) {
+        return partition;
+    }
+    partition.device = node;
+    partition.number = number;
+    const FileSystemFacts facts = FactsOf(device, partition.device);
+    partition.fsType = facts.type;
+    partition.label = facts.label;
+    partition.mountPath = MountPathOf(partition.device);
+    if (!partition.mountPath.empty()) {
+        partition.state = PartitionState::kReady;
+    } else if (IsHidden(facts)) {
+        partition.state = PartitionState::kHidden;
+    }
+    return partition;
+}
+
+int PartitionNumber(udev_device& device) {
+    constexpr int kDecimal = 10;
+    return static_cast<int>(strtol(Attribute(device, "partition").c_str(), nullptr, kDecimal));
+}
+
+// One partition that holds files is known by the disk's own name; several add their numbers.
+void NameShares(ExternalDisk& disk, ExternalDiskKind kind) {
+    const auto isForFiles = [](const ExternalPartition& each) {
+        return each.state != PartitionState::kHidden;
+    };
+    const bool isOne = std::count_if(disk.partitions.begin(), disk.partitions.end(), isForFiles) <= 1;
+    const std::string stem =
+        (kind == ExternalDiskKind::kUsb ? "usbshare" : "satashare") + std::to_string(disk.number);
+    for (ExternalPartition& partition : disk.partitions) {
+        if (partition.state == PartitionState::kReady) {
+            partition.shareName = isOne ? stem : stem + "-" + std::to_string(partition.number);
+        }
+    }
+}
+
+}  // namespace
+
+std::vector<ExternalDisk> ListExternalDisks(ExternalDiskKind kind) {
+    const Udev context = OpenUdev();
+    std::vector<ExternalDisk> disks;
+    for (const UdevDevice& device : ListBlockDevices(*context, "disk", nullptr)) {
+        const char* node = udev_device_get_devnode(device.get());
+        if (node == nullptr || !IsOfKind(*device, kind) || !HasMedium(*device)) {
+            continue;
+        }
+        ExternalDisk& disk = disks.emplace_back();
+        disk.name = udev_device_get_sysname(device.get());
+        disk.device = node;
+        disk.number = NumberOf(disk.name);
+        disk.isSettled = udev_device_get_is_initialized(device.get()) > 0;
+    }
+    std::sort(disks.begin(), disks.end(),
+              [](const ExternalDisk& left, const ExternalDisk& right) { return left.name < right.name; });
+    return disks;
+}
+
+void ReadPartitions(ExternalDisk& disk, ExternalDiskKind kind) {
+    disk.partitions.clear();
+    const Udev context = OpenUdev();
+    const UdevDevice device(
+        udev_device_new_from_subsystem_sysname(context.get(), "block", disk.name.c_str()));
+    if (device == nullptr) {
+        return;
+    }
+    for (const UdevDevice& partition : ListBlockDevices(*context, "partition", device.get())) {
+        disk.partitions.push_back(ReadPartition(*partition, PartitionNumber(*partition)));
+    }
+    std::sort(disk.partitions.begin(), disk.partitions.end(),
+              [](const ExternalPartition& left, const ExternalPartition& right) {
+                  return left.number < right.number;
+              });
+    if (disk.partitions.empty()) {
+        disk.partitions.push_back(ReadPartition(*device, 0));
+    }
+    NameShares(disk, kind);
+}
+
+}  // namespace korv

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// The external disks that are attached now, from the device manager, the disks themselves and the list of
+// mounts.
+namespace korv {
+
+enum class ExternalDiskKind : int {
+    kUsb = 2,
+    kEsata = 16,
+};
+
+enum class PartitionState : int {
+    kReady = 0,     // mounted
+    kUnusable = 1,  // no file system that is known, or not mounted
+    kHidden = 2,    // not meant for files: swap, a boot partition, a member of something else
+};
+
+struct ExternalPartition {
+    std::string device;  // "/dev/sdb1"
+    int number = 0;      // 0 = the disk itself
+    PartitionState state = PartitionState::kUnusable;
+    std::string fsType;  // empty = none that is known
+    std::string label;
+    std::string shareName;  // while mounted
+    std::string mountPath;  // empty = not mounted
+};
+
+struct ExternalDisk {
+    std::string name;    // "sdb"
+    std::string device;  // "/dev/sdb"
+    int number = 0;      // of its name: 2 for "sdb"; stays while the disk is attached
+    bool isSettled = false;
+    std::vector<ExternalPartition> partitions;
+};
+
+// The attached disks of one kind by name, without their partitions. `isSettled` is false while the device
+// manager still looks at one. Throws std::runtime_error when the device manager's data can't be read.
+std::vector<ExternalDisk> ListExternalDisks(ExternalDiskKind kind);
+
+// Fills the partitions of `disk` by number, or the disk itself where it holds a file system unpartitioned.
+// Reads from the disk, so it needs root. A disk that is gone has none.
+void ReadPartitions(ExternalDisk& disk, ExternalDiskKind kind);
+
+}  // namespace korv

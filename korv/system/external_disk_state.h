@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "korv/system/external_disk.h"
+
+// What external disks are being made ready for: one line `sdb="done"` per attached disk in a small file that
+// other programs read too. A disk that isn't there is not to be used.
+namespace korv {
+
+inline constexpr const char* kDiskStateFile = "/tmp/usbdiskapplying";
+
+inline constexpr const char* kDiskReady = "done";
+inline constexpr const char* kDiskStarting = "init";         // the device manager still looks at it
+inline constexpr const char* kDiskChecked = "fsck";          // a check of a file system runs
+inline constexpr const char* kDiskFormatted = "formatting";  // a file system is being made
+inline constexpr const char* kDiskFailed = "fail";           // set by others; stays until the disk goes
+
+// Brings the file up to date for the disks of both kinds that are attached now; it is written only when
+// something changed. Needs root. Throws std::system_error.
+void UpdateDiskStates(const std::vector<ExternalDisk>& attached);
+
+// "formatting" or "fsck" when a program of that kind works on `device` or on a partition of it, else "".
+std::string WorkOn(const std::string& device);
+
+}  // namespace korv

@@ -1,0 +1,60 @@
+#include "korv/system/external_share.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "korv/system/external_disk.h"
+
+namespace korv {
+
+namespace {
+
+constexpr std::array<const char*, 2> kStems{"usbshare", "satashare"};
+constexpr const char* kDigits = "0123456789";
+constexpr std::size_t kDiskDigits = 4;
+constexpr std::size_t kPartitionDigits = 3;
+
+// Where the number that begins at `begin` ends; `begin` itself when none of at most `digits` digits is there.
+std::size_t NumberEnd(const std::string& text, std::size_t begin, std::size_t digits) {
+    const std::size_t end = std::min(text.find_first_not_of(kDigits, begin), text.size());
+    return end - begin <= digits ? end : begin;
+}
+
+// "2" or "2-1".
+bool IsNumbers(const std::string& text) {
+    const std::size_t disk = NumberEnd(text, 0, kDiskDigits);
+    if (disk == 0 || disk == text.size()) {
+        return disk != 0;
+    }
+    const std::size_t partition = NumberEnd(text, disk + 1, kPartitionDigits);
+    return text[disk] == '-' && partition > disk + 1 && partition == text.size();
+}
+
+}  // namespace
+
+bool IsExternalShareName(const std::string& name) {
+    return std::any_of(kStems.begin(), kStems.end(), [&name](const char* stem) {
+        const std::size_t length = std::strlen(stem);
+        return name.size() > length && strncasecmp(name.c_str(), stem, length) == 0 &&
+               IsNumbers(name.substr(length));
+    });
+}
+
+std::optional<std::string> ExternalSharePath(const std::string& name) {
+    for (const ExternalDiskKind kind : {ExternalDiskKind::kUsb, ExternalDiskKind::kEsata}) {
+        for (ExternalDisk& disk : ListExternalDisks(kind)) {
+            ReadPartitions(disk, kind);
+            for (const ExternalPartition& partition : disk.partitions) {
+                if (strcasecmp(partition.shareName.c_str(), name.c_str()) == 0) {
+                    return partition.mountPath;
+                }
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace korv

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+// External shares: what is mounted from an external disk is a shared folder without a row in korv.db. It is
+// named after its disk and comes and goes with it.
+namespace korv {
+
+// True when `name` is of the kind that external shares have ("usbshare2", "satashare3-1"), in any case. No
+// other share has such a name.
+bool IsExternalShareName(const std::string& name);
+
+// Where the external share `name` is mounted now. Needs root.
+std::optional<std::string> ExternalSharePath(const std::string& name);
+
+}  // namespace korv

@@ -1,0 +1,162 @@
+#include "korv/system/key_value_file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+
+#include <sys/stat.h>
+
+#include "platform/korv/key_value_file.h"
+
+#include "korv/system/file_descriptor.h"
+
+namespace korv {
+
+namespace {
+
+constexpr std::size_t kLargestFile = std::size_t{1024} * 1024;
+constexpr const char* kBlanks = " \t\r";
+
+std::string Trimmed(const std::string& text) {
+    const std::size_t begin = text.find_first_not_of(kBlanks);
+    return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
+}
+
+std::string Unquoted(const std::string& value) {
+    const char quote = value.empty() ? '\0' : value.front();
+    if (value.size() < 2 || (quote != '"' && quote != '\'') || value.back() != quote) {
+        return value;
+    }
+    const std::string inner = value.substr(1, value.size() - 2);
+    if (quote == '\'') {
+        return inner;
+    }
+    std::string result;
+    for (std::size_t i = 0; i < inner.size(); ++i) {
+        const bool isEscape =
+            inner[i] == '\\' && i + 1 < inner.size() && (inner[i + 1] == '"' || inner[i + 1] == '\\');
+        result += inner[isEscape ? ++i : i];
+    }
+    return result;
+}
+
+std::string Quoted(const std::string& value) {
+    std::string result = "\"";
+    for (const char character : value) {
+        if (character == '"' || character == '\\') {
+            result += '\\';
+        }
+        result += character;
+    }
+    return result + "\"";
+}
+
+[[noreturn]] void Fail(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
+
+void WriteAll(int file, const std::string& text) {
+    std::size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t length = write(file, text.data() + written, text.size() - written);
+        if (length < 0 && errno != EINTR) {
+            Fail("cannot write a key-value file");
+        }
+        written += length > 0 ? static_cast<std::size_t>(length) : 0;
+    }
+}
+
+}  // namespace
+
+KeyValues ParseKeyValues(const std::string& text) {
+    KeyValues values;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const std::string trimmed = Trimmed(line);
+        const std::size_t equals = trimmed.find('=');
+        const std::string key = equals == std::string::npos ? "" : Trimmed(trimmed.substr(0, equals));
+        if (!key.empty() && key.front() != '#') {
+            values[key] = Unquoted(Trimmed(trimmed.substr(equals + 1)));
+        }
+    }
+    return values;
+}
+
+std::string KeyValueText(const KeyValues& values) {
+    std::string text;
+    for (const auto& [key, value] : values) {
+        const bool isKey =
+            !key.empty() && key.front() != '#' && key.find_first_of("= \t\r\n\"'") == std::string::npos;
+        if (!isKey || value.find_first_of("\r\n") != std::string::npos) {
+            throw std::invalid_argument("this can't stand in a key-value file");
+        }
+        text += key;
+        text += "=" + Quoted(value) + "\n";
+    }
+    return text;
+}
+
+std::optional<KeyValues> ReadKeyValues(const std::string& path) {
+    // Anything may lie there: what isn't a file must not block.
+    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status {};
+    if (!file || fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return std::nullopt;
+    }
+    constexpr std::size_t kBlock = 4096;
+    std::array<char, kBlock> block{};
+    std::string text;
+    while (text.size() < kLargestFile) {
+        const ssize_t length = read(file.Get(), block.data(), block.size());
+        if (length == 0) {
+            return ParseKeyValues(text);
+        }
+        if (length < 0 && errno != EINTR) {
+            return std::nullopt;
+        }
+        text.append(block.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+    }
+    return std::nullopt;
+}
+
+void WriteKeyValues(const std::string& path, const KeyValues& values) {
+    const std::string text = KeyValueText(values);
+    std::string unfinished = path + ".XXXXXX";
+    const FileDescriptor file(mkostemp(unfinished.data(), O_CLOEXEC));
+    if (!file) {
+        Fail("cannot make a key-value file");
+    }
+    try {
+        WriteAll(file.Get(), text);
+        constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;
+        if (fchmod(file.Get(), kMode) != 0 || rename(unfinished.c_str(), path.c_str()) != 0) {
+            Fail("cannot replace a key-value file");
+        }
+    } catch (const std::system_error&) {
+        unlink(unfinished.c_str());
+        throw;
+    }
+}
+
+}  // namespace korv
+
+int KLIBCFileGetKeyValue(const char* path, const char* key, char* value, std::size_t size, int /*flags*/) {
+    const auto values = korv::ReadKeyValues(path);
+    const auto found = values ? values->find(key) : korv::KeyValues::const_iterator();
+    if (!values || found == values->end() || found->second.size() >= size) {
+        return -1;
+    }
+    std::memcpy(value, found->second.c_str(), found->second.size() + 1);
+    return static_cast<int>(found->second.size());
+}
+
+int KLIBCFileCheckKeyValue(const char* path, const char* key, const char* value, int /*flags*/) {
+    const auto values = korv::ReadKeyValues(path);
+    const auto found = values ? values->find(key) : korv::KeyValues::const_iterator();
+    return values && found != values->end() && found->second == value ? 1 : 0;
+}

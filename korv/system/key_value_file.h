@@ -1,0 +1,26 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+
+// Files of lines key=value (platform/korv/key_value_file.h).
+namespace korv {
+
+using KeyValues = std::map<std::string, std::string>;
+
+// Lines that are no such pair are passed over.
+KeyValues ParseKeyValues(const std::string& text);
+
+// Values stand between double quotes. A key with a blank, a quote or "=" in it, or a line end anywhere, is
+// refused with std::invalid_argument.
+std::string KeyValueText(const KeyValues& values);
+
+// The pairs of the regular file `path`, a megabyte at most; nothing when it can't be read.
+std::optional<KeyValues> ReadKeyValues(const std::string& path);
+
+// Replaces the file in one step, readable for everybody; throws std::system_error. In a folder that others
+// can write into, too.
+void WriteKeyValues(const std::string& path, const KeyValues& values);
+
+}  // namespace korv

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// What is mounted where in this process's mount namespace, from the kernel's own list; no file system is
+// asked.
+namespace korv {
+
+struct Mount {
+    std::string mountPoint;
+    std::string fsType;  // "ext4", "btrfs", "nfs4", "fuse.gocryptfs", ...
+    std::string source;  // "/dev/sdb1", "server:/export", ...
+    bool isReadOnly = false;
+};
+
+// All mounts in the order they were made: of two at one place the later one is in sight. Read anew only after
+// a mount or unmount. Empty when the kernel's list can't be read. The reference is valid until the next call.
+const std::vector<Mount>& ListMounts();
+
+// The mounts that a walk along `path`, an absolute path, passes through, the outermost first. Pure text:
+// links are not followed.
+std::vector<const Mount*> MountsAlong(const std::string& path);
+
+// The same as a list of the caller's own. Throws std::runtime_error when the kernel's list can't be read.
+std::vector<Mount> ReadMounts();
+
+// The mount points of `mounts` that are `path` itself or beneath it.
+std::vector<std::string> MountsAtOrBeneath(const std::vector<Mount>& mounts, const std::string& path);
+
+}  // namespace korv

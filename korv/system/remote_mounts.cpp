@@ -1,0 +1,337 @@
+#include "korv/system/remote_mounts.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <optional>
+#include <random>
+#include <system_error>
+#include <thread>
+
+#include <sys/file.h>
+
+#include "platform/korv/configuration.h"
+
+#include "include/run_as_scope.h"
+
+namespace korv {
+
+namespace {
+
+constexpr std::chrono::seconds kLockPatience(5);
+constexpr std::chrono::milliseconds kLockPause(20);
+constexpr long long kFirstPause_s = 5;
+constexpr long long kLongestPause_s = 300;
+
+// Holds one mount point for this process, children included; none when another process has it for too long.
+FileDescriptor LockMount(const std::string& mountPoint) {
+    const std::string folder = KORV::GetConfiguration().runDir + "/mount-locks";
+    const RunAsScope root = IF_RUN_AS;
+    std::error_code ignored;
+    std::filesystem::create_directories(folder, ignored);
+    const std::string file = folder + "/" + std::to_string(std::hash<std::string>{}(mountPoint));
+    FileDescriptor lock(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    const auto deadline = std::chrono::steady_clock::now() + kLockPatience;
+    while (lock && flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return FileDescriptor();
+        }
+        std::this_thread::sleep_for(kLockPause);
+    }
+    return lock;
+}
+
+MountEnd Failed(MountFailure failure) { return {failure, ""}; }
+
+std::string NewToken() {
+    constexpr int kWords = 4;
+    std::random_device random;
+    std::string token;
+    for (int i = 0; i < kWords; ++i) {
+        std::array<char, 16> digits{};
+        std::snprintf(digits.data(), digits.size(), "%08x", random());
+        token += digits.data();
+    }
+    return token;
+}
+
+void TakeFolderState(MountRow& row, const MountFolderState& state) {
+    row.isFolderMade = state.isMade;
+    row.guard = state.guard;
+    row.guardMode = state.guardMode;
+}
+
+MountFolderState FolderStateOf(const MountRow& row) { return {row.isFolderMade, row.guard, row.guardMode}; }
+
+void NoteAttempt(MountRow& row, MountFailure failure, long long now_s) {
+    row.isNormal = failure == MountFailure::kNone;
+    row.lastError = static_cast<int>(failure);
+    row.failures = row.isNormal ? 0 : row.failures + 1;
+    row.nextTry_s = row.isNormal ? 0 : now_s + RetryPause_s(row.failures);
+}
+
+// The place of a row; none when its share is gone.
+std::optional<MountPlace> PlaceOf(const MountRow& row) {
+    MountFailure ignored = MountFailure::kNone;
+    for (const MountPlace& place : FindMountPlaces(row.mountPoint, ignored)) {
+        if (place.Path() == row.mountPoint) {
+            return place;
+        }
+    }
+    return std::nullopt;
+}
+
+// Takes away the mount, the guard, the account and the row, in that order.
+MountEnd Undo(const MountRow& row, bool isForced) {
+    const auto place = PlaceOf(row);
+    if (place) {
+        const MountEnd unmounted = UnmountRemote(*place, isForced);
+        if (unmounted.failure != MountFailure::kNone) {
+            return unmounted;
+        }
+        const MountEnd released = ReleaseMount(*place, FolderStateOf(row));
+        if (released.failure != MountFailure::kNone) {
+            return released;
+        }
+    }
+    ForgetAccount(row.token);
+    DropMountRow(row.token);
+    return Failed(MountFailure::kNone);
+}
+
+MountEnd MountAndKeep(MountRow& row, const MountPlace& place, const MountAccount& account,
+                      const MountCaller& caller) {
+    if (row.type == RemoteType::kCifs) {
+        KeepAccount(row.token, account);
+    }
+    MountFolderState state;
+    MountEnd end = MountRemote(row, place, caller, state);
+    TakeFolderState(row, state);
+    if (end.failure == MountFailure::kNone) {
+        row.state = MountState::kKept;
+        row.isNormal = true;
+        SaveMountRow(row);
+        return end;
+    }
+    SaveMountRow(row);
+    if (const MountEnd undone = Undo(row, true); undone.failure != MountFailure::kNone) {
+        row.maker = {};  // for RecoverMounts
+        SaveMountRow(row);
+        end.output += undone.output;
+    }
+    return end;
+}
+
+// The known mount that `path` means, if the caller may manage it.
+std::optional<MountRow> FindManaged(const std::string& path, const MountCaller& caller,
+                                    MountFailure& failure) {
+    std::optional<MountRow> row;
+    for (const MountPlace& place : FindMountPlaces(path, failure)) {
+        row = row ? row : FindMountRow(place.Path());
+    }
+    if (!row && (failure == MountFailure::kNone || failure == MountFailure::kNotInShare)) {
+        row = FindMountRow(path);  // its share may be gone
+        failure = MountFailure::kUnknownMount;
+    }
+    if (row && !caller.isAdmin && (row->owner.empty() || row->owner != caller.name)) {
+        failure = MountFailure::kMayNotWrite;
+        return std::nullopt;
+    }
+    if (row) {
+        failure = MountFailure::kNone;
+    }
+    return row;
+}
+
+MountEnd MountAnew(MountRow& row, const MountPlace& place, MountSight sight) {
+    if (sight != MountSight::kNotMounted) {
+        const MountEnd unmounted = UnmountRemote(place, true);
+        if (unmounted.failure != MountFailure::kNone) {
+            return unmounted;
+        }
+    }
+    MountFolderState state = FolderStateOf(row);
+    MountEnd end = MountRemote(row, place, std::nullopt, state);
+    TakeFolderState(row, state);
+    return end;
+}
+
+std::string TextOf(MountSight sight) {
+    switch (sight) {
+        case MountSight::kAlive:
+            return "is alive";
+        case MountSight::kNotMounted:
+            return "is not mounted";
+        case MountSight::kStale:
+            return "is stale";
+        default:
+            return "does not answer";
+    }
+}
+
+bool IsDue(const MountRow& row, long long now_s) { return row.isAutomatic && row.nextTry_s <= now_s; }
+
+// Looks once more, since a moment may have passed or another process may have been at it, and mounts.
+MountEnd TryAgain(MountRow& row, long long now_s) {
+    const FileDescriptor lock = LockMount(row.mountPoint);
+    const auto current = FindMountRow(row.mountPoint);
+    const auto place = PlaceOf(row);
+    if (!lock || !current || current->token != row.token || current->state != MountState::kKept || !place) {
+        return Failed(MountFailure::kBusy);
+    }
+    row = *current;
+    const MountSight sight = LookAtMount(row.mountPoint).sight;
+    const MountEnd end =
+        sight == MountSight::kAlive ? Failed(MountFailure::kNone) : MountAnew(row, *place, sight);
+    NoteAttempt(row, end.failure, now_s);
+    SaveMountRow(row);
+    return end;
+}
+
+// Writes down what was seen, unless the row is another one by now.
+void NoteSight(MountRow& row, bool isAlive) {
+    row.isNormal = isAlive;
+    if (isAlive) {
+        row.failures = 0;
+        row.nextTry_s = 0;
+        row.lastError = 0;
+    }
+    SaveMountStatus(row);
+}
+
+}  // namespace
+
+MountEnd AddMount(const NewMount& wanted, const MountCaller& caller) {
+    const auto source = ParseMountSource(wanted.type, wanted.source);
+    const auto options = AllowedOptions({wanted.type, wanted.options, wanted.nfsVersion, wanted.protocol});
+    if (!source) {
+        return Failed(MountFailure::kBadSource);
+    }
+    if (!IsUsableAccount(wanted.account)) {
+        return Failed(MountFailure::kBadAccountText);
+    }
+    if (!options) {
+        return Failed(MountFailure::kBadOption);
+    }
+    MountFailure failure = MountFailure::kNone;
+    const auto places = FindMountPlaces(wanted.mountPoint, failure);
+    if (places.empty()) {
+        return Failed(failure);
+    }
+    const MountPlace& place = places.front();
+    const FileDescriptor lock = LockMount(place.Path());
+    if (!lock) {
+        return Failed(MountFailure::kBusy);
+    }
+    MountRow row;
+    row.mountPoint = place.Path();
+    row.share = place.share.name;
+    row.token = NewToken();
+    row.type = wanted.type;
+    row.source = source->text;
+    row.options = *options;
+    row.owner = wanted.isOwned ? caller.name : "";
+    row.isAutomatic = wanted.isAutomatic;
+    row.maker = ThisProcess();
+    if (!AddMountRow(row)) {
+        return Failed(MountFailure::kMountPointTaken);
+    }
+    return MountAndKeep(row, place, wanted.account, caller);
+}
+
+MountEnd RemoveMount(const std::string& path, const MountCaller& caller) {
+    MountFailure failure = MountFailure::kNone;
+    auto row = FindManaged(path, caller, failure);
+    if (!row) {
+        return Failed(failure);
+    }
+    const FileDescriptor lock = LockMount(row->mountPoint);
+    row = FindMountRow(row->mountPoint);
+    if (!lock || !row) {
+        return Failed(row ? MountFailure::kBusy : MountFailure::kUnknownMount);
+    }
+    const MountState before = row->state;
+    row->state = MountState::kRemoving;
+    row->maker = ThisProcess();
+    SaveMountRow(*row);
+    MountEnd end = Undo(*row, false);
+    if (end.failure != MountFailure::kNone) {
+        row->state = before;
+        SaveMountRow(*row);
+    }
+    return end;
+}
+
+MountEnd ReconnectMount(const std::string& path, const MountCaller& caller) {
+    MountFailure failure = MountFailure::kNone;
+    auto row = FindManaged(path, caller, failure);
+    if (!row) {
+        return Failed(failure);
+    }
+    return TryAgain(*row, std::time(nullptr));
+}
+
+std::vector<std::string> RecoverMounts() {
+    std::vector<std::string> troubles;
+    for (const MountRow& row : ListMountRows()) {
+        if (row.state == MountState::kKept || IsRunning(row.maker)) {
+            continue;
+        }
+        const FileDescriptor lock = LockMount(row.mountPoint);
+        if (!lock) {
+            continue;
+        }
+        // A maker that died before it could write it down may have guarded the folder.
+        MountRow guarded = row;
+        if (guarded.guard == MountGuard::kNone) {
+            guarded.guard = MountGuard::kImmutable;
+        }
+        const MountEnd end = Undo(guarded, true);
+        if (end.failure != MountFailure::kNone) {
+            troubles.push_back("the mount at " + row.mountPoint + " could not be taken away: " + end.output);
+        }
+    }
+    return troubles;
+}
+
+long long RetryPause_s(int failures) {
+    constexpr int kMostDoublings = 6;
+    const int doublings = std::clamp(failures - 1, 0, kMostDoublings);
+    return std::min(kFirstPause_s << doublings, kLongestPause_s);
+}
+
+std::vector<MountChange> CareForMounts(long long now_s) {
+    std::vector<MountChange> changes;
+    std::vector<MountRow> rows = ListMountRows();
+    std::erase_if(rows, [](const MountRow& row) { return row.state != MountState::kKept; });
+    std::vector<std::string> paths;
+    for (const MountRow& row : rows) {
+        paths.push_back(row.mountPoint);
+    }
+    const std::vector<MountFacts> sights = LookAtMounts(paths);
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        MountRow& row = rows[i];
+        const bool wasNormal = row.isNormal;
+        const MountSight sight = sights[i].sight;
+        std::string text = TextOf(sight);
+        NoteSight(row, sight == MountSight::kAlive);
+        if (sight != MountSight::kAlive && IsDue(row, now_s)) {
+            const MountEnd end = TryAgain(row, now_s);
+            text += row.isNormal
+                        ? " and was mounted again"
+                        : ", code " + std::to_string(static_cast<int>(end.failure)) + ": " + end.output;
+        }
+        if (row.isNormal != wasNormal) {
+            changes.push_back({row.mountPoint, row.isNormal, text});
+        }
+    }
+    return changes;
+}
+
+}  // namespace korv

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace korv {
+
+// The ids that a process of some user would run with.
+struct Identity {
+    uid_t uid = 0;
+    std::vector<gid_t> groups;  // the primary one included
+};
+
+// What may be done with the entries of a folder.
+struct FolderAccess {
+    bool canList = false;    // read the folder and reach what is in it
+    bool canChange = false;  // make and remove entries
+};
+
+// What the kernel would allow `who` in the folder at `path`: the rights to pass through every folder above
+// it, its ACL, and whether it is mounted read-only. Reads ACLs, so it needs root unless they are the caller's
+// own. Nothing when they can't be read, or not in time.
+std::optional<FolderAccess> AccessTo(const std::string& path, const Identity& who);
+
+}  // namespace korv

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <string>
+
+namespace pavane {
+
+// Writes down, and tells clients, that the remote mount of the recording share at `path` is normal or not; a
+// path of no recording share is nobody's concern here.
+void NoteMountState(const std::string& path, bool isNormal);
+
+}  // namespace pavane

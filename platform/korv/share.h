@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+
+#include <json/json.h>
+
+// Shared folders of the NAS and who may do what there. Implemented in korv/system/share.cpp and
+// share_access.cpp and korv/services/local_share_list.cpp.
+
+// Rights of a user on a shared folder, as bits.
+enum KORV_SHARE_RIGHT : int {
+    KORV_SHARE_RIGHT_WRITE = 1,
+    KORV_SHARE_RIGHT_READ = 2,
+};
+
+// The system's record of a shared folder. Texts are NUL-terminated and belong to the record.
+struct KORVSHARE {
+    const char* name;
+    const char* path;
+};
+
+// Looks up the shared folder `name`, without regard to case; what is mounted from an external disk is one too
+// ("usbshare2"), which needs root.
+//   share  out: the record, freed with KORVShareFree; null after a failure
+// 0 on success, -1 when there is none or it cannot be read.
+int KORVShareGet(const char* name, KORVSHARE** share);
+
+// Frees a record; null is allowed.
+void KORVShareFree(KORVSHARE* share);
+
+// The rights of `user` on a shared folder as the kernel would judge them (KORV_SHARE_RIGHT bits, 0 = none),
+// -1 on failure. Needs root.
+int KLIBShareUserRightGet(const char* user, const KORVSHARE* share);
+
+// The system's list of shared folders: an array of objects with "name", "vol_path" and "enable_share_cow".
+//   list       out; unchanged after a failure
+//   withState  true: also each folder's encryption and move state (slower)
+// 0 on success.
+int GetLocalShareListByWebApi(Json::Value& list, bool withState);

@@ -1,0 +1,113 @@
+#include "korv/system/bounded_call.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+
+#include <sys/wait.h>
+
+#include "platform/korv/filesystem.h"
+#include "platform/korv/share.h"
+#include "platform/korv/volume.h"
+
+#include "korv/system/volume.h"
+#include "tests/unit/korv/private_machine.h"
+#include "tests/unit/korv/silent_file_system.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr milliseconds kAtOnce(500);
+constexpr milliseconds kSlack(1500);
+
+class BoundedCallTest : public MachineTest {
+protected:
+    std::string MakeMountPoint(const std::string& name) {
+        const std::string path = machine::Volume() + "/" + name;
+        fs::create_directory(path);
+        return path;
+    }
+};
+
+template <class Work>
+milliseconds TimeOf(const Work& work) {
+    const auto start = Clock::now();
+    work();
+    return std::chrono::duration_cast<milliseconds>(Clock::now() - start);
+}
+
+// A child that has ended and that nobody has waited for.
+bool HasLeftChild() {
+    int status = 0;
+    return waitpid(-1, &status, WNOHANG) > 0;
+}
+
+}  // namespace
+
+TEST_F(BoundedCallTest, AsksThisMachinesOwnFileSystemsDirectly) {
+    EXPECT_TRUE(korv::IsPathPrompt(machine::Volume()));
+    const auto asker = korv::CallBounded("id", machine::Volume(), [] { return std::optional(getpid()); });
+    EXPECT_EQ(asker, getpid());
+}
+
+TEST_F(BoundedCallTest, AsksOthersInAChildWhoseAnswerArrivesWhole) {
+    const std::string path = MakeMountPoint("remote");
+    const SilentFileSystem remote(path, SilentFileSystem::Silence::kSize);
+    EXPECT_FALSE(korv::IsPathPrompt(path));
+    EXPECT_FALSE(korv::IsPathPrompt(path + "/below"));
+    EXPECT_TRUE(korv::IsPathPrompt(path + "-not"));
+    struct Answer {
+        pid_t pid;
+        std::array<int, 500> rest;
+    };
+    const auto answer = korv::CallBounded("all", path, [] {
+        Answer made{getpid(), {}};
+        made.rest.fill(7);
+        return std::optional(made);
+    });
+    ASSERT_TRUE(answer);
+    EXPECT_NE(answer->pid, getpid());
+    EXPECT_EQ(answer->rest.front() + answer->rest.back(), 14);
+    EXPECT_FALSE(HasLeftChild());
+}
+
+TEST_F(BoundedCallTest, GivesNothingWhenTheChildHasNothingToGive) {
+    const std::string path = MakeMountPoint("remote");
+    const SilentFileSystem remote(path, SilentFileSystem::Silence::kSize);
+    EXPECT_FALSE(korv::CallBounded("nothing", path, [] { return std::optional<int>(); }));
+    EXPECT_FALSE(HasLeftChild());
+}
+
+TEST_F(BoundedCallTest, AnsweringNothingIsAFailureWithinTheDeadlineAndThenAtOnce) {
+    const std::string path = MakeMountPoint("dead");
+    const SilentFileSystem dead(path, SilentFileSystem::Silence::kEverything);
+    bool isThere = true;
+    const milliseconds first = TimeOf([&] { isThere = IsExistDir(path); });
+    EXPECT_FALSE(isThere);
+    EXPECT_GE(first, korv::kAnswerDeadline);
+    EXPECT_LT(first, korv::kAnswerDeadline + kSlack);
+    EXPECT_LT(TimeOf([&] { isThere = IsExistDir(path); }), kAtOnce);
+    EXPECT_FALSE(isThere);
+}
+
+TEST_F(BoundedCallTest, AVolumeWithoutASizeStillHasItsFolderAndRights) {
+    const std::string path = MakeMountPoint("half");
+    const SilentFileSystem half(path, SilentFileSystem::Silence::kSize);
+    KORVVOLUME volume{1, 2};
+    const milliseconds first = TimeOf([&] { EXPECT_EQ(KORVMountVolInfoGet(path.c_str(), &volume), -1); });
+    EXPECT_GE(first, korv::kAnswerDeadline);
+    EXPECT_LT(first, korv::kAnswerDeadline + kSlack);
+    EXPECT_EQ(volume.totalBytes, 1U);
+    EXPECT_EQ(volume.freeBytes, 2U);
+    EXPECT_LT(TimeOf([&] { EXPECT_FALSE(korv::ProbeVolume(path).isMounted); }), kAtOnce);
+    EXPECT_TRUE(IsExistDir(path));
+    const KORVSHARE share{"half", path.c_str()};
+    EXPECT_EQ(KLIBShareUserRightGet("alice", &share), KORV_SHARE_RIGHT_READ | KORV_SHARE_RIGHT_WRITE);
+}

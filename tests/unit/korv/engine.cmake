@@ -1,0 +1,8 @@
+# What the life of a share rests on: removing, encrypting and moving folders, on real file systems.
+add_executable(korv_engine_test
+    cipher_folder_test.cpp
+    private_machine.cpp
+    tree_remove_test.cpp
+)
+target_link_libraries(korv_engine_test PRIVATE korv soci_core acl GTest::gtest)
+gtest_discover_tests(korv_engine_test DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)

@@ -1,0 +1,326 @@
+#include "korv/system/external_disk.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+
+#include "platform/korv/external_disk.h"
+#include "platform/korv/share.h"
+
+#include "korv/system/child_process.h"
+#include "korv/system/external_disk_state.h"
+#include "korv/system/external_share.h"
+#include "korv/system/key_value_file.h"
+#include "tests/unit/korv/pretended_disks.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using korv::ExternalDiskKind;
+using korv::PartitionState;
+
+constexpr const char* kPlace = "/tmp/place";
+
+class ExternalDiskTest : public testing::Test {
+protected:
+    void SetUp() override {
+        fs::remove(korv::kDiskStateFile);
+        fs::create_directory(kPlace);
+    }
+    void TearDown() override {
+        while (umount2(kPlace, MNT_DETACH) == 0) {
+        }
+    }
+
+    // As if what is on the device were mounted: only the list of mounts is asked for that.
+    static void MountFrom(const char* device, const char* type = "tmpfs") {
+        ASSERT_EQ(mount(device, kPlace, type, 0, "size=64k,mode=0755"), 0);
+    }
+
+    static std::vector<std::string> Names(ExternalDiskKind kind) {
+        std::vector<std::string> names;
+        for (const korv::ExternalDisk& disk : korv::ListExternalDisks(kind)) {
+            names.push_back(disk.name + "/" + std::to_string(disk.number));
+        }
+        return names;
+    }
+
+    static std::vector<korv::ExternalPartition> Partitions(ExternalDiskKind kind, const std::string& name) {
+        for (korv::ExternalDisk& disk : korv::ListExternalDisks(kind)) {
+            if (disk.name == name) {
+                korv::ReadPartitions(disk, kind);
+                return disk.partitions;
+            }
+        }
+        return {};
+    }
+
+    static std::string StateOf(const std::string& disk) {
+        std::size_t size = 0;
+        EXPECT_GE(KORVUSBDevEnum(KORV_EXT_DEVICE_USB, nullptr, 0, &size), 0);
+        const auto states = korv::ReadKeyValues(korv::kDiskStateFile);
+        const auto found = states ? states->find(disk) : korv::KeyValues::const_iterator();
+        return states && found != states->end() ? found->second : "none";
+    }
+
+    PretendedDisks disks;
+};
+
+using Texts = std::vector<std::string>;
+
+// A process whose command line reads like that of a program at work on a device.
+class Worker {
+public:
+    Worker(const char* program, const char* argument) {
+        EXPECT_EQ(pipe2(m_input.data(), O_CLOEXEC), 0);
+        m_child = fork();
+        if (m_child == 0) {
+            dup2(m_input[0], STDIN_FILENO);
+            execl("/bin/sh", program, "-c", "read line", argument, nullptr);
+            _exit(1);
+        }
+        const std::string file = "/proc/" + std::to_string(m_child) + "/cmdline";
+        std::string name;
+        while (name != program) {
+            std::getline(std::ifstream(file), name, '\0');
+        }
+    }
+    ~Worker() {
+        kill(m_child, SIGKILL);
+        int status = 0;
+        waitpid(m_child, &status, 0);
+        close(m_input[0]);
+        close(m_input[1]);
+    }
+    Worker(const Worker&) = delete;
+    Worker& operator=(const Worker&) = delete;
+
+private:
+    std::array<int, 2> m_input{};  // what the process waits for
+    pid_t m_child = -1;
+};
+
+}  // namespace
+
+TEST_F(ExternalDiskTest, TellsExternalDisksFromTheMachinesOwn) {
+    disks.AddUsbDisk("sdc");
+    disks.AddUsbDisk("sdaa");
+    disks.AddEsataDisk("sdd");
+    disks.AddDisk("pci0/ata2/host2", "sda", {{"ID_BUS", "ata"}});
+    disks.AddDisk("pci0/usb1/1-2/host7", "sr0", {{"ID_BUS", "usb"}, {"ID_TYPE", "cd"}});
+    disks.AddDisk("pci0/usb1/1-3/host8", "sde", {{"ID_BUS", "usb"}}, {{"size", "0"}});
+    disks.AddDisk("virtual", "loop0", {{"KORV_EXTERNAL_DISK", "usb"}});
+    disks.AddDisk("virtual", "loop1", {{"KORV_EXTERNAL_DISK", "esata"}});
+    disks.AddDisk("pci0/usb1/1-4/host9", "sdf", {{"ID_BUS", "usb"}, {"KORV_EXTERNAL_DISK", "no"}});
+    EXPECT_EQ(Names(ExternalDiskKind::kUsb), (Texts{"loop0/1", "sdaa/27", "sdc/3"}));
+    EXPECT_EQ(Names(ExternalDiskKind::kEsata), (Texts{"loop1/2", "sdd/4"}));
+}
+
+TEST_F(ExternalDiskTest, ReadsWhatIsOnEachPartition) {
+    const std::string disk = disks.AddUsbDisk("sdb");
+    disks.AddPartition(disk, 2);
+    disks.AddPartition(disk, 1);
+    disks.AddPartition(disk, 3, {{"ID_FS_TYPE", "ntfs"}, {"ID_FS_LABEL", "Films"}});
+    disks.AddPartition(
+        disk, 4, {{"ID_FS_TYPE", "vfat"}, {"ID_PART_ENTRY_TYPE", "C12A7328-F81F-11D2-BA4B-00A0C93EC93B"}});
+    const std::string first = disks.FileOf("sdb1");
+    const std::string second = disks.FileOf("sdb2");
+    ASSERT_EQ(korv::RunProgram("/usr/sbin/mkfs.ext4", {"-q", "-L", "Backup", first}, std::chrono::seconds(20))
+                  .exitCode,
+              0);
+    ASSERT_EQ(korv::RunProgram("/usr/sbin/mkswap", {second}, std::chrono::seconds(20)).exitCode, 0);
+    MountFrom("/dev/sdb1");
+    const auto partitions = Partitions(ExternalDiskKind::kUsb, "sdb");
+    ASSERT_EQ(partitions.size(), 4U);
+    EXPECT_EQ(partitions[0].device, "/dev/sdb1");
+    EXPECT_EQ(partitions[0].fsType, "ext4");
+    EXPECT_EQ(partitions[0].label, "Backup");
+    EXPECT_EQ(partitions[0].state, PartitionState::kReady);
+    EXPECT_EQ(partitions[0].mountPath, kPlace);
+    EXPECT_EQ(partitions[0].shareName, "usbshare2-1");
+    EXPECT_EQ(partitions[1].fsType, "swap");
+    EXPECT_EQ(partitions[1].state, PartitionState::kHidden);
+    EXPECT_EQ(partitions[2].fsType, "ntfs");
+    EXPECT_EQ(partitions[2].label, "Films");
+    EXPECT_EQ(partitions[2].state, PartitionState::kUnusable);
+    EXPECT_EQ(partitions[2].shareName, "");
+    EXPECT_EQ(partitions[3].state, PartitionState::kHidden);
+}
+
+TEST_F(ExternalDiskTest, AnUnpartitionedDiskIsItsOwnPartition) {
+    disks.AddEsataDisk("sdc");
+    MountFrom("/dev/sdc");
+    const auto partitions = Partitions(ExternalDiskKind::kEsata, "sdc");
+    ASSERT_EQ(partitions.size(), 1U);
+    EXPECT_EQ(partitions[0].number, 0);
+    EXPECT_EQ(partitions[0].shareName, "satashare3");
+    EXPECT_EQ(partitions[0].mountPath, kPlace);
+}
+
+TEST_F(ExternalDiskTest, ASharesNameLastsAsLongAsTheDiskIsMounted) {
+    const std::string first = disks.AddUsbDisk("sdb");
+    disks.AddPartition(disks.AddUsbDisk("sdc"), 1);
+    MountFrom("/dev/sdc1");
+    KORVSHARE* share = nullptr;
+    ASSERT_EQ(KORVShareGet("USBshare3", &share), 0);
+    EXPECT_STREQ(share->path, kPlace);
+    KORVShareFree(share);
+    disks.Pull(first);
+    EXPECT_EQ(korv::ExternalSharePath("usbshare3"), kPlace);
+    EXPECT_FALSE(korv::ExternalSharePath("usbshare2"));
+    umount2(kPlace, MNT_DETACH);
+    EXPECT_EQ(KORVShareGet("usbshare3", &share), -1);
+    EXPECT_EQ(share, nullptr);
+}
+
+TEST_F(ExternalDiskTest, OnlyNumberedNamesAreExternalShares) {
+    for (const char* name :
+         {"usbshare1", "USBShare27", "satashare2-1", "usbshare702-15", "usbshare0001-128"}) {
+        EXPECT_TRUE(korv::IsExternalShareName(name)) << name;
+    }
+    for (const char* name : {"usbshare", "usbshare-1", "usbshare1-", "usbshare12345", "usbshare1-1234",
+                             "usbshare1-1-1", "usbshare1 ", "ausbshare1", "usbshareA", "sharesata1"}) {
+        EXPECT_FALSE(korv::IsExternalShareName(name)) << name;
+    }
+}
+
+TEST_F(ExternalDiskTest, EnumeratesIntoOneBuffer) {
+    disks.AddUsbDisk("sdb");
+    disks.AddUsbDisk("sdaa");
+    std::size_t size = 0;
+    ASSERT_EQ(KORVUSBDevEnum(KORV_EXT_DEVICE_USB, nullptr, 0, &size), 2);
+    ASSERT_EQ(size, 2 * sizeof(char*) + sizeof("sdb") + sizeof("sdaa"));
+    std::vector<char*> names((size + sizeof(char*) - 1) / sizeof(char*), nullptr);
+    ASSERT_EQ(KORVUSBDevEnum(KORV_EXT_DEVICE_USB, names.data(), size, &size), 2);
+    EXPECT_STREQ(names[0], "sdaa");
+    EXPECT_STREQ(names[1], "sdb");
+    // A third disk came since the size was asked for.
+    disks.AddUsbDisk("sdc");
+    std::fill(names.begin(), names.end(), nullptr);
+    EXPECT_EQ(KORVUSBDevEnum(KORV_EXT_DEVICE_USB, names.data(), size, &size), 2);
+    EXPECT_STREQ(names[1], "sdb");
+    EXPECT_GT(size, 2 * sizeof(char*) + sizeof("sdb") + sizeof("sdaa"));
+    EXPECT_EQ(KORVUSBDevEnum(KORV_EXT_DEVICE_ESATA, nullptr, 0, &size), 0);
+    EXPECT_EQ(size, 0U);
+    EXPECT_LT(KORVUSBDevEnum(4, nullptr, 0, &size), 0);
+}
+
+TEST_F(ExternalDiskTest, DescribesADiskAndItsPartitions) {
+    const std::string disk = disks.AddUsbDisk("sdb");
+    disks.AddPartition(disk, 1, {{"ID_FS_TYPE", "ext4"}, {"ID_FS_LABEL", std::string(100, 'L')}});
+    MountFrom("/dev/sdb1");
+    KORVEXTDEVICE record{};
+    ASSERT_EQ(KORVExtStgPartsVolInfoGet("sdb", &record, true), 0);
+    EXPECT_STREQ(record.description, "USB Disk 2");
+    ASSERT_EQ(record.partitionCount, 1);
+    EXPECT_EQ(record.partitions[0].state, KORV_EXT_PARTITION_READY);
+    EXPECT_STREQ(record.partitions[0].fsName, "ext4");
+    EXPECT_EQ(record.partitions[0].text, std::string(63, 'L'));
+    EXPECT_STREQ(record.partitions[0].shareName, "usbshare2");
+    EXPECT_STREQ(record.partitions[0].mountPath, kPlace);
+    // Asked for as the other kind it isn't there, and neither is one that was pulled.
+    ASSERT_EQ(KORVExtStgPartsVolInfoGet("sdb", &record, false), 0);
+    EXPECT_EQ(record.partitionCount, 0);
+    disks.Pull(disk);
+    ASSERT_EQ(KORVExtStgPartsVolInfoGet("sdb", &record, true), 0);
+    EXPECT_EQ(record.partitionCount, 0);
+    EXPECT_STREQ(record.description, "");
+}
+
+TEST_F(ExternalDiskTest, NotesWhatIsGoingOnWithEachDisk) {
+    const std::string disk = disks.AddUsbDisk("sdb");
+    disks.AddEsataDisk("sdc");
+    EXPECT_EQ(StateOf("sdb"), "init");
+    disks.Settle("sdb");
+    EXPECT_EQ(StateOf("sdb"), "done");
+    EXPECT_EQ(StateOf("sdc"), "init");
+    {
+        const Worker format("mkfs.ext4", "/dev/sdb");
+        EXPECT_EQ(StateOf("sdb"), "formatting");
+    }
+    {
+        const Worker check("e2fsck", "/dev/sdb12");
+        EXPECT_EQ(StateOf("sdb"), "fsck");
+    }
+    {
+        const Worker other("e2fsck", "/dev/sdba1");
+        const Worker reader("dd", "/dev/sdb1");
+        EXPECT_EQ(StateOf("sdb"), "done");
+    }
+    disks.Pull(disk);
+    EXPECT_EQ(StateOf("sdb"), "none");
+}
+
+TEST_F(ExternalDiskTest, AFailureThatAnotherProgramNotedStaysUntilTheDiskGoes) {
+    const std::string disk = disks.AddUsbDisk("sdb");
+    disks.Settle("sdb");
+    EXPECT_EQ(StateOf("sdb"), "done");
+    korv::WriteKeyValues(korv::kDiskStateFile, {{"sdb", "fail"}, {"sdz", "done"}});
+    EXPECT_EQ(StateOf("sdb"), "fail");
+    EXPECT_EQ(StateOf("sdz"), "none");
+    disks.Pull(disk);
+    EXPECT_EQ(StateOf("sdb"), "none");
+}
+
+TEST_F(ExternalDiskTest, WritesTheFileOnlyWhenSomethingChanged) {
+    EXPECT_EQ(StateOf("sdb"), "none");
+    EXPECT_FALSE(fs::exists(korv::kDiskStateFile));
+    disks.AddUsbDisk("sdb");
+    StateOf("sdb");
+    const auto before = fs::last_write_time(korv::kDiskStateFile);
+    StateOf("sdb");
+    EXPECT_EQ(fs::last_write_time(korv::kDiskStateFile), before);
+}
+
+namespace {
+
+constexpr const char* kPreload = "libumockdev-preload.so.0";
+
+// Starts this program anew with the library that pretends, unless it is loaded. The sanitizer's own library
+// is content with the second place.
+bool StartWithLibrary(char** argv) {
+    const char* loaded = std::getenv("LD_PRELOAD");
+    if (loaded != nullptr && std::strstr(loaded, kPreload) != nullptr) {
+        return true;
+    }
+    setenv("LD_PRELOAD", kPreload, 1);
+    setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
+    execv("/proc/self/exe", argv);
+    return false;
+}
+
+// Folders of this process's own for what the library and the device manager note about disks.
+bool MakeFolders() {
+    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") == 0 &&
+           mount("tmpfs", "/run", "tmpfs", 0, "mode=0755") == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const bool isLoaded = StartWithLibrary(argv);
+    testing::InitGoogleTest(&argc, argv);
+    if (testing::GTEST_FLAG(list_tests)) {
+        return RUN_ALL_TESTS();
+    }
+    if (!isLoaded || !MakeFolders()) {
+        std::cerr << "these tests need root and umockdev\n";
+        return 1;
+    }
+    return RUN_ALL_TESTS();
+}

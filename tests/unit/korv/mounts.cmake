@@ -1,0 +1,11 @@
+# Remote mounts, with a real server on a network of the test's own.
+add_executable(korv_mount_test
+    mount_source_test.cpp
+    private_machine.cpp
+    remote_mounts_test.cpp
+    samba_server.cpp
+    share_key_test.cpp
+)
+target_compile_definitions(korv_mount_test PRIVATE TEST_HELPERS="${PROJECT_SOURCE_DIR}/tests/helpers")
+target_link_libraries(korv_mount_test PRIVATE korv soci_core soci_sqlite3 acl GTest::gtest)
+gtest_discover_tests(korv_mount_test DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 120)

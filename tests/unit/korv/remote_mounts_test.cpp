@@ -1,0 +1,350 @@
+#include "korv/system/remote_mounts.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include "platform/korv/mount.h"
+
+#include "korv/system/accounts.h"
+#include "korv/system/child_process.h"
+#include "korv/system/database.h"
+#include "korv/system/share_creation.h"
+#include "korv/system/share_rights.h"
+#include "tests/unit/korv/private_machine.h"
+#include "tests/unit/korv/samba_server.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using korv::MountCaller;
+using korv::MountFailure;
+using korv::MountSight;
+
+const MountCaller kAdmin{"admin", true};
+const MountCaller kAlice{"alice", false};
+const MountCaller kCarol{"carol", false};
+
+std::string CodeOf(const korv::MountEnd& end) {
+    return std::to_string(static_cast<int>(end.failure)) + (end.output.empty() ? "" : " " + end.output);
+}
+
+bool WaitFor(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return true;
+}
+
+class RemoteMounts : public MachineTest {
+protected:
+    static void SetUpTestSuite() {
+        s_server = std::make_unique<SambaServer>(fs::path(machine::StateFolder()).parent_path() / "samba");
+    }
+    static void TearDownTestSuite() { s_server.reset(); }
+
+    void SetUp() override {
+        MachineTest::SetUp();
+        korv::ShareRow share;
+        share.name = "video";
+        share.volPath = machine::Volume();
+        ASSERT_EQ(korv::CreateShare(share).end, korv::CreationEnd::kCreated);
+        korv::GrantShareRights(*korv::FindShare("video"), {{false, "alice", false}});
+        std::ofstream(s_server->DataFolder() + "/seen") << "from the server";
+    }
+
+    void TearDown() override {
+        for (const auto& row : korv::ListMountRows()) {
+            umount2(row.mountPoint.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW);
+            korv::RemoveMount(row.mountPoint, kAdmin);
+        }
+        umount2(Point().c_str(), MNT_DETACH | UMOUNT_NOFOLLOW);
+        korv::RunProgram("/usr/bin/chattr", {"-R", "-i", machine::Volume()}, std::chrono::seconds(5));
+        MachineTest::TearDown();
+    }
+
+    static std::string Point() { return machine::Volume() + "/video/nas"; }
+
+    static korv::NewMount Wanted() {
+        korv::NewMount wanted;
+        wanted.source = "//127.0.0.1/data";
+        wanted.mountPoint = Point();
+        wanted.account = {SambaServer::kAccount, SambaServer::kPassword};
+        wanted.options = "port=" + std::to_string(SambaServer::kPort);
+        return wanted;
+    }
+
+    static MountFailure Refused(korv::NewMount wanted, const MountCaller& caller = kAdmin) {
+        const std::string before = std::to_string(korv::ListMountRows().size());
+        const korv::MountEnd end = korv::AddMount(wanted, caller);
+        EXPECT_EQ(before, std::to_string(korv::ListMountRows().size())) << "a failed mount left a row";
+        return end.failure;
+    }
+
+    static std::unique_ptr<SambaServer> s_server;
+};
+
+std::unique_ptr<SambaServer> RemoteMounts::s_server;
+
+TEST_F(RemoteMounts, ShowTheServersFilesAndAreListed) {
+    const korv::MountEnd end = korv::AddMount(Wanted(), kAlice);
+    ASSERT_EQ(end.failure, MountFailure::kNone) << CodeOf(end);
+    EXPECT_TRUE(fs::exists(Point() + "/seen"));
+    EXPECT_EQ(GetRemoteMountStatus(Point()), 0);
+    auto type = FSTYPE_UNKNOWN;
+    std::uint64_t sizeMb = 0;
+    EXPECT_EQ(GetMntPointFSInfo(Point(), type, sizeMb), 0);
+    EXPECT_EQ(type, FSTYPE_CIFS);
+    EXPECT_GT(sizeMb, 0U);
+    const auto row = korv::FindMountRow(Point());
+    ASSERT_TRUE(row);
+    EXPECT_EQ(row->source, "//127.0.0.1/data");
+    EXPECT_TRUE(row->isNormal);
+
+    EXPECT_EQ(korv::RemoveMount("/video/nas", kAlice).failure, MountFailure::kNone);
+    EXPECT_FALSE(fs::exists(Point())) << "the folder that was made for the mount goes with it";
+    EXPECT_TRUE(korv::ListMountRows().empty());
+    EXPECT_TRUE(machine::Entries(machine::StateFolder() + "/mounts").empty())
+        << "the account must be forgotten";
+}
+
+TEST_F(RemoteMounts, ForbidDevicesProgramsAndSetUid) {
+    ASSERT_EQ(korv::AddMount(Wanted(), kAdmin).failure, MountFailure::kNone);
+    const auto program =
+        korv::RunProgram("/usr/bin/findmnt", {"-no", "VFS-OPTIONS", Point()}, std::chrono::seconds(5));
+    for (const char* option : {"nosuid", "nodev", "noexec"}) {
+        EXPECT_NE(program.output.find(option), std::string::npos) << program.output;
+    }
+}
+
+TEST_F(RemoteMounts, KeepTheAccountWhereOnlyRootReadsIt) {
+    ASSERT_EQ(korv::AddMount(Wanted(), kAdmin).failure, MountFailure::kNone);
+    const std::string file =
+        machine::StateFolder() + "/mounts/" + korv::FindMountRow(Point())->token + ".account";
+    struct stat facts {};
+    ASSERT_EQ(stat(file.c_str(), &facts), 0);
+    EXPECT_EQ(facts.st_mode & 07777, 0600U);
+    EXPECT_EQ(facts.st_uid, 0U);
+    for (const auto& process : fs::directory_iterator("/proc")) {
+        std::ifstream arguments(process.path() / "cmdline");
+        const std::string text{std::istreambuf_iterator<char>(arguments), std::istreambuf_iterator<char>()};
+        EXPECT_EQ(text.find("c#r=et"), std::string::npos) << text;
+    }
+}
+
+TEST_F(RemoteMounts, TellEachCauseByItsOwnCode) {
+    auto wanted = Wanted();
+    wanted.account.password = "wrong";
+    EXPECT_EQ(Refused(wanted), MountFailure::kWrongAccount);
+    wanted = Wanted();
+    wanted.source = "//127.0.0.1/nosuch";
+    EXPECT_EQ(Refused(wanted), MountFailure::kNoSuchFolder);
+    wanted.source = "//127.0.0.1/denied";
+    EXPECT_EQ(Refused(wanted), MountFailure::kAccessDenied);
+    wanted.source = "//no-such-host.invalid/data";
+    EXPECT_EQ(Refused(wanted), MountFailure::kUnknownHost);
+    wanted.source = "//192.0.2.1/data";
+    EXPECT_EQ(Refused(wanted), MountFailure::kNoAnswer) << "no route in this network";
+    wanted = Wanted();
+    wanted.options = "port=1";
+    EXPECT_EQ(Refused(wanted), MountFailure::kRefused);
+    wanted.options = "uid=0";
+    EXPECT_EQ(Refused(wanted), MountFailure::kBadOption);
+    wanted = Wanted();
+    wanted.source = "127.0.0.1:/data";
+    EXPECT_EQ(Refused(wanted), MountFailure::kBadSource);
+    wanted = Wanted();
+    wanted.account.name = "a\nb";
+    EXPECT_EQ(Refused(wanted), MountFailure::kBadAccountText);
+    EXPECT_FALSE(fs::exists(Point())) << "nothing of a failed mount may stay";
+}
+
+TEST_F(RemoteMounts, TakeOnlyFoldersInsideShares) {
+    auto wanted = Wanted();
+    for (const char* path :
+         {"", "nas", "/video/../video/nas", "/video//nas", "/video/./nas", "/video/a\\b"}) {
+        wanted.mountPoint = path;
+        EXPECT_EQ(Refused(wanted), MountFailure::kBadMountPoint) << path;
+    }
+    for (const std::string& path :
+         {std::string("/video"), machine::Volume() + "/video", std::string("/nosuch/nas"),
+          std::string("/etc/passwd"), machine::Volume() + "/nosuch/nas"}) {
+        wanted.mountPoint = path;
+        EXPECT_EQ(Refused(wanted), MountFailure::kNotInShare) << path;
+    }
+    wanted.mountPoint = "/video/missing/nas";
+    EXPECT_EQ(Refused(wanted), MountFailure::kNoFolder);
+    std::ofstream(machine::Volume() + "/video/file") << "text";
+    wanted.mountPoint = "/video/file";
+    EXPECT_EQ(Refused(wanted), MountFailure::kNoFolder);
+}
+
+TEST_F(RemoteMounts, NeverCoverContentAndNeverFollowLinks) {
+    fs::create_directory(Point());
+    std::ofstream(Point() + "/recording") << "precious";
+    EXPECT_EQ(Refused(Wanted()), MountFailure::kNotEmpty);
+    EXPECT_TRUE(fs::remove(Point() + "/recording")) << "the guard of a refused mount must be gone";
+    std::ofstream(Point() + "/another") << "still writable";
+    EXPECT_TRUE(fs::exists(Point() + "/another"));
+
+    fs::create_directory(machine::Volume() + "/elsewhere");
+    fs::create_symlink(machine::Volume() + "/elsewhere", machine::Volume() + "/video/link");
+    auto wanted = Wanted();
+    wanted.mountPoint = "/video/link";
+    EXPECT_EQ(Refused(wanted), MountFailure::kBadMountPoint);
+    wanted.mountPoint = "/video/link/inside";
+    EXPECT_EQ(Refused(wanted), MountFailure::kBadMountPoint);
+}
+
+TEST_F(RemoteMounts, RefuseWhoMayNotWriteThere) {
+    EXPECT_EQ(Refused(Wanted(), kCarol), MountFailure::kMayNotWrite);
+    ASSERT_EQ(korv::AddMount(Wanted(), kAlice).failure, MountFailure::kNone);
+    EXPECT_EQ(korv::RemoveMount(Point(), kCarol).failure, MountFailure::kMayNotWrite);
+    EXPECT_EQ(korv::ReconnectMount(Point(), kCarol).failure, MountFailure::kMayNotWrite);
+    EXPECT_EQ(korv::RemoveMount(Point() + "2", kAlice).failure, MountFailure::kUnknownMount);
+}
+
+TEST_F(RemoteMounts, TakeAPlaceOnce) {
+    ASSERT_EQ(korv::AddMount(Wanted(), kAdmin).failure, MountFailure::kNone);
+    EXPECT_EQ(Refused(Wanted()), MountFailure::kMountPointTaken);
+    auto wanted = Wanted();
+    wanted.mountPoint = Point() + "/inside";
+    EXPECT_EQ(Refused(wanted), MountFailure::kMountPointTaken) << "inside another mount";
+}
+
+TEST_F(RemoteMounts, StayWhileTheyAreInUse) {
+    ASSERT_EQ(korv::AddMount(Wanted(), kAdmin).failure, MountFailure::kNone);
+    {
+        const korv::FileDescriptor file(open((Point() + "/seen").c_str(), O_RDONLY | O_CLOEXEC));
+        ASSERT_TRUE(file);
+        EXPECT_EQ(korv::RemoveMount(Point(), kAdmin).failure, MountFailure::kBusy);
+        EXPECT_EQ(GetRemoteMountStatus(Point()), 0);
+        EXPECT_EQ(korv::FindMountRow(Point())->state, korv::MountState::kKept);
+    }
+    EXPECT_TRUE(WaitFor([] { return korv::RemoveMount(Point(), kAdmin).failure == MountFailure::kNone; }));
+}
+
+TEST_F(RemoteMounts, GuardTheFolderWhileNothingIsMounted) {
+    ASSERT_EQ(korv::AddMount(Wanted(), kAlice).failure, MountFailure::kNone);
+    ASSERT_EQ(umount2(Point().c_str(), MNT_DETACH), 0);
+    std::ofstream(Point() + "/unseen") << "text";
+    EXPECT_FALSE(fs::exists(Point() + "/unseen")) << "not even root may write into the empty mount point";
+    EXPECT_FALSE(machine::AccessOf(machine::kAliceUid, {}, Point()).canWrite);
+    EXPECT_EQ(GetRemoteMountStatus(Point()), static_cast<int>(MountSight::kNotMounted));
+    auto type = FSTYPE_UNKNOWN;
+    std::uint64_t sizeMb = 0;
+    EXPECT_NE(GetMntPointFSInfo(Point(), type, sizeMb), 0);
+    EXPECT_EQ(type, FSTYPE_UNKNOWN);
+
+    EXPECT_EQ(korv::ReconnectMount(Point(), kAlice).failure, MountFailure::kNone);
+    EXPECT_EQ(GetRemoteMountStatus(Point()), 0);
+}
+
+TEST_F(RemoteMounts, GuardByRightsWhereFoldersCannotBeImmutable) {
+    korv::MountPlace place{*korv::FindShare("video"), "plain"};
+    ASSERT_EQ(mount("tmpfs", (machine::Volume() + "/video").c_str(), "tmpfs", 0, "mode=0777"), 0);
+    fs::create_directory(place.Path());
+    chmod(place.Path().c_str(), 0751);
+    korv::MountFolderState state;
+    {
+        const auto opened = korv::PrepareMountFolder(place, kAdmin, state);
+        EXPECT_EQ(opened.failure, MountFailure::kNone);
+    }
+    if (state.guard == korv::MountGuard::kNoRights) {  // newer kernels know the flag on tmpfs too
+        EXPECT_FALSE(machine::AccessOf(machine::kAliceUid, {}, place.Path()).canWrite);
+        EXPECT_EQ(state.guardMode, 0751U);
+    }
+    korv::ReleaseMountFolder(place, state);
+    struct stat facts {};
+    EXPECT_EQ(stat(place.Path().c_str(), &facts), 0);
+    EXPECT_EQ(facts.st_mode & 07777, 0751U);
+    umount2((machine::Volume() + "/video").c_str(), MNT_DETACH);
+}
+
+TEST_F(RemoteMounts, AreSilentInTimeWhenTheServerIsPaused) {
+    ASSERT_EQ(korv::AddMount(Wanted(), kAdmin).failure, MountFailure::kNone);
+    s_server->Pause();
+    const auto start = std::chrono::steady_clock::now();
+    const bool isSilent = WaitFor([] { return GetRemoteMountStatus(Point()) != 0; });
+    const auto taken = std::chrono::steady_clock::now() - start;
+    s_server->Resume();
+    EXPECT_TRUE(isSilent);
+    EXPECT_LT(taken, std::chrono::seconds(12));
+}
+
+TEST_F(RemoteMounts, ComeBackByThemselvesWhenTheServerDoes) {
+    auto wanted = Wanted();
+    wanted.isAutomatic = true;
+    ASSERT_EQ(korv::AddMount(wanted, kAdmin).failure, MountFailure::kNone);
+    s_server->Kill();
+    const long long now = std::time(nullptr);
+    std::vector<korv::MountChange> changes;
+    ASSERT_TRUE(WaitFor([&] { return !(changes = korv::CareForMounts(now)).empty(); }));
+    EXPECT_EQ(changes.front().mountPoint, Point());
+    EXPECT_FALSE(changes.front().isNormal);
+    auto row = korv::FindMountRow(Point());
+    EXPECT_FALSE(row->isNormal);
+    EXPECT_EQ(row->lastError, static_cast<int>(MountFailure::kRefused));
+    EXPECT_EQ(row->failures, 1);
+    EXPECT_GE(row->nextTry_s, now + korv::RetryPause_s(1));
+    std::ofstream(Point() + "/unseen") << "text";
+    EXPECT_FALSE(fs::exists(Point() + "/unseen"));
+
+    s_server->Start();
+    EXPECT_TRUE(korv::CareForMounts(now).empty()) << "the next attempt is not due yet";
+    changes = korv::CareForMounts(now + korv::RetryPause_s(1) + 5);
+    ASSERT_EQ(changes.size(), 1U);
+    EXPECT_TRUE(changes.front().isNormal);
+    EXPECT_EQ(GetRemoteMountStatus(Point()), 0);
+    EXPECT_EQ(korv::FindMountRow(Point())->failures, 0);
+}
+
+TEST_F(RemoteMounts, AreUndoneWhenTheirMakerDied) {
+    korv::CloseDatabase();
+    machine::InChild([] {
+        korv::MountRow row;
+        row.mountPoint = Point();
+        row.share = "video";
+        row.token = "0123";
+        row.source = "//127.0.0.1/data";
+        row.options = "port=" + std::to_string(SambaServer::kPort);
+        row.maker = korv::ThisProcess();
+        korv::AddMountRow(row);
+        korv::KeepAccount(row.token, {SambaServer::kAccount, SambaServer::kPassword});
+        korv::MountFolderState state;
+        const korv::MountPlace place{*korv::FindShare("video"), "nas"};
+        return korv::MountRemote(row, place, kAdmin, state).failure == MountFailure::kNone ? 0 : 1;
+    });
+    ASSERT_TRUE(korv::IsMounted(Point()));
+    EXPECT_TRUE(korv::RecoverMounts().empty());
+    EXPECT_FALSE(korv::IsMounted(Point()));
+    EXPECT_TRUE(korv::ListMountRows().empty());
+    std::ofstream(Point() + "/free") << "text";
+    EXPECT_TRUE(fs::exists(Point() + "/free"));
+}
+
+TEST(RetryPause, GrowsUpToFiveMinutes) {
+    EXPECT_EQ(korv::RetryPause_s(1), 5);
+    EXPECT_EQ(korv::RetryPause_s(2), 10);
+    EXPECT_EQ(korv::RetryPause_s(6), 160);
+    EXPECT_EQ(korv::RetryPause_s(7), 300);
+    EXPECT_EQ(korv::RetryPause_s(1000), 300);
+}
+
+}  // namespace
