@@ -14,6 +14,7 @@
 
 #include <sys/wait.h>
 
+#include "korv/framework/job_process.h"
 #include "korv/framework/log.h"
 #include "korv/framework/service_user.h"
 #include "korv/framework/worker.h"
@@ -102,6 +103,7 @@ bool Supervisor::StartAll() {
                       {Role::kPublicWorker});
     m_children.insert(m_children.end(), static_cast<std::size_t>(m_settings.workers.peerCount),
                       {Role::kPeerWorker});
+    m_children.push_back({Role::kJobs});
     korv::LogLine("korvd serves on " + m_settings.listen);
     return true;
 }
@@ -158,6 +160,19 @@ void Supervisor::StartWorker(Child& child) {
     });
 }
 
+void Supervisor::StartJobs(Child& child) {
+    const bool isSuccessorOfTheDead = std::exchange(child.isOfTheDead, false);
+    child.started = Clock::now();
+    child.pid = Fork([this, isSuccessorOfTheDead] {
+        close(m_publicSocket.Get());
+        close(m_peerSocket.Get());
+        if (isSuccessorOfTheDead) {
+            RecoverAfterDeath();
+        }
+        return korv::RunJobs();
+    });
+}
+
 void Supervisor::StartDue() {
     for (Child& child : m_children) {
         if (child.pid != 0 || child.due > Clock::now()) {
@@ -165,6 +180,8 @@ void Supervisor::StartDue() {
         }
         if (child.role == Role::kNginx) {
             RestartNginx(child);
+        } else if (child.role == Role::kJobs) {
+            StartJobs(child);
         } else {
             StartWorker(child);
         }
@@ -184,7 +201,7 @@ void Supervisor::Reap() {
 
 void Supervisor::NoteDeath(Child& child, int status) {
     const pid_t pid = child.pid;
-    const bool isExpected = WIFEXITED(status) && WEXITSTATUS(status) == korv::kWorkerDone;
+    const bool isExpected = WIFEXITED(status) && WEXITSTATUS(status) == korv::kProcessDone;
     const bool isOld = Clock::now() - child.started >= kGoodLife;
     child.pid = 0;
     child.isOfTheDead = !isExpected;
@@ -196,8 +213,7 @@ void Supervisor::NoteDeath(Child& child, int status) {
     }
     child.due = Clock::now() + child.delay;
     if (!m_isStopping && (!isExpected || child.role == Role::kNginx)) {
-        korv::LogLine((child.role == Role::kNginx ? "nginx " : "worker ") + std::to_string(pid) + " " +
-                      DeathText(status));
+        korv::LogLine(NameOf(child.role) + " " + std::to_string(pid) + " " + DeathText(status));
     }
 }
 
@@ -205,12 +221,14 @@ void Supervisor::NoteDeath(Child& child, int status) {
 void Supervisor::StopAll() {
     m_isStopping = true;
     korv::LogLine("korvd ends");
-    Signal(Role::kPublicWorker, SIGTERM);
-    Signal(Role::kPeerWorker, SIGTERM);
-    if (!WaitForEnd(Role::kPublicWorker, Role::kPeerWorker, kWorkersEnd)) {
-        Signal(Role::kPublicWorker, SIGKILL);
-        Signal(Role::kPeerWorker, SIGKILL);
-        WaitForEnd(Role::kPublicWorker, Role::kPeerWorker, kNginxEnd);
+    for (const Role role : {Role::kPublicWorker, Role::kPeerWorker, Role::kJobs}) {
+        Signal(role, SIGTERM);
+    }
+    if (!WaitForEnd(Role::kPublicWorker, Role::kJobs, kWorkersEnd)) {
+        for (const Role role : {Role::kPublicWorker, Role::kPeerWorker, Role::kJobs}) {
+            Signal(role, SIGKILL);
+        }
+        WaitForEnd(Role::kPublicWorker, Role::kJobs, kNginxEnd);
     }
     Signal(Role::kNginx, SIGTERM);
     if (!WaitForEnd(Role::kNginx, Role::kNginx, kNginxEnd)) {
@@ -277,6 +295,19 @@ pid_t Supervisor::Fork(const std::function<int()>& work) {
         std::exit(status);
     }
     return pid;
+}
+
+std::string Supervisor::NameOf(Role role) {
+    switch (role) {
+        case Role::kNginx:
+            return "nginx";
+        case Role::kJobs:
+            return "job process";
+        case Role::kPublicWorker:
+        case Role::kPeerWorker:
+            break;
+    }
+    return "worker";
 }
 
 bool Supervisor::RunToEnd(const char* what, const std::function<int()>& work) {

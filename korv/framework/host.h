@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+#include <map>
 #include <string>
 
 // What application libraries have registered in this process (platform/korv/host.h).
@@ -11,5 +13,13 @@ std::string FailedHealthCheck();
 
 // Judges a peer's pairing key; false while no check is registered or when it throws.
 bool IsPairedPeer(const std::string& pairKey, const std::string& stamp);
+
+struct PeriodicJob {
+    int interval_s = 1;
+    std::function<void()> run;
+};
+
+// By name.
+const std::map<std::string, PeriodicJob>& PeriodicJobs();
 
 }  // namespace korv
