@@ -59,7 +59,7 @@ void RunUpgrades(Database& database, const Schema& schema, int version) {
 }  // namespace
 
 const Schema& CurrentSchema() {
-    static const Schema schema{2, kSchemaSql, {{2, kUpgrade2Sql}}};
+    static const Schema schema{3, kSchemaSql, {{2, kUpgrade2Sql}, {3, kUpgrade3Sql}}};
     return schema;
 }
 
