@@ -9,8 +9,11 @@
 #include <string>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+
 #include "cli/camera_file.h"
 #include "cli/command.h"
+#include "cli/input_error.h"
 
 namespace cli {
 

@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "cli/client.h"
-#include "cli/command.h"
 #include "cli/csv.h"
+#include "cli/input_error.h"
 
 namespace cli {
 
@@ -20,19 +20,21 @@ constexpr const char* kOwnerColumn = "owner";
 using Columns = std::map<std::string, std::size_t>;
 
 Columns ReadHeader(const CsvRow& header) {
-    const std::string place = "line " + std::to_string(header.line) + ": ";
+    const auto refuse = [&header](const std::string& why) {
+        throw InputError("line " + std::to_string(header.line) + ": " + why);
+    };
     Columns columns;
     for (std::size_t i = 0; i < header.fields.size(); ++i) {
         const std::string& title = header.fields[i];
         if (title != kNameColumn && title != kPathColumn && title != kOwnerColumn) {
-            throw InputError(place + "unknown column '" + title + "' (known: name, recording_path, owner)");
+            refuse("unknown column '" + title + "' (known: name, recording_path, owner)");
         }
         if (!columns.emplace(title, i).second) {
-            throw InputError(place + "column '" + title + "' stands there twice");
+            refuse("column '" + title + "' stands there twice");
         }
     }
     if (columns.count(kNameColumn) == 0 || columns.count(kPathColumn) == 0) {
-        throw InputError(place + "the header must have the columns name and recording_path");
+        refuse("the header must have the columns name and recording_path");
     }
     return columns;
 }

@@ -1,22 +1,16 @@
 #pragma once
 
 #include <functional>
-#include <memory>
-#include <stdexcept>
 #include <string>
-
-#include <CLI/CLI.hpp>
 
 #include "cli/client.h"
 #include "cli/table.h"
 
-namespace cli {
+namespace CLI {
+class App;
+}
 
-// What the person gave us cannot be used: a file, a password. Ends with the status of a usage error.
-class InputError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
+namespace cli {
 
 // What every command needs.
 struct Context {

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <utility>
 
-#include "cli/command.h"
+#include "cli/input_error.h"
 
 namespace cli {
 

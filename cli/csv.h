@@ -13,7 +13,7 @@ struct CsvRow {
 
 // The rows of a comma-separated text: fields may be quoted, a quote inside is doubled, a quoted field may
 // hold commas and line ends. Lines end with LF or CRLF; a byte order mark at the start and empty lines are
-// left out. Throws InputError (cli/command.h) that names the line for a quote that is not closed or stands
+// left out. Throws InputError (cli/input_error.h) that names the line for a quote that is not closed or stands
 // where none may.
 std::vector<CsvRow> ParseCsv(std::string_view text);
 

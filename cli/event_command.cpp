@@ -8,6 +8,8 @@
 #include <string>
 #include <thread>
 
+#include <CLI/CLI.hpp>
+
 #include "cli/command.h"
 #include "cli/event_stream.h"
 

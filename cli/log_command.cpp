@@ -3,6 +3,8 @@
 #include <memory>
 #include <string>
 
+#include <CLI/CLI.hpp>
+
 #include "cli/command.h"
 
 namespace cli {

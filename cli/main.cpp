@@ -4,7 +4,10 @@
 #include <exception>
 #include <iostream>
 
+#include <CLI/CLI.hpp>
+
 #include "cli/command.h"
+#include "cli/input_error.h"
 #include "cli/printable.h"
 
 namespace {

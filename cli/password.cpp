@@ -7,7 +7,9 @@
 #include <iostream>
 #include <istream>
 
-#include "cli/command.h"
+#include <CLI/CLI.hpp>
+
+#include "cli/input_error.h"
 
 namespace cli {
 
@@ -74,7 +76,7 @@ std::string PasswordSource::Read(const std::string& prompt) const {
     }
     std::cerr << prompt << std::flush;
     const SilentTerminal silent;
-    const std::string line = FirstLine(std::cin, "the answer");
+    std::string line = FirstLine(std::cin, "the answer");
     std::cerr << '\n';
     return line;
 }

@@ -4,6 +4,8 @@
 #include <ctime>
 #include <string>
 
+#include <CLI/CLI.hpp>
+
 #include "cli/command.h"
 
 namespace cli {

@@ -3,6 +3,8 @@
 #include <memory>
 #include <string>
 
+#include <CLI/CLI.hpp>
+
 #include "cli/command.h"
 #include "cli/password.h"
 

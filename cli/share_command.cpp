@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include <CLI/CLI.hpp>
+
 #include "cli/command.h"
 #include "cli/password.h"
 

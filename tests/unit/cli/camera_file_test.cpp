@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "cli/client.h"
-#include "cli/command.h"
+#include "cli/input_error.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "cli/command.h"
+#include "cli/input_error.h"
 
 namespace {
 
