@@ -8,7 +8,10 @@
 #include <memory>
 #include <string>
 
+#include <CLI/CLI.hpp>
+
 #include "cli/command.h"
+#include "cli/input_error.h"
 #include "cli/password.h"
 #include "cli/printable.h"
 
