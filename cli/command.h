@@ -17,6 +17,7 @@ struct Context {
     std::string url = "http://127.0.0.1:5080";  // of the server
     std::string certificateFile;                // authorities for https; empty = the machine's own
     bool json = false;                          // answer as raw data for programs
+    bool hasFailed = false;        // set by a command whose answer is no error, but no good news either
     std::function<void()> chosen;  // what the command line asked for; set by the command that was parsed
 
     [[nodiscard]] Client MakeClient() const;
@@ -30,6 +31,7 @@ void AddCandidatesCommand(CLI::App& app, Context& context);
 void AddCameraCommands(CLI::App& app, Context& context);
 void AddEventCommands(CLI::App& app, Context& context);
 void AddLogCommands(CLI::App& app, Context& context);
+void AddServerCommands(CLI::App& app, Context& context);
 void AddServiceCommands(CLI::App& app, Context& context);
 
 // Prints the server's data as they are. Everything beyond ASCII is escaped.

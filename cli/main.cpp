@@ -31,6 +31,7 @@ int Run(int argc, char** argv) {
     cli::AddCameraCommands(app, context);
     cli::AddEventCommands(app, context);
     cli::AddLogCommands(app, context);
+    cli::AddServerCommands(app, context);
     cli::AddServiceCommands(app, context);
     try {
         app.parse(argc, argv);
@@ -38,7 +39,7 @@ int Run(int argc, char** argv) {
         return app.exit(error) == 0 ? 0 : kUsage;
     }
     context.chosen();
-    return std::cout.flush() ? 0 : kRefused;
+    return std::cout.flush() && !context.hasFailed ? 0 : kRefused;
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "korv/framework/log.h"
 #include "korv/system/settings.h"
 #include "korvd/error_reference.h"
+#include "korvd/peer_certificate.h"
 #include "korvd/pid_file.h"
 #include "korvd/run_folders.h"
 #include "korvd/supervisor.h"
@@ -31,6 +32,7 @@ int RunDaemon() {
     PrepareFolders(settings);
     korv::OpenLog(settings.node.logDir + "/korvd.log");
     try {
+        MakePeerCertificate(settings.peerTls);
         Supervisor supervisor(settings);
         return supervisor.Run();
     } catch (const std::exception& error) {

@@ -63,7 +63,10 @@ std::string Fill(std::string text, const std::map<std::string, std::string>& val
 
 std::string NginxConfiguration(const korv::Settings& settings) {
     const korv::NginxSettings& nginx = settings.nginx;
-    return Fill(kNginxTemplate,
+    // The peer listener's text holds names of its own, so it is put in before any is filled.
+    const std::string text =
+        Fill(kNginxTemplate, {{"PEER_SERVER", settings.node.peerListen.empty() ? "" : kNginxPeerTemplate}});
+    return Fill(text,
                 {
                     {"CONNECTIONS_PER_ADDRESS", std::to_string(nginx.connectionsPerAddress)},
                     {"CONSOLE", ConsoleLines(settings.consoleDir)},
@@ -75,6 +78,9 @@ std::string NginxConfiguration(const korv::Settings& settings) {
                     {"NGINX_MODULES", Checked(nginx.modulesDir)},
                     {"NGINX_USER", Checked(nginx.user)},
                     {"NGINX_WORKERS", std::to_string(nginx.workers)},
+                    {"PEER_CERTIFICATE", Checked(settings.peerTls.certificate)},
+                    {"PEER_KEY", Checked(settings.peerTls.key)},
+                    {"PEER_LISTEN", Checked(settings.node.peerListen)},
                     {"REQUEST_TIMEOUT", std::to_string(nginx.requestTimeout_s)},
                     {"REQUESTS_PER_SECOND", std::to_string(nginx.requestsPerSecond)},
                     {"RUN_DIR", Checked(settings.node.runDir)},

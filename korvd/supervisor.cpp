@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +15,7 @@
 
 #include <sys/wait.h>
 
+#include "korv/framework/job_process.h"
 #include "korv/framework/log.h"
 #include "korv/framework/service_user.h"
 #include "korv/framework/worker.h"
@@ -105,6 +107,7 @@ bool Supervisor::StartAll() {
     m_children.insert(m_children.end(), static_cast<std::size_t>(m_settings.workers.peerCount),
                       {Role::kPeerWorker});
     m_children.push_back({Role::kMountKeeper});
+    m_children.push_back({Role::kJobs});
     korv::LogLine("korvd serves on " + m_settings.listen);
     return true;
 }
@@ -161,18 +164,6 @@ void Supervisor::StartWorker(Child& child) {
     });
 }
 
-// A machine short of processes must not end the whole node.
-void Supervisor::RestartWorker(Child& child) {
-    const bool isOfTheDead = child.isOfTheDead;
-    try {
-        StartWorker(child);
-    } catch (const std::system_error& error) {
-        korv::LogLine(std::string("a worker could not be started: ") + error.what());
-        child.isOfTheDead = isOfTheDead;
-        child.due = Clock::now() + kLongestDelay;
-    }
-}
-
 void Supervisor::StartMountKeeper(Child& child) {
     child.started = Clock::now();
     child.pid = Fork([this] {
@@ -182,17 +173,49 @@ void Supervisor::StartMountKeeper(Child& child) {
     });
 }
 
+void Supervisor::StartJobs(Child& child) {
+    const bool isSuccessorOfTheDead = std::exchange(child.isOfTheDead, false);
+    child.started = Clock::now();
+    child.pid = Fork([this, isSuccessorOfTheDead] {
+        close(m_publicSocket.Get());
+        close(m_peerSocket.Get());
+        if (isSuccessorOfTheDead) {
+            RecoverAfterDeath();
+        }
+        return korv::RunJobs();
+    });
+}
+
+// A machine short of processes must not end the whole node.
+void Supervisor::Restart(Child& child) {
+    const bool isOfTheDead = child.isOfTheDead;
+    try {
+        switch (child.role) {
+            case Role::kNginx:
+                RestartNginx(child);
+                break;
+            case Role::kMountKeeper:
+                StartMountKeeper(child);
+                break;
+            case Role::kJobs:
+                StartJobs(child);
+                break;
+            case Role::kPublicWorker:
+            case Role::kPeerWorker:
+                StartWorker(child);
+                break;
+        }
+    } catch (const std::system_error& error) {
+        korv::LogLine(std::string("a process could not be started: ") + error.what());
+        child.isOfTheDead = isOfTheDead;
+        child.due = Clock::now() + kLongestDelay;
+    }
+}
+
 void Supervisor::StartDue() {
     for (Child& child : m_children) {
-        if (child.pid != 0 || child.due > Clock::now()) {
-            continue;
-        }
-        if (child.role == Role::kNginx) {
-            RestartNginx(child);
-        } else if (child.role == Role::kMountKeeper) {
-            StartMountKeeper(child);
-        } else {
-            RestartWorker(child);
+        if (child.pid == 0 && child.due <= Clock::now()) {
+            Restart(child);
         }
     }
 }
@@ -210,7 +233,7 @@ void Supervisor::Reap() {
 
 void Supervisor::NoteDeath(Child& child, int status) {
     const pid_t pid = child.pid;
-    const bool isExpected = WIFEXITED(status) && WEXITSTATUS(status) == korv::kWorkerDone;
+    const bool isExpected = WIFEXITED(status) && WEXITSTATUS(status) == korv::kProcessDone;
     const bool isOld = Clock::now() - child.started >= kGoodLife;
     child.pid = 0;
     child.isOfTheDead = !isExpected;
@@ -222,8 +245,7 @@ void Supervisor::NoteDeath(Child& child, int status) {
     }
     child.due = Clock::now() + child.delay;
     if (!m_isStopping && (!isExpected || child.role == Role::kNginx)) {
-        korv::LogLine((child.role == Role::kNginx ? "nginx " : "worker ") + std::to_string(pid) + " " +
-                      DeathText(status));
+        korv::LogLine(NameOf(child.role) + " " + std::to_string(pid) + " " + DeathText(status));
     }
 }
 
@@ -231,14 +253,15 @@ void Supervisor::NoteDeath(Child& child, int status) {
 void Supervisor::StopAll() {
     m_isStopping = true;
     korv::LogLine("korvd ends");
-    for (const Role role : {Role::kPublicWorker, Role::kPeerWorker, Role::kMountKeeper}) {
+    constexpr std::array kForked{Role::kPublicWorker, Role::kPeerWorker, Role::kMountKeeper, Role::kJobs};
+    for (const Role role : kForked) {
         Signal(role, SIGTERM);
     }
-    if (!WaitForEnd(Role::kPublicWorker, Role::kMountKeeper, kWorkersEnd)) {
-        for (const Role role : {Role::kPublicWorker, Role::kPeerWorker, Role::kMountKeeper}) {
+    if (!WaitForEnd(Role::kPublicWorker, Role::kJobs, kWorkersEnd)) {
+        for (const Role role : kForked) {
             Signal(role, SIGKILL);
         }
-        WaitForEnd(Role::kPublicWorker, Role::kMountKeeper, kNginxEnd);
+        WaitForEnd(Role::kPublicWorker, Role::kJobs, kNginxEnd);
     }
     Signal(Role::kNginx, SIGTERM);
     if (!WaitForEnd(Role::kNginx, Role::kNginx, kNginxEnd)) {
@@ -305,6 +328,21 @@ pid_t Supervisor::Fork(const std::function<int()>& work) {
         std::exit(status);
     }
     return pid;
+}
+
+std::string Supervisor::NameOf(Role role) {
+    switch (role) {
+        case Role::kNginx:
+            return "nginx";
+        case Role::kJobs:
+            return "job process";
+        case Role::kMountKeeper:
+            return "mount keeper";
+        case Role::kPublicWorker:
+        case Role::kPeerWorker:
+            break;
+    }
+    return "worker";
 }
 
 bool Supervisor::RunToEnd(const char* what, const std::function<int()>& work) {

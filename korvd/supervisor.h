@@ -3,14 +3,16 @@
 #include <chrono>
 #include <csignal>
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "korv/framework/http_exchange.h"
 #include "korv/system/file_descriptor.h"
 #include "korv/system/settings.h"
 
-// Keeps nginx and the worker pools running: starts them, replaces what dies (at once after a good life, with
-// growing delays otherwise), and ends all of them when asked to. One thread; waits for signals only.
+// Keeps nginx, the worker pools and the job process running: starts them, replaces what dies (at once after a
+// good life, with growing delays otherwise), and ends all of them when asked to. One thread; waits for
+// signals only.
 class Supervisor {
 public:
     // Blocks the signals that it waits for. The folders have been prepared.
@@ -25,7 +27,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    enum class Role { kNginx, kPublicWorker, kPeerWorker, kMountKeeper };
+    enum class Role { kNginx, kPublicWorker, kPeerWorker, kMountKeeper, kJobs };
 
     struct Child {
         Role role;
@@ -36,12 +38,14 @@ private:
         std::chrono::milliseconds delay{0};
     };
 
+    static std::string NameOf(Role role);
     bool StartAll();
     bool StartNginx(Child& child);
     void RestartNginx(Child& child);
     void StartWorker(Child& child);
-    void RestartWorker(Child& child);
     void StartMountKeeper(Child& child);
+    void StartJobs(Child& child);
+    void Restart(Child& child);
     void StartDue();
     void Reap();
     void NoteDeath(Child& child, int status);

@@ -1,5 +1,6 @@
 #include "pavane/http_post.h"
 
+#include <strings.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@ namespace pavane {
 namespace {
 
 constexpr const char* kTlsScheme = "https:";
+constexpr long kKeptConnections = 128;  // a host talks to all of its recording servers
 
 // The handle keeps connections open between requests. One that a parent opened is left alone: its
 // connections are the parent's.
@@ -41,6 +43,30 @@ std::size_t Receive(char* data, std::size_t size, std::size_t count, void* conte
     return length;
 }
 
+// The value of the header `name` (lower case, with its colon) when `line` is one, else nothing.
+std::string HeaderValue(const std::string& line, const std::string& name) {
+    if (line.size() < name.size() || strncasecmp(line.c_str(), name.c_str(), name.size()) != 0) {
+        return "";
+    }
+    const std::size_t begin = line.find_first_not_of(' ', name.size());
+    const std::size_t end = line.find_last_not_of("\r\n ");
+    return begin == std::string::npos || begin > end ? "" : line.substr(begin, end - begin + 1);
+}
+
+std::size_t ReceiveHeader(char* data, std::size_t size, std::size_t count, void* context) {
+    auto* const reply = static_cast<HttpReply*>(context);
+    const std::string line(data, size * count);
+    const std::string cookie = HeaderValue(line, "set-cookie:");
+    const std::string date = HeaderValue(line, "date:");
+    if (reply->sessionCookie.empty() && !cookie.empty()) {
+        reply->sessionCookie = cookie.substr(0, cookie.find(';'));
+    }
+    if (!date.empty()) {
+        reply->date_s = std::max<std::int64_t>(curl_getdate(date.c_str(), nullptr), 0);
+    }
+    return line.size();
+}
+
 int ReportProgress(void* context, curl_off_t /*downTotal*/, curl_off_t /*down*/, curl_off_t /*upTotal*/,
                    curl_off_t /*up*/) {
     const auto* const post = static_cast<const HttpPost*>(context);
@@ -60,7 +86,8 @@ HeaderList MakeHeaders(const std::vector<std::string>& headers) {
     return {list, &curl_slist_free_all};
 }
 
-void SetUp(CURL* handle, const HttpPost& post, const HeaderList& headers, Receiver& receiver) {
+void SetUp(CURL* handle, const HttpPost& post, const HeaderList& headers, Receiver& receiver,
+           HttpReply& reply) {
     curl_easy_reset(handle);
     curl_easy_setopt(handle, CURLOPT_URL, post.url.c_str());
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -74,6 +101,9 @@ void SetUp(CURL* handle, const HttpPost& post, const HeaderList& headers, Receiv
     curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(post.body.size()));
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Receive);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &receiver);
+    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &ReceiveHeader);
+    curl_easy_setopt(handle, CURLOPT_HEADERDATA, &reply);
+    curl_easy_setopt(handle, CURLOPT_MAXCONNECTS, kKeptConnections);
     if (!post.unixSocket.empty()) {
         curl_easy_setopt(handle, CURLOPT_UNIX_SOCKET_PATH, post.unixSocket.c_str());
     }
@@ -105,12 +135,18 @@ HttpReply SendHttpPost(const HttpPost& post) {
     }
     const HeaderList headers = MakeHeaders(post.headers);
     Receiver receiver{&reply.body, post.replyLimit};
-    SetUp(handle, post, headers, receiver);
+    SetUp(handle, post, headers, receiver, reply);
     const CURLcode result = curl_easy_perform(handle);
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &reply.status);
     curl_off_t connected_us = 0;
     curl_easy_getinfo(handle, CURLINFO_CONNECT_TIME_T, &connected_us);
     reply.ok = result == CURLE_OK;
+    reply.keyDiffers = result == CURLE_SSL_PINNEDPUBKEYNOTMATCH;
+    reply.timedOut = result == CURLE_OPERATION_TIMEDOUT;
+    char* localIp = nullptr;
+    if (curl_easy_getinfo(handle, CURLINFO_LOCAL_IP, &localIp) == CURLE_OK && localIp != nullptr) {
+        reply.localIp = localIp;
+    }
     reply.neverConnected = result == CURLE_COULDNT_CONNECT || result == CURLE_COULDNT_RESOLVE_HOST ||
                            (result == CURLE_OPERATION_TIMEDOUT && connected_us == 0);
     if (!reply.ok) {

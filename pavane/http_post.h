@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -24,11 +25,16 @@ struct HttpReply {
     bool neverConnected = false;
     long status = 0;
     std::string body;
-    std::string failure;  // what went wrong, fit for the log
+    std::string failure;      // what went wrong, fit for the log
+    bool keyDiffers = false;  // the server showed another key than the pinned one; nothing was sent
+    bool timedOut = false;
+    std::int64_t date_s = 0;    // the server's clock as it says, unix seconds; 0 = it does not say
+    std::string sessionCookie;  // "name=value" of the first cookie that it set; a secret
+    std::string localIp;        // this side of the connection
 };
 
-// Sends it over this process's kept connection, which is opened anew after a fork. Follows no redirect and
-// uses no proxy. Blocks for at most totalTimeout_ms. https without a pinned key is refused.
+// Sends it over one of this process's kept connections, which are opened anew after a fork. Follows no
+// redirect and uses no proxy. Blocks for at most totalTimeout_ms. https without a pinned key is refused.
 HttpReply SendHttpPost(const HttpPost& post);
 
 }  // namespace pavane

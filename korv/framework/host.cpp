@@ -1,5 +1,6 @@
 #include "korv/framework/host.h"
 
+#include <algorithm>
 #include <exception>
 #include <map>
 #include <utility>
@@ -31,6 +32,11 @@ std::vector<MountObserver>& MountObservers() {
     return observers;
 }
 
+std::map<std::string, korv::PeriodicJob>& RegisteredJobs() {
+    static std::map<std::string, korv::PeriodicJob> jobs;
+    return jobs;
+}
+
 }  // namespace
 
 void KORV::RegisterMountObserver(std::function<void(const std::string& mountPoint, bool isNormal)> observer) {
@@ -55,6 +61,12 @@ void KORV::RegisterPairCheck(
     std::function<bool(const std::string& pairKey, const std::string& stamp)> check) {
     RegisteredPairCheck() = std::move(check);
 }
+
+void KORV::RegisterPeriodicJob(const std::string& name, int interval_s, std::function<void()> job) {
+    RegisteredJobs()[name] = {std::max(interval_s, 1), std::move(job)};
+}
+
+const std::map<std::string, korv::PeriodicJob>& korv::PeriodicJobs() { return RegisteredJobs(); }
 
 std::string korv::FailedHealthCheck() {
     for (const auto& [name, check] : HealthChecks()) {

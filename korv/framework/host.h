@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+#include <map>
 #include <string>
 
 // What application libraries have registered in this process (platform/korv/host.h).
@@ -14,5 +16,13 @@ bool IsPairedPeer(const std::string& pairKey, const std::string& stamp);
 
 // Tells every observer of mounts; what one throws is logged.
 void AnnounceMountState(const std::string& mountPoint, bool isNormal);
+
+struct PeriodicJob {
+    int interval_s = 1;
+    std::function<void()> run;
+};
+
+// By name.
+const std::map<std::string, PeriodicJob>& PeriodicJobs();
 
 }  // namespace korv

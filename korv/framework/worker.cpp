@@ -1,7 +1,6 @@
 #include "korv/framework/worker.h"
 
 #include <fcgiapp.h>
-#include <malloc.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -10,31 +9,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 
 #include <sys/prctl.h>
 
-#include "korv/framework/api_registry.h"
-#include "korv/framework/log.h"
-#include "korv/framework/module_loader.h"
-#include "korv/framework/service_user.h"
-#include "korv/system/settings.h"
+#include "korv/framework/service_process.h"
 
 namespace korv {
 namespace {
-
-volatile std::sig_atomic_t g_stop = 0;
-
-void RequestStop(int /*signal*/) { g_stop = 1; }
-
-void HandleStopSignals() {
-    struct sigaction action {};
-    action.sa_handler = RequestStop;
-    action.sa_flags = SA_RESTART;  // the current request goes on undisturbed
-    sigaction(SIGTERM, &action, nullptr);
-    // Ctrl-C reaches the whole group of processes; the supervisor decides what becomes of it.
-    std::signal(SIGINT, SIG_IGN);
-}
 
 // Waits for a request. False when the worker is to end: it was asked to, or its supervisor is gone.
 bool WaitForRequest(int listenFd, pid_t supervisor) {
@@ -46,7 +27,7 @@ bool WaitForRequest(int listenFd, pid_t supervisor) {
     // A change of ids clears the request for a signal at the parent's death, so it is made again each time.
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     bool isReady = false;
-    while (g_stop == 0 && getppid() == supervisor && !isReady) {
+    while (!IsStopRequested() && getppid() == supervisor && !isReady) {
         pollfd listening{listenFd, POLLIN, 0};
         // SIGTERM comes through only while waiting, so that none slips in between the test and the wait.
         isReady = ppoll(&listening, 1, nullptr, &before) > 0;
@@ -109,39 +90,16 @@ void ServeRequests(const WorkerPlan& plan, pid_t supervisor) {
     FCGX_Free(&fcgi, 1);
 }
 
-// A large answer is built from hundreds of thousands of small blocks, just after as many others were given
-// back. Without the lists of recently freed blocks these are joined again and new ones lie side by side,
-// which keeps the cost of a list in proportion to its length.
-void KeepMemoryTogether() { mallopt(M_MXFAST, 0); }
-
-// Does `work` as a worker process does: lowered, with the modules loaded. Gives the exit status.
-int RunProcess(const std::function<void()>& work) {
-    int status = kWorkerFailed;
-    try {
-        HandleStopSignals();
-        KeepMemoryTogether();
-        LowerToServiceUser();
-        LoadModules(GetSettings().node.modules, Registry());
-        work();
-        status = kWorkerDone;
-    } catch (const std::exception& error) {
-        LogLine(std::string("a worker could not work: ") + error.what());
-    }
-    // A leak check at exit needs the rights that the process started with.
-    RaiseToRoot();
-    return status;
-}
-
 }  // namespace
 
 int RunWorker(const WorkerPlan& plan) {
     const pid_t supervisor = getppid();
     prctl(PR_SET_NAME, plan.pool == Pool::kPublic ? "korvd-public" : "korvd-peer");
-    return RunProcess([&] { ServeRequests(plan, supervisor); });
+    return RunServiceProcess([&] { ServeRequests(plan, supervisor); });
 }
 
 int CheckWorkerStart() {
-    return RunProcess([] {});
+    return RunServiceProcess([] {});
 }
 
 }  // namespace korv

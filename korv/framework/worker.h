@@ -1,6 +1,7 @@
 #pragma once
 
 #include "korv/framework/http_exchange.h"
+#include "korv/framework/service_process.h"
 
 namespace korv {
 
@@ -11,13 +12,10 @@ struct WorkerPlan {
     int recycleAfter = 1;  // requests after which the worker ends, so that what leaks can't pile up
 };
 
-// How a worker process ended, as its exit status.
-inline constexpr int kWorkerDone = 0;    // asked to stop, recycled, or its supervisor is gone
-inline constexpr int kWorkerFailed = 1;  // could not start; the log tells why
-
 // The life of a worker process, called in the child right after the fork, as root with no signal blocked:
 // lowers the effective ids to the service user's (saved uid 0 stays), loads the modules, and serves requests
-// one at a time until SIGTERM, which lets the current request finish. Returns the exit status.
+// one at a time until SIGTERM, which lets the current request finish. Returns the exit status
+// (korv/framework/service_process.h).
 int RunWorker(const WorkerPlan& plan);
 
 // What RunWorker does before it serves, without serving: finds out whether workers can start at all.

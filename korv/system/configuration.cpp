@@ -185,8 +185,7 @@ void ReadNode(Mapping& file, KORV::Configuration& node, const std::string& defau
     }
 }
 
-void ReadListen(Mapping& file, std::string& listen) {
-    file.Text("listen", listen);
+void CheckListen(const std::string& listen, const char* key) {
     const std::size_t colon = listen.rfind(':');
     const std::string host = listen.substr(0, colon == std::string::npos ? 0 : colon);
     const std::string port = colon == std::string::npos ? "" : listen.substr(colon + 1);
@@ -195,8 +194,22 @@ void ReadListen(Mapping& file, std::string& listen) {
     if (host.empty() || host.find_first_not_of("0123456789abcdefABCDEF.:[]*") != std::string::npos ||
         !digits || std::strtol(port.c_str(), nullptr, 10) < 1 ||
         std::strtol(port.c_str(), nullptr, 10) > kMaxPort) {
-        Refuse("listen", "must be ADDRESS:PORT, e.g. 127.0.0.1:5080, [::]:5080 or *:5080");
+        Refuse(key, "must be ADDRESS:PORT, e.g. 127.0.0.1:5080, [::]:5080 or *:5080");
     }
+}
+
+void ReadPeer(Mapping peer, Settings& settings) {
+    constexpr int kMostAnswer_s = 300;
+    KORV::Configuration& node = settings.node;
+    peer.Text("listen", node.peerListen);
+    peer.Text("address", node.peerAddress);
+    peer.Number("answer_timeout_s", node.peerAnswer_s, 1, kMostAnswer_s);
+    peer.RefuseUnknown();
+    if (!node.peerListen.empty()) {
+        CheckListen(node.peerListen, "peer.listen");
+    }
+    settings.peerTls = {node.stateDir + "/peer.crt", node.stateDir + "/peer.key"};
+    node.peerCertificate = settings.peerTls.certificate;
 }
 
 void ReadTls(Mapping tls, TlsSettings& settings) {
@@ -267,11 +280,13 @@ Settings ParseSettings(const std::string& yaml, const std::string& defaultModule
     Settings settings;
     Mapping file(root, "");
     ReadNode(file, settings.node, defaultModuleDir);
-    ReadListen(file, settings.listen);
+    file.Text("listen", settings.listen);
+    CheckListen(settings.listen, "listen");
     file.Path("console_dir", settings.consoleDir);
     ReadWorkers(file.Child("workers"), settings.workers);
     ReadSession(file.Child("session"), settings.session);
     ReadTls(file.Child("tls"), settings.tls);
+    ReadPeer(file.Child("peer"), settings);
     ReadNginx(file.Child("nginx"), settings.nginx);
     file.ProcessorLists("affinity", settings.affinity);
     file.RefuseUnknown();

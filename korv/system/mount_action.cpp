@@ -269,7 +269,7 @@ MountEnd MountRemote(const MountRow& row, const MountPlace& place, const std::op
                      MountFolderState& state) {
     Shared<MountFolderState> shared(state);
     const auto work = [&] { return ExitOf(MountWork(row, place, caller, *shared)); };
-    const MountEnd end = EndOf(RunAsRootChild(work, kDeadline));
+    MountEnd end = EndOf(RunAsRootChild(work, kDeadline));
     state = *shared;
     ClearStaging(row.token);
     return end;

@@ -91,11 +91,11 @@ std::optional<MountPlace> PlaceOf(const MountRow& row) {
 MountEnd Undo(const MountRow& row, bool isForced) {
     const auto place = PlaceOf(row);
     if (place) {
-        const MountEnd unmounted = UnmountRemote(*place, isForced);
+        MountEnd unmounted = UnmountRemote(*place, isForced);
         if (unmounted.failure != MountFailure::kNone) {
             return unmounted;
         }
-        const MountEnd released = ReleaseMount(*place, FolderStateOf(row));
+        MountEnd released = ReleaseMount(*place, FolderStateOf(row));
         if (released.failure != MountFailure::kNone) {
             return released;
         }
@@ -151,7 +151,7 @@ std::optional<MountRow> FindManaged(const std::string& path, const MountCaller& 
 
 MountEnd MountAnew(MountRow& row, const MountPlace& place, MountSight sight) {
     if (sight != MountSight::kNotMounted) {
-        const MountEnd unmounted = UnmountRemote(place, true);
+        MountEnd unmounted = UnmountRemote(place, true);
         if (unmounted.failure != MountFailure::kNone) {
             return unmounted;
         }
@@ -187,7 +187,7 @@ MountEnd TryAgain(MountRow& row, long long now_s) {
     }
     row = *current;
     const MountSight sight = LookAtMount(row.mountPoint).sight;
-    const MountEnd end =
+    MountEnd end =
         sight == MountSight::kAlive ? Failed(MountFailure::kNone) : MountAnew(row, *place, sight);
     NoteAttempt(row, end.failure, now_s);
     SaveMountRow(row);
@@ -311,6 +311,7 @@ std::vector<MountChange> CareForMounts(long long now_s) {
     std::vector<MountRow> rows = ListMountRows();
     std::erase_if(rows, [](const MountRow& row) { return row.state != MountState::kKept; });
     std::vector<std::string> paths;
+    paths.reserve(rows.size());
     for (const MountRow& row : rows) {
         paths.push_back(row.mountPoint);
     }

@@ -45,6 +45,7 @@ struct Settings {
     WorkerSettings workers;
     SessionSettings session;
     TlsSettings tls;
+    TlsSettings peerTls;  // made by korvd at its first start
     NginxSettings nginx;
     // Processors by the name of a task; "default" stands for the empty task name.
     std::map<std::string, std::vector<int>> affinity;

@@ -100,11 +100,19 @@ bool UseStamp(const std::string& stamp, std::int64_t time_s, std::int64_t now_s)
 bool Accept(const std::string& pairKey, const std::string& stamp) {
     std::int64_t time_s = 0;
     const std::int64_t now_s = std::time(nullptr);
-    if (!ParseStamp(stamp, time_s) || std::llabs(now_s - time_s) > kStampTolerance_s) {
+    if (!ParseStamp(stamp, time_s)) {
         return false;
     }
     try {
-        return IsMadeWithAny(PairSecrets(), pairKey, stamp) && UseStamp(stamp, time_s, now_s);
+        if (!IsMadeWithAny(PairSecrets(), pairKey, stamp)) {
+            return false;
+        }
+        if (std::llabs(now_s - time_s) > kStampTolerance_s) {
+            PV_LOG_LINE(kSource, "Refused a paired server whose stamp is %lld s %s this server's clock.\n",
+                        std::llabs(time_s - now_s), time_s > now_s ? "ahead of" : "behind");
+            return false;
+        }
+        return UseStamp(stamp, time_s, now_s);
     } catch (const std::exception& failure) {
         PV_LOG_LINE(kSource, "Failed to check a peer: %s\n", DescribeFailure(failure).c_str());
         return false;
@@ -124,13 +132,15 @@ Admitted& LastAdmitted() {
 
 }  // namespace
 
-std::string MakeStamp() {
-    std::array<unsigned char, kNonceBytes> nonce{};
-    if (RAND_bytes(nonce.data(), static_cast<int>(nonce.size())) != 1) {
+std::string RandomHex(std::size_t bytes) {
+    std::vector<unsigned char> random(bytes);
+    if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1) {
         throw std::runtime_error("no random numbers");
     }
-    return std::to_string(std::time(nullptr)) + "." + Hex(nonce.data(), nonce.size());
+    return Hex(random.data(), random.size());
 }
+
+std::string MakeStamp() { return std::to_string(std::time(nullptr)) + "." + RandomHex(kNonceBytes); }
 
 std::string MakePairKey(const std::string& secret, const std::string& stamp) {
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};

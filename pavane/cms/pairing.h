@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -10,6 +11,13 @@ namespace pavane {
 
 // How far a stamp may be from this server's clock, in seconds, before or after.
 inline constexpr std::int64_t kStampTolerance_s = 300;
+
+// Sizes of what is made at random, in bytes.
+inline constexpr std::size_t kSecretBytes = 32;
+inline constexpr std::size_t kSerialBytes = 8;
+
+// So many random bytes in lower-case hexadecimal. Throws std::runtime_error when there are none.
+std::string RandomHex(std::size_t bytes);
 
 // A fresh stamp of the present time. Throws std::runtime_error when there are no random numbers.
 std::string MakeStamp();

@@ -1,7 +1,9 @@
-// Sends web API requests to paired servers.
+#include "pavane/cms/peer_client.h"
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
+#include <ctime>
 #include <exception>
 #include <memory>
 #include <string>
@@ -9,21 +11,22 @@
 #include <json/json.h>
 #include <soci/soci.h>
 
+#include "platform/korv/configuration.h"
 #include "platform/pavane/cms.h"
 
 #include "pavane/cms/pairing.h"
-#include "pavane/http_post.h"
+#include "pavane/cms/peer_address.h"
 #include "pavane/log_line.h"
 #include "pavane/store/database.h"
+
+namespace pavane {
 
 namespace {
 
 constexpr const char* kSource = "pavane/cms/peer_client";
-constexpr int kSent = 0;
-constexpr int kFailed = -1;
-constexpr int kRecServerWait_s = 30;
 constexpr long kConnectTimeout_ms = 5000;
-constexpr std::size_t kReplyLimit = 16UL * 1024 * 1024;
+constexpr long kAskConnectTimeout_ms = 2000;  // many servers may be asked in turn, and some be gone
+constexpr std::size_t kReplyLimit = 4UL * 1024 * 1024;
 
 // A paired server.
 //   address  "http://host[:port]" or "https://host[:port]"
@@ -40,12 +43,14 @@ struct SendOptions {
     int wait_s;
     void (*progress)();
     int retries;
+    long connectTimeout_ms = kConnectTimeout_ms;
+    bool isQuiet = false;  // a failure is for the caller to log
 };
 
 // False when this server has no host.
 bool LoadHost(Peer& peer) {
     peer.name = "the host";
-    soci::session& session = pavane::AppDatabase().Session();
+    soci::session& session = AppDatabase().Session();
     session << "select address, own_serial, pair_secret, pinned_key from cms_host where id = 1",
         soci::into(peer.address), soci::into(peer.serial), soci::into(peer.secret),
         soci::into(peer.pinnedKey);
@@ -54,7 +59,7 @@ bool LoadHost(Peer& peer) {
 
 bool LoadRecServer(int rvId, Peer& peer) {
     peer.name = "recording server " + std::to_string(rvId);
-    soci::session& session = pavane::AppDatabase().Session();
+    soci::session& session = AppDatabase().Session();
     session << "select address, serial, pair_secret, pinned_key from rec_server where id = :id",
         soci::into(peer.address), soci::into(peer.serial), soci::into(peer.secret),
         soci::into(peer.pinnedKey), soci::use(rvId);
@@ -65,14 +70,124 @@ std::string Body(const Json::Value& request, const Peer& peer, const std::string
     Json::Value signedRequest = request;
     signedRequest["client"] = "REC_SERVER";
     signedRequest["recSerialNum"] = peer.serial;
-    signedRequest["cookie"] = pavane::MakePairKey(peer.secret, stamp);
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, signedRequest);
+    signedRequest["cookie"] = MakePairKey(peer.secret, stamp);
+    return CompactJson(signedRequest);
 }
 
-// The answer as an object; false for anything else.
-bool ParseReply(const std::string& body, Json::Value& reply) {
+// One stamp serves all tries: a try that never connected has not used it up.
+HttpReply SendWithin(HttpPost& post, const SendOptions& options) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(options.wait_s);
+    HttpReply reply;
+    for (int left = options.retries; left >= 0; --left) {
+        const auto rest = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (rest.count() <= 0) {
+            break;
+        }
+        post.totalTimeout_ms = rest.count();
+        post.connectTimeout_ms = std::min(options.connectTimeout_ms, post.totalTimeout_ms);
+        reply = SendHttpPost(post);
+        if (!reply.neverConnected) {
+            break;
+        }
+    }
+    return reply;
+}
+
+SendOutcome Fail(const Peer& peer, const SendOptions& options, SendFailure failure, const std::string& why) {
+    if (!options.isQuiet) {
+        PV_LOG_LINE(kSource, "Failed to send to %s: %s\n", peer.name.c_str(), why.c_str());
+    }
+    return {failure, 0};
+}
+
+std::int64_t ClockAhead_s(const HttpReply& answer) {
+    return answer.date_s != 0 ? answer.date_s - static_cast<std::int64_t>(std::time(nullptr)) : 0;
+}
+
+SendOutcome SendToPeer(const Peer& peer, const Json::Value& request, const SendOptions& options,
+                       Json::Value& reply) {
+    if (peer.secret.empty() || peer.address.empty()) {
+        return Fail(peer, options, SendFailure::kNotPaired, "it is not paired");
+    }
+    if (!IsPeerAddress(peer.address)) {
+        return Fail(peer, options, SendFailure::kBadAddress, "its address is none of a paired server");
+    }
+    const std::string stamp = MakeStamp();
+    HttpPost post;
+    post.url = peer.address + "/peer";
+    post.body = Body(request, peer, stamp);
+    post.headers = {"Content-Type: application/json", "Cookie: timestamp=" + stamp, "Expect:"};
+    post.pinnedKey = peer.pinnedKey;
+    post.replyLimit = kReplyLimit;
+    post.progress = options.progress;
+    const HttpReply answer = SendWithin(post, options);
+    if (answer.keyDiffers) {
+        return Fail(peer, options, SendFailure::kKeyChanged,
+                    "it shows another key than when it was paired. Either its key was made anew, or someone "
+                    "stands between the servers; pair it again only after finding out which");
+    }
+    if (!answer.ok) {
+        return Fail(peer, options, FailureOf(answer), answer.failure);
+    }
+    if (!ParseObject(answer.body, reply)) {
+        return Fail(peer, options, SendFailure::kBadAnswer,
+                    "its answer, HTTP status " + std::to_string(answer.status) + ", is not a JSON object");
+    }
+    const std::int64_t ahead_s = ClockAhead_s(answer);
+    if (IsClockTooFarOff(ahead_s) && !options.isQuiet) {
+        PV_LOG_LINE(kSource,
+                    "The clock of %s is %lld s %s this server's; it refuses pairing keys until both "
+                    "agree.\n",
+                    peer.name.c_str(), std::llabs(ahead_s), ahead_s > 0 ? "ahead of" : "behind");
+    }
+    return {SendFailure::kNone, ahead_s};
+}
+
+bool LoadPeer(int rvId, Peer& peer) { return rvId > 0 ? LoadRecServer(rvId, peer) : LoadHost(peer); }
+
+SendOutcome Send(int rvId, const Json::Value& request, const SendOptions& options, Json::Value& reply) {
+    reply = Json::Value();
+    try {
+        Peer peer;
+        if (!LoadPeer(rvId, peer)) {
+            return Fail(peer, options, SendFailure::kNotPaired, "it is not known");
+        }
+        return SendToPeer(peer, request, options, reply);
+    } catch (const std::exception& failure) {
+        PV_LOG_LINE(kSource, "Failed to send to a peer: %s\n", DescribeFailure(failure).c_str());
+        reply = Json::Value();
+        return {};
+    }
+}
+
+// The contract's result of a send.
+int SendPlain(int rvId, const Json::Value& request, bool binary, const SendOptions& options,
+              Json::Value& reply) {
+    if (binary) {
+        reply = Json::Value();
+        PV_LOG_LINE(kSource, "Answers that are files are not supported.\n");
+        return -1;
+    }
+    return Send(rvId, request, options, reply).failure == SendFailure::kNone ? 0 : -1;
+}
+
+constexpr int kHost = 0;
+
+}  // namespace
+
+SendOutcome SendToPaired(int rvId, const Json::Value& request, int wait_s, Json::Value& reply) {
+    return Send(rvId, request, {wait_s, nullptr, 0, kAskConnectTimeout_ms, true}, reply);
+}
+
+SendFailure FailureOf(const HttpReply& answer) {
+    if (answer.keyDiffers) {
+        return SendFailure::kKeyChanged;
+    }
+    return answer.neverConnected ? SendFailure::kUnreachable : SendFailure::kNoAnswer;
+}
+
+bool ParseObject(const std::string& body, Json::Value& object) {
     Json::CharReaderBuilder builder;
     Json::CharReaderBuilder::strictMode(&builder.settings_);
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
@@ -84,86 +199,31 @@ bool ParseReply(const std::string& body, Json::Value& reply) {
     } catch (const Json::Exception&) {  // nested too deeply
         return false;
     }
-    reply = std::move(parsed);
+    object = std::move(parsed);
     return true;
 }
 
-// One stamp serves all tries: a try that never connected has not used it up.
-pavane::HttpReply SendWithin(pavane::HttpPost& post, const SendOptions& options) {
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(options.wait_s);
-    pavane::HttpReply reply;
-    for (int left = options.retries; left >= 0; --left) {
-        const auto rest = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-        if (rest.count() <= 0) {
-            break;
-        }
-        post.totalTimeout_ms = rest.count();
-        post.connectTimeout_ms = std::min(kConnectTimeout_ms, post.totalTimeout_ms);
-        reply = pavane::SendHttpPost(post);
-        if (!reply.neverConnected) {
-            break;
-        }
-    }
-    return reply;
+std::string CompactJson(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
 }
 
-int SendToPeer(const Peer& peer, const Json::Value& request, const SendOptions& options, Json::Value& reply) {
-    if (peer.secret.empty() || peer.address.empty()) {
-        PV_LOG_LINE(kSource, "Failed to send to %s: it is not paired\n", peer.name.c_str());
-        return kFailed;
-    }
-    const std::string stamp = pavane::MakeStamp();
-    pavane::HttpPost post;
-    post.url = peer.address + "/peer";
-    post.body = Body(request, peer, stamp);
-    post.headers = {"Content-Type: application/json", "Cookie: timestamp=" + stamp, "Expect:"};
-    post.pinnedKey = peer.pinnedKey;
-    post.replyLimit = kReplyLimit;
-    post.progress = options.progress;
-    const pavane::HttpReply answer = SendWithin(post, options);
-    if (!answer.ok) {
-        PV_LOG_LINE(kSource, "Failed to send to %s: %s\n", peer.name.c_str(), answer.failure.c_str());
-        return kFailed;
-    }
-    if (!ParseReply(answer.body, reply)) {
-        PV_LOG_LINE(kSource, "The answer of %s, HTTP status %ld, is not a JSON object.\n", peer.name.c_str(),
-                    answer.status);
-        return kFailed;
-    }
-    return kSent;
-}
+bool IsClockTooFarOff(std::int64_t clockAhead_s) { return std::llabs(clockAhead_s) > kStampTolerance_s; }
 
-// `load` fills the peer and says whether there is one.
-template <class Load>
-int Send(const Load& load, const Json::Value& request, bool binary, const SendOptions& options,
-         Json::Value& reply) {
-    reply = Json::Value();
-    if (binary) {
-        PV_LOG_LINE(kSource, "Answers that are files are not supported.\n");
-        return kFailed;
-    }
-    try {
-        Peer peer;
-        if (!load(peer)) {
-            PV_LOG_LINE(kSource, "Failed to send to %s: it is not known\n", peer.name.c_str());
-            return kFailed;
-        }
-        return SendToPeer(peer, request, options, reply);
-    } catch (const std::exception& failure) {
-        PV_LOG_LINE(kSource, "Failed to send to a peer: %s\n", pavane::DescribeFailure(failure).c_str());
-        return kFailed;
-    }
-}
-
-}  // namespace
+}  // namespace pavane
 
 int SendWebAPIToHost(const Json::Value& request, bool binary, Json::Value& reply, int wait_s,
                      void (*progress)(), int retries) {
-    return Send(&LoadHost, request, binary, {wait_s, progress, retries}, reply);
+    return pavane::SendPlain(pavane::kHost, request, binary, {wait_s, progress, retries}, reply);
 }
 
+// An id that is none of a recording server must not reach the host.
 int SendWebAPIToRecServerByJson(int rvId, const Json::Value& request, bool binary, Json::Value& reply) {
-    const auto load = [rvId](Peer& peer) { return LoadRecServer(rvId, peer); };
-    return Send(load, request, binary, {kRecServerWait_s, nullptr, 0}, reply);
+    if (rvId <= 0) {
+        reply = Json::Value();
+        return -1;
+    }
+    return pavane::SendPlain(rvId, request, binary, {KORV::GetConfiguration().peerAnswer_s, nullptr, 0},
+                             reply);
 }

@@ -59,7 +59,8 @@ void RunUpgrades(Database& database, const Schema& schema, int version) {
 }  // namespace
 
 const Schema& CurrentSchema() {
-    static const Schema schema{3, kSchemaSql, {{2, kUpgrade2Sql}, {3, kUpgrade3Sql}}};
+    static const Schema schema{
+        4, kSchemaSql, {{2, kUpgrade2Sql}, {3, kUpgrade3Sql}, {4, kUpgrade4Sql}}};
     return schema;
 }
 

@@ -73,7 +73,8 @@ create table application (
 );
 
 -- The recording servers that this host manages. status: RV_STATUS. standby: takes over for others;
--- taken_over: another one does its work at the moment.
+-- taken_over: another one does its work at the moment. problem: why it is not online, a word of
+-- pavane/cms/server_state.h; checked_s, seen_s: when it was last asked and last answered, unix seconds.
 create table rec_server (
     id          integer primary key {{id}},
     serial      text not null unique,
@@ -85,7 +86,10 @@ create table rec_server (
     standby     integer not null default 0 check (standby in (0, 1)),
     taken_over  integer not null default 0 check (taken_over in (0, 1)),
     pair_secret text not null default '',
-    pinned_key  text not null default ''
+    pinned_key  text not null default '',
+    problem     text not null default '',
+    checked_s   bigint not null default 0,
+    seen_s      bigint not null default 0
 );
 
 -- The host that manages this server: at most one row.
@@ -94,7 +98,12 @@ create table cms_host (
     own_serial  text not null,
     address     text not null,
     pair_secret text not null,
-    pinned_key  text not null default ''
+    pinned_key  text not null default '',
+    serial      text not null default '',
+    name        text not null default '',
+    problem     text not null default '',
+    checked_s   bigint not null default 0,
+    seen_s      bigint not null default 0
 );
 
 -- Stamps of pairing keys that were accepted; each is kept until its time would refuse it anyway.

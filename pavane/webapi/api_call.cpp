@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "platform/korv/app_privilege.h"
+#include "platform/pavane/cms.h"
 
 #include "pavane/log_line.h"
 #include "pavane/store/database.h"
@@ -17,7 +18,16 @@ constexpr int kErrorNotAllowed = 105;
 constexpr int kErrorFailed = 400;
 constexpr int kErrorBadParameter = 401;
 
+// Judged here too, not only before the peer pool: a method must not depend on where it is reached.
+bool IsPairedServer(const KORV::APIRequest& request) {
+    const Json::Value key = request.GetParam("cookie", "");
+    return key.isString() && IsAuthPairMatch(key.asString(), request.GetCookie("timestamp", ""));
+}
+
 bool IsAdmitted(Access access, const KORV::APIRequest& request) {
+    if (access == Access::kPeer) {
+        return IsPairedServer(request);
+    }
     if (!request.IsAuthorized()) {
         return false;
     }
@@ -88,6 +98,8 @@ void Serve(Access access, ApiMethod method, const KORV::APIRequest& request, KOR
         response.SetSuccess(method(request));
     } catch (const BadParameter& bad) {
         response.SetError(kErrorBadParameter, ErrorData(bad.Name(), bad.what()));
+    } catch (const MethodFailure& failure) {
+        response.SetError(failure.Code(), ErrorData(failure.what(), failure.Param2()));
     } catch (const Json::Exception&) {
         throw;
     } catch (const std::exception& failure) {

@@ -14,6 +14,7 @@ namespace pavane {
 enum class Access {
     kUse,     // whoever may use the application, and administrators
     kChange,  // administrators
+    kPeer,    // paired servers
 };
 
 // A parameter that is missing or invalid: error 401 with its name and what is wrong with it.
@@ -26,8 +27,21 @@ private:
     std::string m_name;
 };
 
-// A method: reads the request, acts and gives the data of a successful answer. Throws BadParameter, and
-// anything else when it fails.
+// What a method fails with on purpose: a code of its API's own and what `param1` and `param2` are to say.
+class MethodFailure : public std::runtime_error {
+public:
+    explicit MethodFailure(int code, const std::string& param1 = "", const std::string& param2 = "")
+        : std::runtime_error(param1), m_code(code), m_param2(param2) {}
+    int Code() const { return m_code; }
+    const std::string& Param2() const { return m_param2; }
+
+private:
+    int m_code;
+    std::string m_param2;
+};
+
+// A method: reads the request, acts and gives the data of a successful answer. Throws BadParameter,
+// MethodFailure, and anything else when it fails.
 using ApiMethod = Json::Value (*)(const KORV::APIRequest& request);
 
 // Admits the caller (else error 105), runs the method and answers. A failure is logged and answered with 400;

@@ -4,6 +4,7 @@
 #include "platform/korv/host.h"
 
 #include "pavane/cms/pairing.h"
+#include "pavane/cms/server_state.h"
 #include "pavane/recorder/log_config.h"
 #include "pavane/recorder/mount_state.h"
 #include "pavane/webapi/api_call.h"
@@ -20,6 +21,7 @@ void Entry(KORV::APIRequest* request, KORV::APIResponse* response) {
 }
 
 constexpr const char* kCamera = "KORV.Pavane.Camera";
+constexpr const char* kCms = pavane::kCmsApi;
 constexpr const char* kEvent = "KORV.Pavane.Event";
 constexpr const char* kLog = "KORV.Pavane.Log";
 constexpr const char* kService = "KORV.Pavane.Service";
@@ -28,6 +30,22 @@ constexpr std::intptr_t kVersion = 1;
 const KORV::APITableRow kTable[] = {
     {kCamera, kVersion, "import", Entry<Access::kChange, pavane::ImportCamerasMethod>},
     {kCamera, kVersion, "list", Entry<Access::kUse, pavane::ListCamerasMethod>},
+    {kCms, kVersion, "status", Entry<Access::kUse, pavane::CmsStatusMethod>},
+    {kCms, kVersion, "set_role", Entry<Access::kChange, pavane::CmsSetRoleMethod>},
+    {kCms, kVersion, "fingerprint", Entry<Access::kChange, pavane::CmsFingerprintMethod>},
+    {kCms, kVersion, "add", Entry<Access::kChange, pavane::CmsAddMethod>},
+    {kCms, kVersion, "remove", Entry<Access::kChange, pavane::CmsRemoveMethod>},
+    {kCms, kVersion, "list", Entry<Access::kUse, pavane::CmsListMethod>},
+    {kCms, kVersion, "enable", Entry<Access::kChange, pavane::CmsEnableMethod>},
+    {kCms, kVersion, "disable", Entry<Access::kChange, pavane::CmsDisableMethod>},
+    {kCms, kVersion, "set_failover", Entry<Access::kChange, pavane::CmsSetFailoverMethod>},
+    {kCms, kVersion, "check", Entry<Access::kUse, pavane::CmsCheckMethod>},
+    {kCms, kVersion, "repair", Entry<Access::kChange, pavane::CmsRepairMethod>},
+    {kCms, kVersion, "join", Entry<Access::kChange, pavane::CmsJoinMethod>},
+    {kCms, kVersion, "leave", Entry<Access::kChange, pavane::CmsLeaveMethod>},
+    {kCms, kVersion, "dismiss", Entry<Access::kPeer, pavane::CmsDismissMethod>},
+    {kCms, kVersion, "ping", Entry<Access::kPeer, pavane::CmsPingMethod>},
+    {kCms, kVersion, "list_records", Entry<Access::kPeer, pavane::CmsListRecordsMethod>},
     {kEvent, kVersion, "list", Entry<Access::kUse, pavane::ListEventsMethod>},
     {kLog, kVersion, "get_level", Entry<Access::kUse, pavane::GetLogLevelsMethod>},
     {kLog, kVersion, "set_level", Entry<Access::kChange, pavane::SetLogLevelMethod>},
@@ -46,4 +64,6 @@ extern "C" void OnModuleLoaded() {
     KORV::RegisterHealthCheck("application database", pavane::CheckAppDatabase);
     KORV::RegisterPairCheck(pavane::AdmitPeer);
     KORV::RegisterMountObserver(pavane::NoteMountState);
+    KORV::RegisterPeriodicJob("state of paired servers", pavane::kRefreshInterval_s,
+                              pavane::RefreshServerStates);
 }

@@ -10,6 +10,23 @@ namespace pavane {
 Json::Value ImportCamerasMethod(const KORV::APIRequest& request);
 Json::Value ListCamerasMethod(const KORV::APIRequest& request);
 
+Json::Value CmsStatusMethod(const KORV::APIRequest& request);
+Json::Value CmsSetRoleMethod(const KORV::APIRequest& request);
+Json::Value CmsFingerprintMethod(const KORV::APIRequest& request);
+Json::Value CmsAddMethod(const KORV::APIRequest& request);
+Json::Value CmsRemoveMethod(const KORV::APIRequest& request);
+Json::Value CmsListMethod(const KORV::APIRequest& request);
+Json::Value CmsEnableMethod(const KORV::APIRequest& request);
+Json::Value CmsDisableMethod(const KORV::APIRequest& request);
+Json::Value CmsSetFailoverMethod(const KORV::APIRequest& request);
+Json::Value CmsCheckMethod(const KORV::APIRequest& request);
+Json::Value CmsRepairMethod(const KORV::APIRequest& request);
+Json::Value CmsJoinMethod(const KORV::APIRequest& request);
+Json::Value CmsLeaveMethod(const KORV::APIRequest& request);
+Json::Value CmsDismissMethod(const KORV::APIRequest& request);
+Json::Value CmsPingMethod(const KORV::APIRequest& request);
+Json::Value CmsListRecordsMethod(const KORV::APIRequest& request);
+
 Json::Value ListEventsMethod(const KORV::APIRequest& request);
 
 Json::Value GetLogLevelsMethod(const KORV::APIRequest& request);

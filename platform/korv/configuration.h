@@ -15,6 +15,10 @@ struct Configuration {
     std::string database;              // application database: "sqlite" or a PostgreSQL connection string
     std::string sambaInclude;          // Samba include file that korv writes; empty = nothing is exported
     std::vector<std::string> modules;  // web API modules to load
+    std::string peerListen;            // ADDRESS:PORT for paired servers, always TLS; empty = not reachable
+    std::string peerAddress;           // "https://HOST:PORT" under which they reach it; empty = found out
+    std::string peerCertificate;       // PEM file of the certificate that it shows there
+    int peerAnswer_s = 30;             // longest time that a recording server may take for an answer
 };
 
 // The configuration of this process, read once from the file that the environment variable KORV_CONFIG names

@@ -19,4 +19,11 @@ void RegisterPairCheck(std::function<bool(const std::string& pairKey, const std:
 // stopped being so, and at its start once for every mount.
 void RegisterMountObserver(std::function<void(const std::string& mountPoint, bool isNormal)> observer);
 
+// Has `job` run now and then in the node's one job process, never in a process that serves requests.
+//   name        unique; a second registration replaces the first
+//   interval_s  seconds from the end of one run to the next, at least 1; the first run follows the start
+// Runs as the service user with saved uid 0, one job at a time: it should end within seconds. What it throws
+// is logged and it is tried again after the interval; should the process die, a new one starts all jobs anew.
+void RegisterPeriodicJob(const std::string& name, int interval_s, std::function<void()> job);
+
 }  // namespace KORV

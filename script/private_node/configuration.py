@@ -34,6 +34,9 @@ def write(options):
         *(f"  - {module}" for module in modules),
         f"listen: {options.address}:{options.port}",
     ]
+    if options.peer_port:
+        lines.append(f"peer: {{listen: '{options.address}:{options.peer_port}', "
+                     f"answer_timeout_s: {options.peer_answer_s}}}")
     if options.settings:
         with open(options.settings, encoding="utf-8") as file:
             lines.append(file.read())

@@ -94,6 +94,9 @@ INSTANTIATE_TEST_SUITE_P(
                     BadFile{"listen_without_port", "listen: 127.0.0.1", "'listen'"},
                     BadFile{"listen_port_too_large", "listen: 127.0.0.1:70000", "'listen'"},
                     BadFile{"listen_with_text", "listen: '1:80; x'", "'listen'"},
+                    BadFile{"peer_listen_without_port", "peer: {listen: '*'}", "'peer.listen'"},
+                    BadFile{"peer_patience", "peer: {answer_timeout_s: 0}", "'peer.answer_timeout_s'"},
+                    BadFile{"peer_key", "peer: {key: /k}", "'peer.key'"},
                     BadFile{"half_of_tls", "tls: {key: /k}", "'tls'"},
                     BadFile{"account_name", "service_user: 'a b'", "'service_user'"},
                     BadFile{"nginx_account", "nginx: {user: 'a;b'}", "'nginx.user'"},
@@ -119,6 +122,16 @@ TEST(NginxConfiguration, HoldsTheSettingsAndNoMarkThatWasLeft) {
     EXPECT_EQ(plain.find("ssl"), std::string::npos);
     EXPECT_EQ(plain.find_first_of('@', plain.find("@busy {") + 1), std::string::npos);
     EXPECT_EQ(plain.find("_DIR@"), std::string::npos);
+}
+
+TEST(NginxConfiguration, ListensForPairedServersOverTlsOnlyWhenToldWhere) {
+    const std::string text = NginxConfiguration(Parse("peer: {listen: '*:5443'}"));
+    const std::size_t listener = text.find("listen *:5443 backlog=4096 ssl;");
+    ASSERT_NE(listener, std::string::npos);
+    EXPECT_NE(text.find("ssl_certificate_key \"/s/peer.key\";", listener), std::string::npos);
+    EXPECT_NE(text.find("fastcgi_pass korv_peer;", listener), std::string::npos);
+    EXPECT_EQ(text.find("PEER_"), std::string::npos);
+    EXPECT_EQ(NginxConfiguration(Parse("")).find("5443"), std::string::npos);
 }
 
 TEST(NginxConfiguration, RefusesWhatItCannotQuote) {

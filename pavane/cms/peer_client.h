@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <json/json.h>
+
+#include "pavane/http_post.h"
+
+// Sends to paired servers, with the reason when one fails; the contract's functions
+// (platform/pavane/cms.h) tell only whether.
+namespace pavane {
+
+enum class SendFailure {
+    kNone,         // an answer arrived that is a JSON object
+    kNotPaired,    // the server is not known, or there is no secret with it
+    kBadAddress,   // nothing is sent to an address like this
+    kUnreachable,  // no connection
+    kNoAnswer,     // connected, but no complete answer within the deadline or the limit
+    kKeyChanged,   // the server shows another key than the one pinned at pairing
+    kBadAnswer,    // the answer is no JSON object
+    kBroken,       // this server could not even try: its database, its memory
+};
+
+struct SendOutcome {
+    SendFailure failure = SendFailure::kBroken;
+    std::int64_t clockAhead_s = 0;  // how far the other clock is ahead of this one's, as its answer says
+};
+
+// Sends to the host, or to the recording server `rvId` for rvId > 0. `reply` is the answer, or null after a
+// failure, which the caller logs. Blocks for at most wait_s. Never throws.
+SendOutcome SendToPaired(int rvId, const Json::Value& request, int wait_s, Json::Value& reply);
+
+// What an exchange that went wrong failed at.
+SendFailure FailureOf(const HttpReply& answer);
+
+// The answer's body as an object; false for anything else, deep nesting included.
+bool ParseObject(const std::string& body, Json::Value& object);
+
+// One line without blanks.
+std::string CompactJson(const Json::Value& value);
+
+// True when a server whose clock is so far ahead (or behind, negative) can't accept this server's pairing
+// keys.
+bool IsClockTooFarOff(std::int64_t clockAhead_s);
+
+}  // namespace pavane

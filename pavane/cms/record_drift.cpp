@@ -1,0 +1,184 @@
+#include "pavane/cms/record_drift.h"
+
+#include <algorithm>
+#include <exception>
+
+#include <soci/soci.h>
+
+#include "pavane/log_line.h"
+#include "pavane/store/database.h"
+
+namespace pavane {
+
+namespace {
+
+constexpr const char* kSource = "pavane/cms/record_drift";
+
+// One value of a record that both sides keep.
+struct Field {
+    const char* name;
+    Json::Value (*get)(const RecShare& share);
+    void (*set)(RecShare& share, const Json::Value& value);
+};
+
+const Field kFields[] = {
+    {"name", [](const RecShare& share) { return Json::Value(share.GetName()); },
+     [](RecShare& share, const Json::Value& value) { share.SetName(value.asString()); }},
+    {"path", [](const RecShare& share) { return Json::Value(share.GetPath()); },
+     [](RecShare& share, const Json::Value& value) { share.SetPath(value.asString()); }},
+    {"volume", [](const RecShare& share) { return Json::Value(share.GetVolume()); },
+     [](RecShare& share, const Json::Value& value) { share.SetVolume(value.asString()); }},
+    {"description", [](const RecShare& share) { return Json::Value(share.GetDescription()); },
+     [](RecShare& share, const Json::Value& value) { share.SetDescription(value.asString()); }},
+    {"hidden", [](const RecShare& share) { return Json::Value(share.GetHidden()); },
+     [](RecShare& share, const Json::Value& value) { share.SetHidden(value.asBool()); }},
+    {"encType", [](const RecShare& share) { return Json::Value(static_cast<int>(share.GetEncType())); },
+     [](RecShare& share, const Json::Value& value) {
+         share.SetEncType(static_cast<SHARE_ENC_TYPE>(value.asInt()));
+     }},
+    {"fsType", [](const RecShare& share) { return Json::Value(static_cast<int>(share.GetFsType())); },
+     [](RecShare& share, const Json::Value& value) {
+         share.SetFsType(static_cast<_tag_FSTYPE>(value.asInt()));
+     }},
+    {"mountType", [](const RecShare& share) { return Json::Value(static_cast<int>(share.GetMountType())); },
+     [](RecShare& share, const Json::Value& value) {
+         share.SetMountType(static_cast<SHARE_MOUNT_TYPE>(value.asInt()));
+     }},
+    {"mountSource", [](const RecShare& share) { return Json::Value(share.GetMountSource()); },
+     [](RecShare& share, const Json::Value& value) { share.SetMountSource(value.asString()); }},
+    {"autoMount", [](const RecShare& share) { return Json::Value(share.GetAutoMount()); },
+     [](RecShare& share, const Json::Value& value) { share.SetAutoMount(value.asBool()); }},
+    {"migrating", [](const RecShare& share) { return Json::Value(share.GetMigrating()); },
+     [](RecShare& share, const Json::Value& value) { share.SetMigrating(value.asBool()); }},
+    {"recLimitGB", [](const RecShare& share) { return Json::Value(share.GetRecLimitGB()); },
+     [](RecShare& share, const Json::Value& value) { share.SetRecLimitGB(value.asInt()); }},
+    {"enableRecLimit", [](const RecShare& share) { return Json::Value(share.IsEnableRecLimit()); },
+     [](RecShare& share, const Json::Value& value) { share.EnableRecLimit(value.asBool()); }},
+    {"totalSizeMB", [](const RecShare& share) { return Json::Value(Json::UInt64{share.GetTotalSizeMB()}); },
+     [](RecShare& share, const Json::Value& value) { share.SetTotalSizeMB(value.asUInt64()); }},
+};
+
+// The host's record of the share that the recording server answers as `record`.
+RecShare RecordAtHost(int rvId, const Json::Value& record) {
+    RecShare share;
+    share.SetOwnerRvId(rvId);
+    share.SetIdOnRec(record["id"].asInt());
+    for (const Field& field : kFields) {
+        field.set(share, record[field.name]);
+    }
+    return share;
+}
+
+// Takes out of `known` the record that stands for `wanted`: the one of its id there; else one of its path,
+// whose id the host never learnt.
+bool TakeMatch(std::list<RecShare>& known, const RecShare& wanted, RecShare& match) {
+    auto found = std::find_if(known.begin(), known.end(), [&](const RecShare& share) {
+        return share.GetIdOnRec() == wanted.GetIdOnRec();
+    });
+    if (found == known.end()) {
+        found = std::find_if(known.begin(), known.end(),
+                             [&](const RecShare& share) { return share.GetPath() == wanted.GetPath(); });
+    }
+    if (found == known.end()) {
+        return false;
+    }
+    match = *found;
+    known.erase(found);
+    return true;
+}
+
+std::vector<std::string> DifferingFields(const RecShare& first, const RecShare& second) {
+    std::vector<std::string> names;
+    if (first.GetIdOnRec() != second.GetIdOnRec()) {
+        names.emplace_back("idOnRec");
+    }
+    for (const Field& field : kFields) {
+        if (field.get(first) != field.get(second)) {
+            names.emplace_back(field.name);
+        }
+    }
+    return names;
+}
+
+void DeleteRecord(int id) {
+    AppDatabase().Session() << "delete from recording_share where id = :id", soci::use(id);
+}
+
+// The record that the host keeps afterwards.
+RecShare Repaired(const Drift& drift) {
+    if (drift.kind == DriftKind::kMissing) {
+        return drift.wanted;
+    }
+    RecShare share = drift.atHost;
+    share.SetIdOnRec(drift.wanted.GetIdOnRec());
+    for (const Field& field : kFields) {
+        field.set(share, field.get(drift.wanted));
+    }
+    return share;
+}
+
+}  // namespace
+
+Json::Value OwnRecords() {
+    Json::Value records(Json::arrayValue);
+    for (const RecShare& share : LoadRecShareFromDB(0)) {
+        if (share.GetOwnerRvId() != 0) {
+            continue;
+        }
+        Json::Value record(Json::objectValue);
+        record["id"] = share.GetId();
+        for (const Field& field : kFields) {
+            record[field.name] = field.get(share);
+        }
+        records.append(record);
+    }
+    return records;
+}
+
+std::vector<Drift> FindDrift(int rvId, const Json::Value& answer) {
+    std::list<RecShare> known = LoadRecShareFromDB(rvId);
+    std::vector<Drift> drifts;
+    for (const Json::Value& record : answer) {
+        Drift drift;
+        drift.wanted = RecordAtHost(rvId, record);
+        if (TakeMatch(known, drift.wanted, drift.atHost)) {
+            drift.kind = DriftKind::kDiffers;
+            drift.fields = DifferingFields(drift.atHost, drift.wanted);
+        }
+        if (drift.kind == DriftKind::kMissing || !drift.fields.empty()) {
+            drifts.push_back(drift);
+        }
+    }
+    for (const RecShare& share : known) {
+        Drift drift;
+        drift.kind = DriftKind::kStale;
+        drift.atHost = share;
+        drifts.push_back(drift);
+    }
+    return drifts;
+}
+
+bool RepairDrift(const std::vector<Drift>& drifts) {
+    bool isDone = true;
+    // First what goes: its path may be another's by now.
+    for (const Drift& drift : drifts) {
+        if (drift.kind == DriftKind::kStale) {
+            try {
+                DeleteRecord(drift.atHost.GetId());
+            } catch (const std::exception& failure) {
+                PV_LOG_LINE(kSource, "Failed to delete a stale record: %s\n",
+                            DescribeFailure(failure).c_str());
+                isDone = false;
+            }
+        }
+    }
+    for (const Drift& drift : drifts) {
+        if (drift.kind != DriftKind::kStale) {
+            RecShare share = Repaired(drift);
+            isDone = share.Save() == 0 && isDone;
+        }
+    }
+    return isDone;
+}
+
+}  // namespace pavane

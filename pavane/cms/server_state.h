@@ -1,0 +1,48 @@
+#pragma once
+
+#include <string>
+
+#include <json/json.h>
+
+#include "platform/pavane/cms.h"
+
+#include "pavane/cms/peer_client.h"
+
+// How paired servers are, found out by asking them.
+namespace pavane {
+
+// What the application's own API for paired servers is called.
+inline constexpr const char* kCmsApi = "KORV.Pavane.CMS";
+
+// The state of one server.
+//   problem  empty when it is in order, else one of
+//            unreachable    no connection
+//            no_answer      connected, but no answer in time
+//            bad_answer     an answer that is none of a recorder, or of another one than was paired
+//            key_changed    it shows another key than when it was paired
+//            unpaired       it does not know this server any more
+//            clock          its clock is too far from this server's to accept pairing keys
+//            version        it runs another version
+//            busy           it answers, but with an error
+//            failed         this server could not ask
+struct ServerState {
+    RV_STATUS status = RV_STATUS_OFFLINE;
+    std::string problem;
+    std::string version;
+    bool answered = false;
+    std::string back;  // asked for the way back: the problem that it has with this server
+};
+
+// Asks the recording server `rvId` (> 0), or the host (0). With `wayBack` a recording server asks its host in
+// turn. Blocks for a few seconds at most.
+ServerState AskServer(int rvId, bool wayBack);
+
+// Asks and keeps the result where IsRvOnline and its like look; a change is logged.
+ServerState RefreshRecServer(int rvId, bool wayBack);
+
+// The periodic job: a host refreshes its recording servers, a recording server the state of its pairing.
+void RefreshServerStates();
+
+inline constexpr int kRefreshInterval_s = 5;
+
+}  // namespace pavane
