@@ -76,10 +76,10 @@ int RunMountKeeper() {
         do {
             CareOnce();
         } while (Pause(stopSignals, supervisor));
-        return kWorkerDone;
+        return kProcessDone;
     } catch (const std::exception& error) {
         LogLine(std::string("the care for mounts could not start: ") + error.what());
-        return kWorkerFailed;
+        return kProcessFailed;
     }
 }
 
