@@ -95,6 +95,18 @@ void CopyRange(int source, int target, off_t offset, off_t end, const CopyObserv
     }
 }
 
+// Where the file has content at or behind `offset`; `offset` itself when the file system can't tell.
+off_t NextData(int file, off_t offset, off_t size) {
+    if (offset >= size) {
+        return size;
+    }
+    const off_t data = lseek(file, offset, SEEK_DATA);
+    if (data < 0) {
+        return errno == ENXIO ? size : offset;
+    }
+    return data;
+}
+
 bool IsSameTime(const timespec& left, const timespec& right) {
     return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
 }
@@ -122,20 +134,28 @@ void CopyContent(int source, int target, const CopyObserver& observer) {
 }
 
 bool HasSameContent(int source, int target, const CopyObserver& observer) {
+    struct stat left {};
+    struct stat right {};
+    Check(fstat(source, &left) == 0, Where::kSource, "look at a file");
+    Check(fstat(target, &right) == 0, Where::kTarget, "look at a file");
+    if (left.st_size != right.st_size) {
+        return false;
+    }
     posix_fadvise(source, 0, 0, POSIX_FADV_SEQUENTIAL);
     posix_fadvise(target, 0, 0, POSIX_FADV_SEQUENTIAL);
     off_t offset = 0;
     while (true) {
-        const std::size_t left = ReadAt(source, Buffer(0), offset, kBlock, Where::kSource);
-        const std::size_t right = ReadAt(target, Buffer(1), offset, kBlock, Where::kTarget);
-        observer(left);
-        if (left != right || std::memcmp(Buffer(0).data(), Buffer(1).data(), left) != 0) {
-            return false;
-        }
-        if (left < kBlock) {
+        offset = std::min(NextData(source, offset, left.st_size), NextData(target, offset, left.st_size));
+        if (offset >= left.st_size) {
             return true;
         }
-        offset += static_cast<off_t>(left);
+        const std::size_t length = ReadAt(source, Buffer(0), offset, kBlock, Where::kSource);
+        const std::size_t copied = ReadAt(target, Buffer(1), offset, kBlock, Where::kTarget);
+        observer(length);
+        if (length != copied || length == 0 || std::memcmp(Buffer(0).data(), Buffer(1).data(), length) != 0) {
+            return false;
+        }
+        offset += static_cast<off_t>(length);
     }
 }
 

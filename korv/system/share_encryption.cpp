@@ -140,9 +140,14 @@ void EncryptionPlaces::ShowView(const std::string& from, const std::string& at) 
     Check(mount(from.c_str(), at.c_str(), nullptr, MS_BIND, nullptr) == 0, "cannot mount a folder");
 }
 
+// A process that was killed while it mounted may have left one mount upon another.
 void EncryptionPlaces::HideView() {
-    const CipherEnd end = m_atView.Unmount(kBusyPatience, true);
-    if (end != CipherEnd::kDone && end != CipherEnd::kNotMounted) {
+    constexpr int kMostMounts = 8;
+    CipherEnd end = CipherEnd::kDone;
+    for (int i = 0; i < kMostMounts && end == CipherEnd::kDone; ++i) {
+        end = m_atView.Unmount(kBusyPatience, true);
+    }
+    if (end != CipherEnd::kNotMounted) {
         throw MoveFailure{MoveEnd::kBlocked, "cannot unmount the encrypted files"};
     }
 }
