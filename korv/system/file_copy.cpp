@@ -80,7 +80,8 @@ off_t CopyInKernel(int source, int target, off_t offset, off_t end, const CopyOb
     return offset;
 }
 
-void CopyRange(int source, int target, off_t offset, off_t end, const CopyObserver& observer) {
+// Returns where it stopped, at the latest at `end`.
+off_t CopyRange(int source, int target, off_t offset, off_t end, const CopyObserver& observer) {
     offset = CopyInKernel(source, target, offset, end, observer);
     std::vector<char>& buffer = Buffer(0);
     while (offset < end) {
@@ -88,11 +89,12 @@ void CopyRange(int source, int target, off_t offset, off_t end, const CopyObserv
         const std::size_t length = ReadAt(source, buffer, offset, most, Where::kSource);
         WriteAt(target, buffer.data(), length, offset);
         observer(length);
+        offset += static_cast<off_t>(length);
         if (length < most) {
             break;  // it has become shorter meanwhile
         }
-        offset += static_cast<off_t>(length);
     }
+    return offset;
 }
 
 // Where the file has content at or behind `offset`; `offset` itself when the file system can't tell.
@@ -118,6 +120,7 @@ void CopyContent(int source, int target, const CopyObserver& observer) {
     Check(fstat(source, &status) == 0, Where::kSource, "look at a file");
     posix_fadvise(source, 0, 0, POSIX_FADV_SEQUENTIAL);
     off_t offset = 0;
+    off_t written = 0;
     while (offset < status.st_size) {
         off_t data = lseek(source, offset, SEEK_DATA);
         if (data < 0 && errno == ENXIO) {
@@ -127,10 +130,11 @@ void CopyContent(int source, int target, const CopyObserver& observer) {
         data = knowsHoles ? data : offset;
         const off_t hole = knowsHoles ? lseek(source, data, SEEK_HOLE) : status.st_size;
         const off_t end = hole > data ? std::min(hole, status.st_size) : status.st_size;
-        CopyRange(source, target, data, end, observer);
+        written = CopyRange(source, target, data, end, observer);
         offset = end;
     }
-    Check(ftruncate(target, status.st_size) == 0, Where::kTarget, "set a file's size");
+    Check(written == status.st_size || ftruncate(target, status.st_size) == 0, Where::kTarget,
+          "set a file's size");
 }
 
 bool HasSameContent(int source, int target, const CopyObserver& observer) {
@@ -162,8 +166,16 @@ bool HasSameContent(int source, int target, const CopyObserver& observer) {
 // Changing the owner clears mode bits and capabilities, changing the mode rewrites an ACL's mask, and all of
 // it touches times, hence the order.
 void CopyAttributes(int source, const struct stat& status, int target) {
-    Check(fchown(target, status.st_uid, status.st_gid) == 0, Where::kTarget, "set an owner");
-    Check(fchmod(target, status.st_mode & kModeBits) == 0, Where::kTarget, "set a mode");
+    struct stat copy {};
+    Check(fstat(target, &copy) == 0, Where::kTarget, "look at a copy");
+    // A new file mostly has both already, and on an encrypted folder each call is a way to another process.
+    if (copy.st_uid != status.st_uid || copy.st_gid != status.st_gid) {
+        Check(fchown(target, status.st_uid, status.st_gid) == 0, Where::kTarget, "set an owner");
+        copy.st_mode = 0;
+    }
+    if ((copy.st_mode & kModeBits) != (status.st_mode & kModeBits)) {
+        Check(fchmod(target, status.st_mode & kModeBits) == 0, Where::kTarget, "set a mode");
+    }
     errno = AttributeFile(source).CopyTo(AttributeFile(target));
     Check(errno == 0, Where::kTarget, "set an attribute");
     const timespec times[] = {status.st_atim, status.st_mtim};

@@ -22,6 +22,7 @@ using Where = CopyError::Where;
 
 constexpr mode_t kPrivateFolder = S_IRWXU;
 constexpr mode_t kPrivateFile = S_IRUSR | S_IWUSR;
+constexpr mode_t kPlainModes = S_IRWXU | S_IRWXG | S_IRWXO;
 
 [[noreturn]] void Fail(Where where, int error, const char* action) { throw CopyError{where, error, action}; }
 
@@ -285,7 +286,8 @@ private:
         Check(fstat(source, &before) == 0, Where::kSource, "look at a file");
         RemoveCopy(name, copy);
         const FileDescriptor target(openat(m_target.Current(), name.c_str(),
-                                           O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kPrivateFile));
+                                           O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                                           before.st_mode & kPlainModes));
         Check(static_cast<bool>(target), Where::kTarget, "make a file");
         CopyContent(source, target.Get(), [this](std::uint64_t bytes) {
             m_counts.copied_bytes += bytes;
