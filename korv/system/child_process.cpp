@@ -12,6 +12,7 @@
 #include <thread>
 
 #include <linux/close_range.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 
 #include "include/run_as_scope.h"
@@ -94,7 +95,9 @@ void BecomeProgram(const std::string& path, std::vector<std::string> arguments, 
     const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
     ResetSignals();
     if (nothing < 0 || !BecomeRootForGood() || dup2(input, STDIN_FILENO) < 0 ||
-        dup2(nothing, STDOUT_FILENO) < 0 || dup2(nothing, STDERR_FILENO) < 0 || chdir("/") != 0) {
+        // Changing ids would clear it.
+        prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || dup2(nothing, STDOUT_FILENO) < 0 ||
+        dup2(nothing, STDERR_FILENO) < 0 || chdir("/") != 0) {
         return;
     }
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);

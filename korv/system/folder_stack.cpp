@@ -90,4 +90,12 @@ std::string FolderStack::PathOf(const std::string& name) const {
     return path + name;
 }
 
+std::string FolderStack::FullPathOf(const std::string& name) const {
+    std::string path;
+    for (std::size_t i = 1; i < m_levels.size(); ++i) {
+        path += m_levels[i].name + "/";
+    }
+    return path + name;
+}
+
 }  // namespace korv

@@ -37,6 +37,8 @@ public:
     int OpenAbove();
     // From the root to `name` in the current folder, for people: the middle of a very long path is left out.
     std::string PathOf(const std::string& name) const;
+    // The same in full, as long as it is.
+    std::string FullPathOf(const std::string& name) const;
 
 private:
     struct Level {

@@ -2,6 +2,8 @@
 add_executable(korv_engine_test
     cipher_folder_test.cpp
     private_machine.cpp
+    share_move_test.cpp
+    tree_manifest.cpp
     tree_remove_test.cpp
 )
 target_link_libraries(korv_engine_test PRIVATE korv soci_core acl GTest::gtest)

@@ -1,0 +1,274 @@
+#include "korv/system/share_encryption.h"
+
+#include <btrfsutil.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+#include <utility>
+
+#include <linux/fs.h>
+#include <linux/magic.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/vfs.h>
+#include <sys/xattr.h>
+
+#include "include/folder_stream.h"
+#include "korv/system/extended_attributes.h"
+#include "korv/system/tree_remove.h"
+
+namespace korv {
+
+namespace {
+
+constexpr const char* kHidden = ".korv";
+constexpr const char* kTokenAttribute = "trusted.korv.share";
+constexpr mode_t kPrivateMode = S_IRWXU;
+constexpr std::chrono::seconds kBusyPatience(3);
+
+void Check(bool isRight, const char* what) {
+    if (!isRight) {
+        throw std::system_error(errno, std::generic_category(), what);
+    }
+}
+
+FileDescriptor OpenFolder(const std::string& path) {
+    FileDescriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+    Check(static_cast<bool>(folder), "cannot open a folder");
+    return folder;
+}
+
+void MakeFolder(int above, const std::string& name) {
+    Check(mkdirat(above, name.c_str(), kPrivateMode) == 0 || errno == EEXIST, "cannot make a folder");
+}
+
+void MakeForFiles(int above, const std::string& name) {
+    struct statfs facts {};
+    Check(fstatfs(above, &facts) == 0, "cannot ask for the file system");
+    if (facts.f_type != BTRFS_SUPER_MAGIC) {
+        Check(mkdirat(above, name.c_str(), kPrivateMode) == 0, "cannot make a folder");
+        return;
+    }
+    Check(btrfs_util_create_subvolume_fd(above, name.c_str(), 0, nullptr, nullptr) == BTRFS_UTIL_OK,
+          "cannot make a subvolume");
+}
+
+// So that a share whose encrypted files are locked is still known by its folder.
+void CopyToken(int from, int to) {
+    constexpr std::size_t kLongest = 64;
+    std::array<char, kLongest> token{};
+    const ssize_t length = fgetxattr(from, kTokenAttribute, token.data(), token.size());
+    Check(length >= 0 || errno == ENODATA, "cannot read a folder's token");
+    Check(
+        length < 0 || fsetxattr(to, kTokenAttribute, token.data(), static_cast<std::size_t>(length), 0) == 0,
+        "cannot mark a folder");
+}
+
+[[noreturn]] void FailLocked() { throw MoveFailure{MoveEnd::kLocked, "the encrypted files are locked"}; }
+
+}  // namespace
+
+EncryptionPlaces::EncryptionPlaces(std::string volume, std::string name, const std::string& token)
+    : m_volume(std::move(volume)),
+      m_name(std::move(name)),
+      m_cipher(CipherFolder::PathFor(m_volume, token).substr(m_volume.size() + 1)),
+      m_aside(std::string(kHidden) + "/move/" + token),
+      m_view(std::string(kHidden) + "/view/" + token),
+      m_atShare(m_volume + "/" + m_cipher, SharePath()),
+      m_atView(m_volume + "/" + m_cipher, m_volume + "/" + m_view) {}
+
+std::uint64_t EncryptionPlaces::FreeBytes() {
+    struct statvfs facts {};
+    Check(fstatvfs(OpenFolder(m_volume).Get(), &facts) == 0, "cannot ask for free space");
+    return facts.f_bavail * facts.f_frsize;
+}
+
+bool EncryptionPlaces::HasSwitched() {
+    const FileDescriptor volume = OpenFolder(m_volume);
+    const FileDescriptor aside(OpenBeneath(volume.Get(), m_aside.c_str(), O_RDONLY | O_DIRECTORY));
+    if (!aside) {
+        Check(errno == ENOENT, "cannot open a folder");
+        return false;
+    }
+    const bool isMarked = fgetxattr(aside.Get(), kMoveMark, nullptr, 0) >= 0;
+    Check(isMarked || errno == ENODATA, "cannot read a folder's mark");
+    return !isMarked;
+}
+
+// The folder appears under its name with its mark on it.
+void EncryptionPlaces::PrepareAside(bool isForFiles) {
+    const FileDescriptor volume = OpenFolder(m_volume);
+    MakeFolder(volume.Get(), kHidden);
+    MakeFolder(volume.Get(), std::string(kHidden) + "/move");
+    MakeFolder(volume.Get(), std::string(kHidden) + "/view");
+    MakeFolder(volume.Get(), m_view);
+    struct stat status {};
+    if (fstatat(volume.Get(), m_aside.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
+        return;
+    }
+    const std::string staged = m_aside + ".new";
+    RemoveHidden(staged);
+    isForFiles ? MakeForFiles(volume.Get(), staged) : MakeFolder(volume.Get(), staged);
+    const FileDescriptor folder = OpenHidden(staged);
+    CopyToken(OpenSource().Get(), folder.Get());
+    Check(fsetxattr(folder.Get(), kMoveMark, "1", 1, 0) == 0, "cannot mark a folder");
+    Check(fsync(folder.Get()) == 0, "cannot write a folder to the disk");
+    Check(renameat2(volume.Get(), staged.c_str(), volume.Get(), m_aside.c_str(), RENAME_NOREPLACE) == 0,
+          "cannot name a folder");
+    Check(syncfs(volume.Get()) == 0, "cannot write to the disk");
+}
+
+void EncryptionPlaces::Exchange() {
+    const FileDescriptor volume = OpenFolder(m_volume);
+    if (!HasSwitched()) {
+        Check(renameat2(volume.Get(), m_name.c_str(), volume.Get(), m_aside.c_str(), RENAME_EXCHANGE) == 0,
+              "cannot exchange two folders");
+        Check(syncfs(volume.Get()) == 0, "cannot write to the disk");
+    }
+    const FileDescriptor share(OpenBeneath(volume.Get(), m_name.c_str(), O_RDONLY | O_DIRECTORY));
+    // Something mounted there says that this was done.
+    Check(share || errno == EXDEV, "cannot open a folder");
+    Check(!share || fremovexattr(share.Get(), kMoveMark) == 0 || errno == ENODATA, "cannot unmark a folder");
+}
+
+void EncryptionPlaces::ShowView(const std::string& from, const std::string& at) {
+    Check(mount(from.c_str(), at.c_str(), nullptr, MS_BIND, nullptr) == 0, "cannot mount a folder");
+}
+
+// A process that was killed while it mounted may have left one mount upon another.
+void EncryptionPlaces::HideView() {
+    constexpr int kMostMounts = 8;
+    CipherEnd end = CipherEnd::kDone;
+    for (int i = 0; i < kMostMounts && end == CipherEnd::kDone; ++i) {
+        end = m_atView.Unmount(kBusyPatience, true);
+    }
+    if (end != CipherEnd::kNotMounted) {
+        throw MoveFailure{MoveEnd::kBlocked, "cannot unmount the encrypted files"};
+    }
+}
+
+bool EncryptionPlaces::RemoveHidden(const std::string& path) {
+    return RemoveTree(OpenFolder(m_volume).Get(), path).isGone;
+}
+
+FileDescriptor EncryptionPlaces::OpenHidden(const std::string& path) {
+    FileDescriptor folder(OpenBeneath(OpenFolder(m_volume).Get(), path.c_str(), O_RDONLY | O_DIRECTORY));
+    Check(static_cast<bool>(folder), "cannot open a folder");
+    return folder;
+}
+
+FileDescriptor EncryptionPlaces::OpenMounted(const CipherFolder& folder) {
+    if (folder.State() != CipherState::kUnlocked) {
+        FailLocked();
+    }
+    return OpenFolder(folder.MountPath());
+}
+
+EncryptPlaces::EncryptPlaces(std::string volume, std::string name, const std::string& token,
+                             std::string password)
+    : EncryptionPlaces(std::move(volume), std::move(name), token), m_password(std::move(password)) {}
+
+FileDescriptor EncryptPlaces::OpenSource() { return OpenHidden(HasSwitched() ? m_aside : m_name); }
+
+FileDescriptor EncryptPlaces::OpenTarget() {
+    if (HasSwitched()) {
+        return OpenMounted(m_atShare);
+    }
+    MountView();
+    return OpenMounted(m_atView);
+}
+
+void EncryptPlaces::PrepareTarget() {
+    PrepareAside(false);
+    if (m_atView.State() == CipherState::kAbsent) {
+        RemoveHidden(m_cipher);  // half made
+        const CipherEnd end = m_atView.Init(m_password);
+        if (end != CipherEnd::kDone) {
+            throw MoveFailure{end == CipherEnd::kNoSpace ? MoveEnd::kNoSpace : MoveEnd::kFailed,
+                              "cannot make an encrypted folder"};
+        }
+    }
+    MountView();
+}
+
+void EncryptPlaces::MountView() {
+    CipherState state = m_atView.State();
+    if (state == CipherState::kBroken) {
+        HideView();
+        state = CipherState::kLocked;
+    }
+    if (state != CipherState::kUnlocked && m_atView.Mount(m_password) != CipherEnd::kDone) {
+        FailLocked();
+    }
+}
+
+void EncryptPlaces::Switch() {
+    Exchange();
+    if (m_atShare.State() == CipherState::kBroken) {
+        m_atShare.Unmount(kBusyPatience, true);
+    }
+    if (m_atView.State() == CipherState::kUnlocked && m_atShare.State() != CipherState::kUnlocked) {
+        ShowView(m_atView.MountPath(), SharePath());
+    }
+    HideView();
+}
+
+bool EncryptPlaces::RemoveSource() {
+    RemoveHidden(m_view);
+    return RemoveHidden(m_aside);
+}
+
+bool EncryptPlaces::RemoveTarget() {
+    HideView();
+    const bool isGone = RemoveHidden(m_cipher) && RemoveHidden(m_aside + ".new") && RemoveHidden(m_view);
+    return RemoveHidden(m_aside) && isGone;
+}
+
+// After the switch and a restart only the old mount point is left to look at; nobody can have written there.
+FileDescriptor DecryptPlaces::OpenSource() {
+    if (m_atView.State() == CipherState::kUnlocked) {
+        return OpenFolder(m_atView.MountPath());
+    }
+    return HasSwitched() ? OpenHidden(m_aside) : OpenMounted(m_atShare);
+}
+
+FileDescriptor DecryptPlaces::OpenTarget() { return OpenHidden(HasSwitched() ? m_name : m_aside); }
+
+void DecryptPlaces::PrepareTarget() { PrepareAside(true); }
+
+void DecryptPlaces::Detach() {
+    if (m_atShare.State() != CipherState::kUnlocked) {
+        return;
+    }
+    if (m_atView.State() != CipherState::kUnlocked) {
+        HideView();
+        ShowView(SharePath(), m_atView.MountPath());
+    }
+    if (m_atShare.Unmount(kBusyPatience, false) != CipherEnd::kDone) {
+        throw MoveFailure{MoveEnd::kSourceBusy, "files of the share are in use"};
+    }
+}
+
+void DecryptPlaces::Switch() { Exchange(); }
+
+bool DecryptPlaces::RemoveSource() {
+    HideView();
+    const bool isGone = RemoveHidden(m_view) && RemoveHidden(m_cipher);
+    return isGone && RemoveHidden(m_aside);
+}
+
+bool DecryptPlaces::RemoveTarget() {
+    if (m_atView.State() == CipherState::kUnlocked && m_atShare.State() == CipherState::kLocked) {
+        ShowView(m_atView.MountPath(), SharePath());
+    }
+    HideView();
+    const bool isGone = RemoveHidden(m_aside + ".new") && RemoveHidden(m_view);
+    return RemoveHidden(m_aside) && isGone;
+}
+
+}  // namespace korv

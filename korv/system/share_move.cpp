@@ -1,0 +1,290 @@
+#include "korv/system/share_move.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <system_error>
+#include <thread>
+
+#include "include/run_as_scope.h"
+#include "korv/system/tree_sync.h"
+
+namespace korv {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kMostCatchUps = 5;
+constexpr std::uint64_t kSmallCatchUp_bytes = std::uint64_t{64} << 20;
+constexpr std::chrono::milliseconds kFollowPause(500);
+constexpr std::int64_t kClockSlack_s = 2;
+// What encryption adds: 32 bytes to each 4 KiB, and up to two blocks to each entry.
+constexpr std::uint64_t kContentPerExtra = 100;
+constexpr std::uint64_t kEntryExtra_bytes = 8192;
+
+struct Wished {
+    MoveWish wish = MoveWish::kGoOn;
+};
+
+MoveFailure Explain(const CopyError& error) {
+    MoveFailure failure;
+    failure.reason = std::string("cannot ") + error.action + " of the " +
+                     (error.where == CopyError::Where::kSource ? "source: " : "target: ") +
+                     std::generic_category().message(error.error);
+    if (error.where == CopyError::Where::kTarget && (error.error == ENOSPC || error.error == EDQUOT)) {
+        failure.end = MoveEnd::kNoSpace;
+    } else if (error.where == CopyError::Where::kSource && error.error == EXDEV) {
+        failure.end = MoveEnd::kMountInside;
+    } else if (error.where == CopyError::Where::kTarget && error.error == EIO) {
+        failure.end = MoveEnd::kDiffers;
+    }
+    return failure;
+}
+
+bool IsOver(MoveStep step) { return step == MoveStep::kDone || step == MoveStep::kUndone; }
+
+bool CanBeUndone(MoveStep step) { return step < MoveStep::kFollow; }
+
+class Mover {
+public:
+    Mover(MovePlaces& places, MoveState state, const MoveObserver& observer, const MoveLimits& limits)
+        : m_places(places), m_state(state), m_observer(observer), m_limits(limits) {}
+
+    MoveResult Run() {
+        while (!IsOver(m_state.step)) {
+            MoveFailure failure;
+            try {
+                DoStep();
+                continue;
+            } catch (const Wished& wished) {
+                failure.end = wished.wish == MoveWish::kCancel ? MoveEnd::kCancelled : MoveEnd::kPaused;
+            } catch (const CopyError& error) {
+                failure = Explain(error);
+            } catch (const MoveFailure& thrown) {
+                failure = thrown;
+            } catch (const std::system_error& error) {
+                if (m_isSaving) {
+                    throw;
+                }
+                failure.reason = error.what();
+                failure.end = error.code().value() == ENOSPC || error.code().value() == EDQUOT
+                                  ? MoveEnd::kNoSpace
+                                  : MoveEnd::kFailed;
+            }
+            m_reason = failure.reason.empty() ? m_reason : failure.reason;
+            if (!BeginUndo(failure.end)) {
+                return {failure.end, m_reason};
+            }
+        }
+        return {m_state.step == MoveStep::kDone ? MoveEnd::kDone : m_state.reason, m_reason};
+    }
+
+private:
+    // False when the move has to stay as it is.
+    bool BeginUndo(MoveEnd end) {
+        const bool mayGoOnLater =
+            end == MoveEnd::kPaused || end == MoveEnd::kSourceBusy || end == MoveEnd::kLocked;
+        // A crash between the rename and saving it leaves the step before.
+        if (mayGoOnLater || !CanBeUndone(m_state.step) ||
+            (m_state.step == MoveStep::kSwitch && m_places.HasSwitched())) {
+            return false;
+        }
+        m_state.reason = end;
+        GoTo(MoveStep::kUndo);
+        return true;
+    }
+
+    void DoStep() {
+        switch (m_state.step) {
+            case MoveStep::kMeasure:
+                return Measure();
+            case MoveStep::kPrepare:
+                m_places.PrepareTarget();
+                return GoTo(MoveStep::kCopy);
+            case MoveStep::kCopy:
+                return Copy();
+            case MoveStep::kVerify:
+                return Verify();
+            case MoveStep::kCatchUp:
+                return CatchUp();
+            case MoveStep::kSwitch:
+                return Switch();
+            case MoveStep::kFollow:
+                return Follow();
+            case MoveStep::kRemoveSource:
+                return RemoveOld(m_places.RemoveSource(), MoveStep::kDone);
+            case MoveStep::kUndo:
+                return RemoveOld(m_places.RemoveTarget(), MoveStep::kUndone);
+            case MoveStep::kDone:
+            case MoveStep::kUndone:
+                return;
+        }
+    }
+
+    void Measure() {
+        const TreeSize size = MeasureTree(m_places.OpenSource().Get(), Observe(nullptr));
+        const std::uint64_t needed_bytes = size.content_bytes + size.content_bytes / kContentPerExtra +
+                                           size.entries * kEntryExtra_bytes + m_limits.spare_bytes;
+        if (m_places.FreeBytes() < needed_bytes) {
+            throw MoveFailure{MoveEnd::kNoSpace, "the copy needs " + std::to_string(needed_bytes) + " bytes"};
+        }
+        m_state.total_bytes = size.content_bytes;
+        GoTo(MoveStep::kPrepare);
+    }
+
+    void Copy() {
+        m_state.copied_bytes = 0;
+        Sync(SyncMode::kCopy, Observe(&m_state.copied_bytes));
+        Flush();
+        GoTo(MoveStep::kVerify);
+    }
+
+    void Verify() {
+        m_state.verified_bytes = 0;
+        const std::int64_t start_s = Now();
+        Sync(SyncMode::kVerify, Observe(&m_state.verified_bytes));
+        m_state.changedSince_s = start_s;
+        GoTo(MoveStep::kCatchUp);
+    }
+
+    void CatchUp() {
+        std::uint64_t copied_bytes = 0;
+        int passes = 0;
+        do {
+            copied_bytes = CatchUpOnce();
+        } while (copied_bytes > kSmallCatchUp_bytes && ++passes < kMostCatchUps);
+        Flush();
+        GoTo(MoveStep::kSwitch);
+    }
+
+    std::uint64_t CatchUpOnce() {
+        const std::int64_t start_s = Now();
+        const SyncCounts counts = Sync(SyncMode::kCatchUp, Observe(nullptr));
+        m_state.changedSince_s = start_s;
+        Save();
+        return counts.copied_bytes;
+    }
+
+    void Switch() {
+        if (!m_places.HasSwitched()) {
+            m_places.Detach();
+            CatchUpOnce();
+            Flush();
+        }
+        m_places.Switch();
+        GoTo(MoveStep::kFollow);
+    }
+
+    void Follow() {
+        const Clock::time_point end = Clock::now() + m_limits.followPatience;
+        m_places.Switch();  // a crash may have left its last part undone
+        while (Sync(SyncMode::kFollow, Observe(nullptr)).beingWritten > 0) {
+            if (Clock::now() >= end) {
+                throw MoveFailure{MoveEnd::kSourceBusy, "files of the old folder are still being written"};
+            }
+            Observe(nullptr)(0);
+            std::this_thread::sleep_for(kFollowPause);
+        }
+        Flush();
+        GoTo(MoveStep::kRemoveSource);
+    }
+
+    void RemoveOld(bool isGone, MoveStep next) {
+        if (!isGone) {
+            throw MoveFailure{MoveEnd::kBlocked, "something of the old folder can't be removed"};
+        }
+        GoTo(next);
+    }
+
+    SyncCounts Sync(SyncMode mode, const CopyObserver& observe) {
+        const FileDescriptor source = m_places.OpenSource();
+        const FileDescriptor target = m_places.OpenTarget();
+        return SyncTree(source.Get(), target.Get(), mode, m_state.changedSince_s, observe);
+    }
+
+    void Flush() {
+        if (syncfs(m_places.OpenTarget().Get()) != 0) {
+            throw CopyError{CopyError::Where::kTarget, errno, "write to the disk"};
+        }
+    }
+
+    // Adds to `progress`, asks for wishes and saves now and then.
+    CopyObserver Observe(std::uint64_t* progress) {
+        return [this, progress](std::uint64_t bytes) {
+            if (progress != nullptr) {
+                *progress += bytes;
+            }
+            const Clock::time_point now = Clock::now();
+            if (now < m_nextQuestion) {
+                return;
+            }
+            m_nextQuestion = now + kBetweenQuestions;
+            const MoveWish wish = m_observer.wish ? m_observer.wish() : MoveWish::kGoOn;
+            if (wish == MoveWish::kPause || (wish == MoveWish::kCancel && CanBeUndone(m_state.step))) {
+                throw Wished{wish};
+            }
+            if (progress != nullptr && now >= m_nextSave) {
+                Save();
+            }
+        };
+    }
+
+    void GoTo(MoveStep step) {
+        m_state.step = step;
+        Save();
+    }
+
+    void Save() {
+        m_nextSave = Clock::now() + m_limits.saveInterval;
+        m_isSaving = true;
+        m_observer.save(m_state);
+        m_isSaving = false;
+    }
+
+    static std::int64_t Now() { return time(nullptr) - kClockSlack_s; }
+
+    static constexpr std::chrono::milliseconds kBetweenQuestions{20};
+
+    MovePlaces& m_places;
+    MoveState m_state;
+    const MoveObserver& m_observer;
+    const MoveLimits& m_limits;
+    std::string m_reason;
+    bool m_isSaving = false;
+    Clock::time_point m_nextQuestion{};
+    Clock::time_point m_nextSave{};
+};
+
+}  // namespace
+
+int MoveState::Percent() const {
+    constexpr std::uint64_t kAll = 100;
+    constexpr std::uint64_t kNearly = 99;
+    if (IsOver(step)) {
+        return static_cast<int>(kAll);
+    }
+    // Sources grow while they are copied.
+    const std::uint64_t done_bytes =
+        std::min(copied_bytes, total_bytes) + std::min(verified_bytes, total_bytes);
+    if (step > MoveStep::kVerify && step < MoveStep::kUndo) {
+        return static_cast<int>(kNearly);
+    }
+    return total_bytes == 0 ? 0
+                            : static_cast<int>(std::min(done_bytes * kNearly / (2 * total_bytes), kNearly));
+}
+
+MoveResult RunMove(MovePlaces& places, MoveState state, const MoveObserver& observer,
+                   const MoveLimits& limits) {
+    const RunAsScope root = IF_RUN_AS;
+    if (!root) {
+        return {MoveEnd::kPaused, "cannot become root"};
+    }
+    return Mover(places, state, observer, limits).Run();
+}
+
+}  // namespace korv

@@ -1,0 +1,389 @@
+#include "korv/system/tree_sync.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <map>
+#include <utility>
+#include <vector>
+
+#include "include/folder_stream.h"
+#include "korv/system/file_descriptor.h"
+#include "korv/system/folder_stack.h"
+#include "korv/system/tree_remove.h"
+
+namespace korv {
+
+namespace {
+
+using Where = CopyError::Where;
+
+constexpr mode_t kPrivateFolder = S_IRWXU;
+constexpr mode_t kPrivateFile = S_IRUSR | S_IWUSR;
+constexpr mode_t kPlainModes = S_IRWXU | S_IRWXG | S_IRWXO;
+
+[[noreturn]] void Fail(Where where, int error, const char* action) { throw CopyError{where, error, action}; }
+
+void Check(bool isRight, Where where, const char* action) {
+    if (!isRight) {
+        Fail(where, errno, action);
+    }
+}
+
+// False when there is no such entry.
+bool StatEntry(int folder, const char* name, struct stat& status, Where where) {
+    if (fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+        return true;
+    }
+    Check(errno == ENOENT, where, "look at an entry");
+    return false;
+}
+
+bool IsSameKindAndTime(const struct stat& left, const struct stat& right) {
+    return (left.st_mode & S_IFMT) == (right.st_mode & S_IFMT) && left.st_rdev == right.st_rdev &&
+           left.st_mtim.tv_sec == right.st_mtim.tv_sec && left.st_mtim.tv_nsec == right.st_mtim.tv_nsec;
+}
+
+bool IsNewer(const struct stat& left, const struct stat& right) {
+    return left.st_mtim.tv_sec != right.st_mtim.tv_sec ? left.st_mtim.tv_sec > right.st_mtim.tv_sec
+                                                       : left.st_mtim.tv_nsec > right.st_mtim.tv_nsec;
+}
+
+std::string ReadLink(const EntryRef& link, Where where) {
+    constexpr std::size_t kLongest = 4096;
+    std::string text(kLongest, '\0');
+    const ssize_t length = readlinkat(link.folder, link.name, text.data(), text.size());
+    Check(length >= 0, where, "read a link");
+    text.resize(static_cast<std::size_t>(length));
+    return text;
+}
+
+// Opens the folder that holds `path`, however long that is, name by name.
+FileDescriptor OpenFolderOf(int root, const std::string& path, std::string& name) {
+    FileDescriptor folder(fcntl(root, F_DUPFD_CLOEXEC, 0));
+    std::size_t start = 0;
+    for (std::size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', start)) {
+        folder = FileDescriptor(
+            OpenBeneath(folder.Get(), path.substr(start, slash - start).c_str(), O_RDONLY | O_DIRECTORY));
+        Check(static_cast<bool>(folder), Where::kTarget, "find a file's first name");
+        start = slash + 1;
+    }
+    name = path.substr(start);
+    return folder;
+}
+
+// A read lease is refused while someone has the file open for writing; a file system without leases can't
+// tell.
+bool IsBeingWritten(int file) {
+    fcntl(file, F_SETSIG, SIGURG);  // ignored, unlike what a broken lease would send by default
+    if (fcntl(file, F_SETLEASE, F_RDLCK) == 0) {
+        fcntl(file, F_SETLEASE, F_UNLCK);
+        return false;
+    }
+    return errno == EAGAIN;
+}
+
+// One pass. Source and target are walked in step.
+class Pass {
+public:
+    Pass(int source, int target, SyncMode mode, std::int64_t changedSince_s, const CopyObserver& observer)
+        : m_source(FileDescriptor(fcntl(source, F_DUPFD_CLOEXEC, 0))),
+          m_target(FileDescriptor(fcntl(target, F_DUPFD_CLOEXEC, 0))),
+          m_targetRoot(target),
+          m_mode(mode),
+          m_changedSince_s(changedSince_s),
+          m_observer(observer),
+          m_streams(1) {}
+
+    SyncCounts Run() {
+        while (true) {
+            FolderEntry entry;
+            if (m_streams.back().Next(m_source.Current(), entry)) {
+                m_observer(0);
+                Visit(std::string(entry.name));
+                continue;
+            }
+            const int error = m_streams.back().Error();
+            if (error != 0 && error != ENOENT) {
+                Fail(Where::kSource, error, "list a folder");
+            }
+            FinishFolder();
+            if (m_source.Depth() == 0) {
+                return m_counts;
+            }
+            Leave(m_source, Where::kSource);
+            Leave(m_target, Where::kTarget);
+            m_streams.pop_back();
+        }
+    }
+
+private:
+    struct FirstName {
+        std::string path;
+        nlink_t left = 0;  // names still to come
+    };
+
+    static void Leave(FolderStack& stack, Where where) {
+        if (const int error = stack.Leave()) {
+            Fail(where, error, "go up from a folder");
+        }
+    }
+
+    void Visit(const std::string& name) {
+        struct stat status {};
+        if (!StatEntry(m_source.Current(), name.c_str(), status, Where::kSource)) {
+            return;
+        }
+        struct stat copy {};
+        bool isThere = StatEntry(m_target.Current(), name.c_str(), copy, Where::kTarget);
+        if (isThere && (status.st_mode & S_IFMT) != (copy.st_mode & S_IFMT) && m_mode != SyncMode::kFollow) {
+            Remove(name);
+            isThere = false;
+        }
+        if (S_ISDIR(status.st_mode)) {
+            VisitFolder(name, status, isThere);
+        } else if (status.st_nlink > 1 && m_mode != SyncMode::kFollow) {
+            VisitName(name, status, isThere ? &copy : nullptr);
+        } else {
+            VisitFile(name, status, isThere ? &copy : nullptr);
+        }
+    }
+
+    bool IsTouched(const struct stat& status) const { return status.st_ctim.tv_sec >= m_changedSince_s; }
+
+    void VisitFolder(const std::string& name, const struct stat& status, bool isThere) {
+        if (!isThere) {
+            if (m_mode == SyncMode::kFollow && !IsTouched(status)) {
+                return;  // removed where people are now
+            }
+            Check(mkdirat(m_target.Current(), name.c_str(), kPrivateFolder) == 0, Where::kTarget,
+                  "make a folder");
+            ++m_counts.copiedEntries;
+        }
+        if (const int error = m_source.Enter(name.c_str())) {
+            if (error != ENOENT) {
+                Fail(Where::kSource, error, "enter a folder");
+            }
+            return;
+        }
+        if (const int error = m_target.Enter(name.c_str())) {
+            Fail(Where::kTarget, error, "enter a folder");
+        }
+        m_isNewFolder.resize(m_streams.size() + 1);
+        m_isNewFolder[m_streams.size()] = !isThere;
+        m_streams.emplace_back();
+        if (m_streams.size() > FolderStack::kOpenLevels) {
+            m_streams[m_streams.size() - FolderStack::kOpenLevels - 1].Suspend();
+        }
+    }
+
+    // One of several names of a file: the first that comes is copied, the others are linked to it.
+    void VisitName(const std::string& name, const struct stat& status, const struct stat* copy) {
+        const auto key = std::make_pair(status.st_dev, status.st_ino);
+        const auto first = m_firstNames.find(key);
+        if (first == m_firstNames.end()) {
+            VisitFile(name, status, copy);
+            m_firstNames[key] = {m_target.FullPathOf(name), status.st_nlink - 1};
+            return;
+        }
+        std::string firstName;
+        const FileDescriptor folder = OpenFolderOf(m_targetRoot, first->second.path, firstName);
+        struct stat linked {};
+        if (StatEntry(folder.Get(), firstName.c_str(), linked, Where::kTarget)) {
+            if (copy == nullptr || copy->st_ino != linked.st_ino) {
+                RemoveCopy(name, copy);
+                Check(linkat(folder.Get(), firstName.c_str(), m_target.Current(), name.c_str(), 0) == 0,
+                      Where::kTarget, "link a file");
+                ++m_counts.copiedEntries;
+            }
+        } else {
+            VisitFile(name, status, copy);  // its first name has vanished before it was copied
+        }
+        if (--first->second.left == 0) {
+            m_firstNames.erase(first);
+        }
+    }
+
+    void VisitFile(const std::string& name, const struct stat& status, const struct stat* copy) {
+        if (S_ISREG(status.st_mode)) {
+            VisitRegular(name, status, copy);
+        } else if (copy == nullptr || !IsSameSpecial(name, status, *copy)) {
+            if (m_mode != SyncMode::kFollow || (IsTouched(status) && copy == nullptr)) {
+                CopySpecial(name, status, copy);
+            }
+        }
+    }
+
+    void VisitRegular(const std::string& name, const struct stat& status, const struct stat* copy) {
+        const FileDescriptor source(
+            OpenBeneath(m_source.Current(), name.c_str(), O_RDONLY | O_NOATIME | O_NONBLOCK));
+        if (!source) {
+            Check(errno == ENOENT, Where::kSource, "open a file");
+            return;
+        }
+        if (m_mode == SyncMode::kFollow && IsBeingWritten(source.Get())) {
+            ++m_counts.beingWritten;
+        }
+        if (copy != nullptr && IsAsItMustBe(name, source.Get(), status, *copy)) {
+            return;
+        }
+        if (m_mode == SyncMode::kFollow && copy == nullptr && !IsTouched(status)) {
+            return;
+        }
+        CopyRegular(name, source.Get(), copy);
+        if (m_mode == SyncMode::kVerify) {
+            ++m_counts.differing;
+            VerifyAgain(name, source.Get());
+        }
+    }
+
+    bool IsAsItMustBe(const std::string& name, int source, const struct stat& status,
+                      const struct stat& copy) {
+        const bool looksTheSame = IsSameKindAndTime(status, copy) && status.st_size == copy.st_size &&
+                                  (copy.st_nlink == 1 || status.st_nlink > 1);
+        switch (m_mode) {
+            case SyncMode::kCopy:
+                m_observer(looksTheSame ? ContentBytes(status) : 0);
+                return looksTheSame;
+            case SyncMode::kCatchUp:
+                return looksTheSame && !IsTouched(status);
+            case SyncMode::kFollow:
+                return !IsTouched(status) || !IsNewer(status, copy);
+            case SyncMode::kVerify:
+                break;
+        }
+        return looksTheSame && HasSameContentAndAttributes(name, source, status);
+    }
+
+    bool HasSameContentAndAttributes(const std::string& name, int source, const struct stat& status) {
+        const FileDescriptor target(
+            OpenBeneath(m_target.Current(), name.c_str(), O_RDONLY | O_NOATIME | O_NONBLOCK));
+        struct stat now {};
+        Check(target && fstat(target.Get(), &now) == 0, Where::kTarget, "open a copy");
+        posix_fadvise(target.Get(), 0, 0, POSIX_FADV_DONTNEED);  // what the disk holds counts
+        return HasSameAttributes(source, status, target.Get(), now) &&
+               HasSameContent(source, target.Get(), m_observer);
+    }
+
+    // A copy made anew that differs from a source that nobody touched will never be right.
+    void VerifyAgain(const std::string& name, int source) {
+        struct stat before {};
+        struct stat after {};
+        Check(fstat(source, &before) == 0, Where::kSource, "look at a file");
+        const bool isRight = HasSameContentAndAttributes(name, source, before);
+        Check(fstat(source, &after) == 0, Where::kSource, "look at a file");
+        const bool isUntouched =
+            before.st_ctim.tv_sec == after.st_ctim.tv_sec && before.st_ctim.tv_nsec == after.st_ctim.tv_nsec;
+        if (!isRight && isUntouched && !IsBeingWritten(source)) {
+            Fail(Where::kTarget, EIO, "read back what was written");
+        }
+    }
+
+    void CopyRegular(const std::string& name, int source, const struct stat* copy) {
+        struct stat before {};
+        Check(fstat(source, &before) == 0, Where::kSource, "look at a file");
+        RemoveCopy(name, copy);
+        const FileDescriptor target(openat(m_target.Current(), name.c_str(),
+                                           O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                                           before.st_mode & kPlainModes));
+        Check(static_cast<bool>(target), Where::kTarget, "make a file");
+        CopyContent(source, target.Get(), [this](std::uint64_t bytes) {
+            m_counts.copied_bytes += bytes;
+            m_observer(bytes);
+        });
+        CopyAttributes(source, before, target.Get());
+        ++m_counts.copiedEntries;
+    }
+
+    bool IsSameSpecial(const std::string& name, const struct stat& status, const struct stat& copy) const {
+        if (!IsSameKindAndTime(status, copy) || (m_mode == SyncMode::kCatchUp && IsTouched(status)) ||
+            !HasSameAttributes(-1, status, -1, copy)) {
+            return false;
+        }
+        return !S_ISLNK(status.st_mode) || ReadLink({m_source.Current(), name.c_str()}, Where::kSource) ==
+                                               ReadLink({m_target.Current(), name.c_str()}, Where::kTarget);
+    }
+
+    void CopySpecial(const std::string& name, const struct stat& status, const struct stat* copy) {
+        RemoveCopy(name, copy);
+        const EntryRef source{m_source.Current(), name.c_str()};
+        const EntryRef target{m_target.Current(), name.c_str()};
+        if (S_ISLNK(status.st_mode)) {
+            Check(symlinkat(ReadLink(source, Where::kSource).c_str(), target.folder, target.name) == 0,
+                  Where::kTarget, "make a link");
+        } else {
+            Check(mknodat(target.folder, target.name, (status.st_mode & S_IFMT) | kPrivateFile,
+                          status.st_rdev) == 0,
+                  Where::kTarget, "make a special file");
+        }
+        CopyAttributes(source, status, target);
+        ++m_counts.copiedEntries;
+    }
+
+    void RemoveCopy(const std::string& name, const struct stat* copy) {
+        if (copy != nullptr) {
+            Check(unlinkat(m_target.Current(), name.c_str(), 0) == 0 || errno == ENOENT, Where::kTarget,
+                  "replace a file");
+        }
+    }
+
+    void Remove(const std::string& name) {
+        const TreeRemoval removal = RemoveTree(m_target.Current(), name);
+        if (!removal.isGone) {
+            Fail(Where::kTarget, removal.problems.empty() ? EIO : removal.problems.front().error,
+                 "remove an entry");
+        }
+        ++m_counts.removedEntries;
+    }
+
+    // The source's list has come to its end.
+    void FinishFolder() {
+        if (m_mode != SyncMode::kFollow) {
+            RemoveVanished();
+        } else if (m_streams.size() == 1 || !m_isNewFolder[m_streams.size() - 1]) {
+            return;
+        }
+        struct stat status {};
+        struct stat copy {};
+        Check(fstat(m_source.Current(), &status) == 0, Where::kSource, "look at a folder");
+        Check(fstat(m_target.Current(), &copy) == 0, Where::kTarget, "look at a folder");
+        if (!HasSameAttributes(m_source.Current(), status, m_target.Current(), copy)) {
+            CopyAttributes(m_source.Current(), status, m_target.Current());
+        }
+    }
+
+    void RemoveVanished() {
+        FolderStream stream;
+        FolderEntry entry;
+        while (stream.Next(m_target.Current(), entry)) {
+            struct stat status {};
+            if (!StatEntry(m_source.Current(), entry.name.data(), status, Where::kSource)) {
+                Remove(std::string(entry.name));
+            }
+        }
+        errno = stream.Error();
+        Check(errno == 0, Where::kTarget, "list a folder");
+    }
+
+    FolderStack m_source;
+    FolderStack m_target;
+    int m_targetRoot;
+    SyncMode m_mode;
+    std::int64_t m_changedSince_s;
+    const CopyObserver& m_observer;
+    std::vector<FolderStream> m_streams;  // of the source, one a level
+    std::vector<bool> m_isNewFolder;      // kFollow: by level
+    std::map<std::pair<dev_t, ino_t>, FirstName> m_firstNames;
+    SyncCounts m_counts;
+};
+
+}  // namespace
+
+SyncCounts SyncTree(int source, int target, SyncMode mode, std::int64_t changedSince_s,
+                    const CopyObserver& observer) {
+    return Pass(source, target, mode, changedSince_s, observer).Run();
+}
+
+}  // namespace korv

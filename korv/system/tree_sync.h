@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "korv/system/file_copy.h"
+
+namespace korv {
+
+// How a pass decides that a copy is as it must be.
+enum class SyncMode {
+    // The same kind, size and time of modification. Goes on where an earlier pass was interrupted, since a
+    // copy gets its time last.
+    kCopy,
+    // The same content, byte for byte, and the same attributes.
+    kVerify,
+    // As kCopy, and the source not touched since the time given.
+    kCatchUp,
+    // For a source that people have already been moved away from: only what was made or written in it since
+    // the time given and is newer than its copy. Removes nothing and leaves folders' attributes alone.
+    kFollow,
+};
+
+struct SyncCounts {
+    std::uint64_t copiedEntries = 0;
+    std::uint64_t copied_bytes = 0;
+    std::uint64_t removedEntries = 0;
+    std::uint64_t differing = 0;     // kVerify: copies that were made anew
+    std::uint64_t beingWritten = 0;  // kFollow: files of the source that someone has open for writing
+};
+
+// Makes the folder open as `target` hold what the one open as `source` holds: files, folders, links, pipes,
+// sockets and devices; owners, modes, times, ACLs, extended attributes, holes, and hard links within the
+// tree. What `target` has more goes. Subvolumes become folders. Both may change meanwhile: what vanishes is
+// skipped, a file that is written to during its copy gets an older time than its source, so that the next
+// pass copies it again.
+//   changedSince_s  unix seconds; for kCatchUp and kFollow
+//   observer        gets the bytes of the source's content that are dealt with, and 0 at every entry; may
+//   throw
+// Bounded memory but for hard links, of which each file with names still to come costs its path. Needs root;
+// both descriptors are taken as they are and stay open. Throws CopyError; a mount inside the source is EXDEV.
+SyncCounts SyncTree(int source, int target, SyncMode mode, std::int64_t changedSince_s,
+                    const CopyObserver& observer);
+
+// What a tree will need.
+struct TreeSize {
+    std::uint64_t entries = 0;
+    std::uint64_t content_bytes = 0;  // holes left out, a file with several names counted once
+};
+
+// Adds up the tree open as `source`. Throws as SyncTree.
+TreeSize MeasureTree(int source, const CopyObserver& observer);
+
+// Content bytes of a file without its holes.
+std::uint64_t ContentBytes(const struct stat& status);
+
+}  // namespace korv

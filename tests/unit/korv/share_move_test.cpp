@@ -1,0 +1,427 @@
+#include "korv/system/share_move.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include "korv/system/share_encryption.h"
+#include "tests/unit/korv/private_machine.h"
+#include "tests/unit/korv/tree_manifest.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using korv::CipherFolder;
+using korv::CipherState;
+using korv::MoveEnd;
+using korv::MoveState;
+using korv::MoveStep;
+using korv::MoveWish;
+
+constexpr const char* kPassword = "a secret";
+constexpr const char* kToken = "token";
+constexpr std::chrono::milliseconds kPatience(200);
+
+korv::MoveLimits Limits() {
+    korv::MoveLimits limits;
+    limits.saveInterval = std::chrono::milliseconds(0);
+    limits.followPatience = std::chrono::milliseconds(0);
+    limits.spare_bytes = 0;
+    return limits;
+}
+
+// The state saved last, where a child's death doesn't take it away.
+struct Journal {
+    MoveState state;
+    int saves = 0;
+};
+
+// kToCipher or kToPlain: the same tests hold for both directions.
+enum class Direction { kToCipher, kToPlain };
+
+class ShareMove : public MachineTest, public testing::WithParamInterface<Direction> {
+protected:
+    void SetUp() override {
+        MachineTest::SetUp();
+        m_journal = static_cast<Journal*>(
+            mmap(nullptr, sizeof(Journal), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        *m_journal = Journal();
+    }
+
+    void TearDown() override {
+        munmap(m_journal, sizeof(Journal));
+        Unmount(m_share);
+        Unmount(m_volume + "/.korv/view/token");
+        MachineTest::TearDown();
+    }
+
+    static void Unmount(const std::string& path) {
+        while (umount2(path.c_str(), MNT_DETACH) == 0) {
+        }
+    }
+
+    // The share with the test's tree in it, as it is before the move.
+    void MakeShare(int files) {
+        fs::create_directories(m_share);
+        if (GetParam() == Direction::kToPlain) {
+            ASSERT_EQ(m_cipher.Init(kPassword), korv::CipherEnd::kDone);
+            ASSERT_EQ(m_cipher.Mount(kPassword), korv::CipherEnd::kDone);
+        }
+        manifest::MakeTree(m_share, files);
+        m_before = manifest::Of(m_share);
+    }
+
+    korv::MoveResult Run(const std::function<void(const MoveState&)>& saved = {},
+                         const std::function<MoveWish()>& wish = {},
+                         const std::string& password = kPassword) {
+        const korv::MoveObserver observer{[this, saved](const MoveState& state) {
+                                              m_journal->state = state;
+                                              ++m_journal->saves;
+                                              if (saved) {
+                                                  saved(state);
+                                              }
+                                          },
+                                          wish};
+        if (GetParam() == Direction::kToCipher) {
+            korv::EncryptPlaces places(m_volume, "rec", kToken, password);
+            return korv::RunMove(places, m_journal->state, observer, Limits());
+        }
+        korv::DecryptPlaces places(m_volume, "rec", kToken);
+        return korv::RunMove(places, m_journal->state, observer, Limits());
+    }
+
+    void ExpectMoved() {
+        const bool isCipher = GetParam() == Direction::kToCipher;
+        EXPECT_EQ(m_cipher.State(), isCipher ? CipherState::kUnlocked : CipherState::kAbsent);
+        EXPECT_EQ(manifest::Difference(m_before, manifest::Of(m_share)), "");
+        EXPECT_TRUE(machine::Entries(m_volume + "/.korv/move").empty());
+        EXPECT_TRUE(machine::Entries(m_volume + "/.korv/view").empty());
+        EXPECT_EQ(m_journal->state.Percent(), 100);
+        Unmount(m_share);
+        EXPECT_EQ(fs::is_empty(m_share), isCipher);
+    }
+
+    void ExpectUntouched() {
+        EXPECT_EQ(manifest::Difference(m_before, manifest::Of(m_share)), "");
+        EXPECT_EQ(m_cipher.State(),
+                  GetParam() == Direction::kToCipher ? CipherState::kAbsent : CipherState::kUnlocked);
+        if (fs::exists(m_volume + "/.korv/move")) {
+            EXPECT_TRUE(machine::Entries(m_volume + "/.korv/move").empty());
+            EXPECT_TRUE(machine::Entries(m_volume + "/.korv/view").empty());
+        }
+    }
+
+    std::string m_volume = machine::Volume();
+    std::string m_share = m_volume + "/rec";
+    CipherFolder m_cipher{CipherFolder::PathFor(m_volume, kToken), m_share};
+    manifest::Manifest m_before;
+    Journal* m_journal = nullptr;
+};
+
+TEST_P(ShareMove, KeepsEverything) {
+    MakeShare(60);
+    std::vector<int> percents;
+    const auto result = Run([&](const MoveState& state) { percents.push_back(state.Percent()); });
+    EXPECT_EQ(result.end, MoveEnd::kDone) << result.reason;
+    EXPECT_TRUE(std::is_sorted(percents.begin(), percents.end()));
+    ExpectMoved();
+}
+
+TEST_P(ShareMove, KeepsHoles) {
+    MakeShare(3);
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    struct stat status {};
+    ASSERT_EQ(stat((m_share + "/special/sparse").c_str(), &status), 0);
+    EXPECT_EQ(status.st_size, 8'000'000);
+    EXPECT_LT(status.st_blocks * 512, 200'000);
+}
+
+TEST_P(ShareMove, ACancellationAtAnyStepBeforeTheSwitchLeavesTheSourceAlone) {
+    for (int step = 0; step < static_cast<int>(MoveStep::kSwitch); ++step) {
+        MachineTest::SetUp();
+        *m_journal = Journal();
+        MakeShare(20);
+        const auto result = Run({}, [&] {
+            return static_cast<int>(m_journal->state.step) >= step ? MoveWish::kCancel : MoveWish::kGoOn;
+        });
+        EXPECT_EQ(result.end, MoveEnd::kCancelled) << step;
+        EXPECT_EQ(m_journal->state.step, MoveStep::kUndone) << step;
+        ExpectUntouched();
+        Unmount(m_share);
+    }
+}
+
+TEST_P(ShareMove, GoesOnAfterItWasPausedAtAnyStep) {
+    MakeShare(20);
+    for (int step = 0; step < static_cast<int>(MoveStep::kFollow); ++step) {
+        Run({}, [&] {
+            return static_cast<int>(m_journal->state.step) >= step ? MoveWish::kPause : MoveWish::kGoOn;
+        });
+    }
+    EXPECT_EQ(Run({}, {}, "").end, MoveEnd::kDone);
+    ExpectMoved();
+}
+
+TEST_P(ShareMove, LosesNothingWhenItIsKilledAtAnySavedState) {
+    MakeShare(20);
+    int killed = 0;
+    while (true) {
+        const MoveStep before = m_journal->state.step;
+        const int status = machine::InChild([&] {
+            return static_cast<int>(Run([before](const MoveState& state) {
+                                        if (state.step != before) {
+                                            kill(getpid(), SIGKILL);
+                                        }
+                                    }).end);
+        });
+        if (WIFEXITED(status)) {
+            EXPECT_EQ(WEXITSTATUS(status), static_cast<int>(MoveEnd::kDone));
+            break;
+        }
+        ++killed;
+    }
+    EXPECT_EQ(killed, static_cast<int>(MoveStep::kDone));
+    ExpectMoved();
+}
+
+TEST_P(ShareMove, LosesNothingWhenItIsKilledAtAnyTime) {
+    MakeShare(40);
+    int killed = 0;
+    int patience_us = 1000;
+    while (true) {
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(static_cast<int>(Run().end));
+        }
+        usleep(static_cast<useconds_t>(patience_us));
+        kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        if (WIFEXITED(status)) {
+            EXPECT_EQ(WEXITSTATUS(status), static_cast<int>(MoveEnd::kDone));
+            break;
+        }
+        ASSERT_LT(++killed, 500);
+        patience_us += 1000 + patience_us / 8;
+    }
+    EXPECT_GT(killed, 5);
+    ExpectMoved();
+}
+
+TEST_P(ShareMove, CarriesOverWhatChangesMeanwhile) {
+    MakeShare(30);
+    MoveStep last = MoveStep::kMeasure;
+    const auto change = [&](const MoveState& state) {
+        if (state.step == last || state.step > MoveStep::kSwitch) {
+            return;
+        }
+        last = state.step;
+        const std::string mark = std::to_string(static_cast<int>(state.step));
+        std::ofstream(m_share + "/cam0/new" + mark) << "new " << mark;
+        std::ofstream(m_share + "/cam0/grows", std::ios::app) << mark;
+        fs::create_directories(m_share + "/made" + mark + "/sub");
+        fs::remove(m_share + "/cam1/day" + mark + "/" + mark + ".mp4");
+        fs::rename(m_share + "/cam2", m_share + "/renamed");
+        fs::rename(m_share + "/renamed", m_share + "/cam2");
+        fs::permissions(m_share + "/special/setuid",
+                        static_cast<fs::perms>(0600 + static_cast<int>(state.step)));
+        m_before = manifest::Of(m_share);
+    };
+    EXPECT_EQ(Run(change).end, MoveEnd::kDone);
+    EXPECT_EQ(last, MoveStep::kSwitch);
+    ExpectMoved();
+}
+
+TEST_P(ShareMove, RefusesToBeginWithoutSpace) {
+    MakeShare(5);
+    auto limits = Limits();
+    limits.spare_bytes = std::uint64_t{1} << 60;
+    const korv::MoveObserver observer{[this](const MoveState& state) { m_journal->state = state; }, {}};
+    korv::EncryptPlaces encrypt(m_volume, "rec", kToken, kPassword);
+    korv::DecryptPlaces decrypt(m_volume, "rec", kToken);
+    korv::MovePlaces& places =
+        GetParam() == Direction::kToCipher ? static_cast<korv::MovePlaces&>(encrypt) : decrypt;
+    EXPECT_EQ(korv::RunMove(places, {}, observer, limits).end, MoveEnd::kNoSpace);
+    ExpectUntouched();
+}
+
+TEST_P(ShareMove, RefusesASourceWithAMountInIt) {
+    MakeShare(5);
+    ASSERT_EQ(mount("tmpfs", (m_share + "/cam0").c_str(), "tmpfs", 0, ""), 0);
+    EXPECT_EQ(Run().end, MoveEnd::kMountInside);
+    ASSERT_EQ(umount((m_share + "/cam0").c_str()), 0);
+    ExpectUntouched();
+}
+
+TEST_P(ShareMove, ADiskThatFillsUpAtAnyStepLeavesTheSourceAlone) {
+    m_volume = machine::BtrfsVolume();
+    m_share = m_volume + "/rec";
+    m_cipher = CipherFolder(CipherFolder::PathFor(m_volume, kToken), m_share);
+    for (MoveStep step : {MoveStep::kPrepare, MoveStep::kCopy, MoveStep::kVerify, MoveStep::kCatchUp}) {
+        ASSERT_EQ(mount("tmpfs", m_volume.c_str(), "tmpfs", 0, "size=64m,mode=0755"), 0);
+        *m_journal = Journal();
+        MakeShare(30);
+        const auto fill = [&](const MoveState& state) {
+            const std::string ballast = m_volume + "/ballast";
+            if (state.step == MoveStep::kUndo) {
+                fs::remove(ballast);
+            } else if (state.step == step && !fs::exists(ballast)) {
+                std::ofstream(m_share + "/cam0/late") << std::string(200'000, 'l');
+                m_before = manifest::Of(m_share);
+                const int file = open(ballast.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+                const std::string block(4096, 'x');
+                while (write(file, block.data(), block.size()) > 0) {
+                }
+                close(file);
+            }
+        };
+        const auto result = Run(fill);
+        EXPECT_EQ(result.end, MoveEnd::kNoSpace) << static_cast<int>(step) << " " << result.reason;
+        ExpectUntouched();
+        Unmount(m_share);
+        Unmount(m_volume);
+    }
+}
+
+TEST_P(ShareMove, AStateThatCannotBeSavedStopsItAndItGoesOn) {
+    MakeShare(10);
+    MoveStep failed = MoveStep::kMeasure;
+    const auto failing = [&](const MoveState& state) {
+        if (state.step != failed) {
+            failed = state.step;
+            throw std::system_error(ENOSPC, std::generic_category(), "the database is full");
+        }
+    };
+    int failures = 0;
+    while (m_journal->state.step != MoveStep::kDone) {
+        try {
+            EXPECT_EQ(Run(failing).end, MoveEnd::kDone);
+        } catch (const std::system_error&) {
+            ++failures;
+        }
+    }
+    EXPECT_EQ(failures, static_cast<int>(MoveStep::kDone));
+    ExpectMoved();
+}
+
+TEST_P(ShareMove, WhatCannotBeRemovedAfterwardsIsTold) {
+    if (GetParam() == Direction::kToPlain) {
+        GTEST_SKIP() << "the encrypted files are nobody else's";
+    }
+    MakeShare(5);
+    const std::string file = m_share + "/cam0/second";
+    const int opened = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    int flags = FS_IMMUTABLE_FL;
+    ASSERT_EQ(ioctl(opened, FS_IOC_SETFLAGS, &flags), 0);
+    EXPECT_EQ(Run().end, MoveEnd::kBlocked);
+    EXPECT_EQ(m_journal->state.step, MoveStep::kRemoveSource);
+    flags = 0;
+    ASSERT_EQ(ioctl(opened, FS_IOC_SETFLAGS, &flags), 0);
+    close(opened);
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    ExpectMoved();
+}
+
+INSTANTIATE_TEST_SUITE_P(To, ShareMove, testing::Values(Direction::kToCipher, Direction::kToPlain),
+                         [](const auto& direction) {
+                             return direction.param == Direction::kToCipher ? "Cipher" : "Plain";
+                         });
+
+class Encryption : public ShareMove {};
+class Decryption : public ShareMove {};
+
+TEST_P(Encryption, CarriesOverWhatAFileThatStaysOpenGets) {
+    MakeShare(5);
+    std::ofstream film(m_share + "/cam0/film");
+    film << "before, " << std::flush;
+    bool hasSwitched = false;
+    const auto result = Run([&](const MoveState& state) {
+        if (state.step == MoveStep::kFollow && !hasSwitched) {
+            hasSwitched = true;
+            film << "after" << std::flush;
+            fs::remove(m_share + "/cam0/second");
+        }
+    });
+    EXPECT_EQ(result.end, MoveEnd::kSourceBusy);
+    film << "wards" << std::flush;
+    film.close();
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    std::ifstream copy(m_share + "/cam0/film");
+    const std::string text((std::istreambuf_iterator<char>(copy)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(text, "before, afterwards");
+    EXPECT_FALSE(fs::exists(m_share + "/cam0/second"));
+}
+
+// What killing everything leaves: no view, and no password to show it again.
+TEST_P(Encryption, WaitsForThePasswordWhenTheViewIsLost) {
+    MakeShare(5);
+    Run({}, [&] { return m_journal->state.step == MoveStep::kVerify ? MoveWish::kPause : MoveWish::kGoOn; });
+    Unmount(m_volume + "/.korv/view/token");
+    EXPECT_EQ(Run({}, {}, "").end, MoveEnd::kLocked);
+    EXPECT_EQ(Run({}, {}, "wrong").end, MoveEnd::kLocked);
+    EXPECT_EQ(manifest::Difference(m_before, manifest::Of(m_share)), "");
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    ExpectMoved();
+}
+
+TEST_P(Encryption, WaitsForTheShareToBeUnlockedAfterTheSwitch) {
+    MakeShare(5);
+    EXPECT_THROW(Run([&](const MoveState& state) {
+                     if (state.step == MoveStep::kFollow) {
+                         throw std::system_error(EIO, std::generic_category(), "power failure");
+                     }
+                 }),
+                 std::system_error);
+    Unmount(m_share);
+    EXPECT_EQ(Run({}, {}, "").end, MoveEnd::kLocked);
+    ASSERT_EQ(m_cipher.Mount(kPassword), korv::CipherEnd::kDone);
+    EXPECT_EQ(Run({}, {}, "").end, MoveEnd::kDone);
+    ExpectMoved();
+}
+
+TEST_P(Encryption, ABadPasswordMakesNothing) {
+    MakeShare(5);
+    EXPECT_EQ(Run({}, {}, "").end, MoveEnd::kFailed);
+    ExpectUntouched();
+}
+
+TEST_P(Decryption, WaitsForThoseWhoHaveFilesOpen) {
+    MakeShare(5);
+    const int user = open((m_share + "/special/first").c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(Run().end, MoveEnd::kSourceBusy);
+    EXPECT_EQ(m_journal->state.step, MoveStep::kSwitch);
+    EXPECT_EQ(manifest::Difference(m_before, manifest::Of(m_share)), "");
+    close(user);
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    ExpectMoved();
+}
+
+TEST_P(Decryption, NeedsAnUnlockedShare) {
+    MakeShare(5);
+    ASSERT_EQ(m_cipher.Unmount(kPatience, false), korv::CipherEnd::kDone);
+    EXPECT_EQ(Run().end, MoveEnd::kLocked);
+    ASSERT_EQ(m_cipher.Mount(kPassword), korv::CipherEnd::kDone);
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    ExpectMoved();
+}
+
+INSTANTIATE_TEST_SUITE_P(To, Encryption, testing::Values(Direction::kToCipher),
+                         [](const auto&) { return "Cipher"; });
+INSTANTIATE_TEST_SUITE_P(To, Decryption, testing::Values(Direction::kToPlain),
+                         [](const auto&) { return "Plain"; });
+
+}  // namespace
