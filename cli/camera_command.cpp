@@ -115,20 +115,16 @@ void AddCameraCommands(CLI::App& app, Context& context) {
     CLI::App* const camera = app.add_subcommand("camera", "Cameras that record into the shares");
     camera->require_subcommand(1);
     const auto path = std::make_shared<std::string>();
-    CLI::App* const import = camera->add_subcommand("import", "Register cameras from a CSV or JSON file");
-    import
-        ->add_option(
-            "file", *path,
-            "The file; CSV has the header name,recording_path[,owner,ip,occupied_mb,rotation_mb]; - = "
-            "standard input")
+    CLI::App* const importing = camera->add_subcommand("import", "Register cameras from a CSV or JSON file");
+    importing
+        ->add_option("file", *path,
+                     "The file; CSV has the header name,recording_path[,owner,ip,occupied_mb,rotation_mb]; "
+                     "- = standard input")
         ->required();
-    import->callback([&context, path] { context.chosen = [&context, path] { Import(context, *path);
-};
-}  // namespace cli
-);
-camera->add_subcommand("list", "List the cameras")->callback([&context] {
-    context.chosen = [&context] { List(context); };
-});
+    importing->callback([&context, path] { context.chosen = [&context, path] { Import(context, *path); }; });
+    camera->add_subcommand("list", "List the cameras")->callback([&context] {
+        context.chosen = [&context] { List(context); };
+    });
 }
 
 }  // namespace cli

@@ -1,19 +1,22 @@
 #include "cli/password.h"
 
-#include <termios.h>
-#include <unistd.h>
+#include <string.h>
 
+#include <array>
 #include <fstream>
 #include <iostream>
 #include <istream>
 
 #include <CLI/CLI.hpp>
+#include <bsd/readpassphrase.h>
 
 #include "cli/input_error.h"
 
 namespace cli {
 
 namespace {
+
+constexpr std::size_t kLongestPassword = 1024;  // one less is accepted, so that a cut one is noticed
 
 std::string FirstLine(std::istream& stream, const std::string& what) {
     std::string line;
@@ -29,27 +32,22 @@ std::string FirstLine(std::istream& stream, const std::string& what) {
     return line;
 }
 
-// The terminal without echo, for as long as the object lives.
-class SilentTerminal {
-public:
-    SilentTerminal() : m_isSilent(tcgetattr(STDIN_FILENO, &m_before) == 0) {
-        if (m_isSilent) {
-            termios silent = m_before;
-            silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-            m_isSilent = tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent) == 0;
-        }
-        if (!m_isSilent) {
-            throw InputError("the terminal's echo cannot be switched off");
-        }
+// readpassphrase() gives the terminal its echo back also when a signal ends or stops the program.
+std::string AskAtTerminal(const std::string& prompt) {
+    std::array<char, kLongestPassword + 1> answer{};
+    if (readpassphrase(prompt.c_str(), answer.data(), answer.size(), RPP_REQUIRE_TTY) == nullptr) {
+        throw InputError("no terminal to ask for the password; use --password-file or --password-stdin");
     }
-    ~SilentTerminal() { tcsetattr(STDIN_FILENO, TCSAFLUSH, &m_before); }
-    SilentTerminal(const SilentTerminal&) = delete;
-    SilentTerminal& operator=(const SilentTerminal&) = delete;
-
-private:
-    termios m_before{};
-    bool m_isSilent = false;
-};
+    std::string password = answer.data();
+    explicit_bzero(answer.data(), answer.size());
+    if (password.size() == kLongestPassword) {
+        throw InputError("the password is longer than " + std::to_string(kLongestPassword - 1) + " bytes");
+    }
+    if (password.empty()) {
+        throw InputError("the password is empty");
+    }
+    return password;
+}
 
 }  // namespace
 
@@ -71,14 +69,7 @@ std::string PasswordSource::Read(const std::string& prompt) const {
     if (fromStdin) {
         return FirstLine(std::cin, "standard input");
     }
-    if (isatty(STDIN_FILENO) == 0) {
-        throw InputError("no terminal to ask for the password; use --password-file or --password-stdin");
-    }
-    std::cerr << prompt << std::flush;
-    const SilentTerminal silent;
-    std::string line = FirstLine(std::cin, "the answer");
-    std::cerr << '\n';
-    return line;
+    return AskAtTerminal(prompt);
 }
 
 }  // namespace cli

@@ -130,7 +130,13 @@ void Create(const Context& context, const CreateOptions& options) {
     const Json::Value data = context.MakeClient().Call(kApi, "CreateRecShare", parameters);
     if (context.json) {
         PrintJson(data);
-    } else {
+    }
+    if (data["id"].asInt() == 0) {
+        throw std::runtime_error("the folder " + options.volume + "/" + options.name +
+                                 " was made, but the server could not record it as a recording share; "
+                                 "repeat the command with --adopt");
+    }
+    if (!context.json) {
         PrintLine("recording share " + Cell(data, "id") + ": " + options.volume + "/" + options.name);
     }
 }

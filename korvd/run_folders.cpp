@@ -18,6 +18,7 @@ namespace fs = std::filesystem;
 
 constexpr mode_t kPrivateMode = 0700;
 constexpr mode_t kLogMode = 0750;
+constexpr mode_t kClosedMode = 0710;  // the service user, whose group it is, passes
 constexpr mode_t kPassableMode = 0711;
 
 [[noreturn]] void Fail(const std::string& what) {
@@ -47,8 +48,12 @@ void PrepareFolders(const korv::Settings& settings) {
     fs::remove_all(korv::UploadFolder());
     PrepareFolder(korv::UploadFolder(), service, kPrivateMode);
     PrepareFolder(settings.node.logDir, {0, adm != nullptr ? adm->gr_gid : 0}, kLogMode);
-    PrepareFolder(settings.node.runDir, service, kPrivateMode);
+    PrepareFolder(settings.node.runDir, {0, service.gid}, kClosedMode);
     PrepareFolder(settings.node.runDir + "/nginx", korv::IdsOf(settings.nginx.user), kPrivateMode);
+    PrepareFolder(settings.node.runDir + "/service", service, kPrivateMode);
+    if (!settings.node.sambaInclude.empty()) {
+        fs::create_directories(fs::path(settings.node.sambaInclude).parent_path());
+    }
 }
 
 void MakeRunFolder(const korv::Settings& settings) {
@@ -59,7 +64,7 @@ void MakeRunFolder(const korv::Settings& settings) {
 }
 
 void CloseRunFolder(const korv::Settings& settings) {
-    if (chmod(settings.node.runDir.c_str(), kPrivateMode) != 0) {
+    if (chmod(settings.node.runDir.c_str(), kClosedMode) != 0) {
         Fail("cannot close " + settings.node.runDir);
     }
 }

@@ -24,8 +24,9 @@ void Log(const std::vector<std::string>& troubles) {
 }  // namespace
 
 void RecoverDeadMakers() {
-    Log(RecoverShareCreations(KORV::GetConfiguration().volumes));
-    Log(RecoverShareGrants());
+    const std::vector<std::string>& volumes = KORV::GetConfiguration().volumes;
+    Log(RecoverShareCreations(volumes));
+    Log(RecoverShareGrants(volumes));
 }
 
 void RecoverShares() {

@@ -1,5 +1,6 @@
 #include "korv/system/share_rights.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <system_error>
@@ -60,10 +61,15 @@ bool IsStillThere(const ShareGrantRow& row) {
     return false;
 }
 
-// Completes `row`, whose maker is gone. A folder that is gone has nothing to grant on.
-void CompleteOrDrop(const ShareGrantRow& row) {
+// Completes `row`, whose maker is gone. A folder that is gone, or on what is no volume any more, has nothing
+// to grant on.
+void CompleteOrDrop(const ShareGrantRow& row, const std::vector<std::string>& volumes) {
     const auto share = FindShare(row.shareName);
     if (!share) {
+        return;
+    }
+    if (std::find(volumes.begin(), volumes.end(), share->volPath) == volumes.end()) {
+        DropShareGrant(row.id);
         return;
     }
     try {
@@ -101,7 +107,7 @@ void GrantShareRights(const ShareRow& share, const std::vector<ShareGrant>& gran
     }
 }
 
-std::vector<std::string> RecoverShareGrants() {
+std::vector<std::string> RecoverShareGrants(const std::vector<std::string>& volumes) {
     std::vector<std::string> troubles;
     for (const ShareGrantRow& row : ListShareGrants()) {
         if (IsRunning(row.maker) && row.maker.pid != ThisProcess().pid) {
@@ -112,7 +118,7 @@ std::vector<std::string> RecoverShareGrants() {
             continue;
         }
         try {
-            CompleteOrDrop(row);
+            CompleteOrDrop(row, volumes);
             transaction.Commit();
         } catch (const std::system_error& error) {
             troubles.push_back("a grant on " + row.shareName + " is kept for later: " + error.what());

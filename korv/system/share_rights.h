@@ -26,7 +26,8 @@ void GrantShareRights(const ShareRow& share, const std::vector<ShareGrant>& gran
                       const std::function<void(GrantStep)>& observer = {});
 
 // Completes the grants whose maker is gone. One whose volume isn't mounted now is kept for later; one whose
-// principal or folder is gone is dropped. Returns what could not be done, for the log.
-std::vector<std::string> RecoverShareGrants();
+// principal or folder is gone, or whose folder lies on none of `volumes`, is dropped. Returns what could not
+// be done, for the log.
+std::vector<std::string> RecoverShareGrants(const std::vector<std::string>& volumes);
 
 }  // namespace korv

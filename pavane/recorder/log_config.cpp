@@ -106,7 +106,7 @@ DbgLogPidLevel* RowFor(DbgLogCfg& config, pid_t pid) {
 
 }  // namespace
 
-std::string LogConfigPath() { return KORV::GetConfiguration().runDir + "/log.cfg"; }
+std::string LogConfigPath() { return KORV::GetConfiguration().runDir + "/service/log.cfg"; }
 
 bool OpenLogConfig(const std::string& path) {
     if (g_pDbgLogCfg != nullptr) {

@@ -2,9 +2,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <ctime>
+#include <optional>
+#include <utility>
 
 namespace pavane {
 
@@ -66,6 +69,50 @@ void AppendText(std::string& entry, std::string_view text) {
     }
 }
 
+// Values of these keys in a JSON text are secrets.
+constexpr std::array<std::string_view, 7> kSecretKeys{"enc_passwd", "encPasswd", "passwd",      "password",
+                                                      "cookie",     "secret",    "korv_session"};
+constexpr std::string_view kBlanks = " \t\r\n";
+
+// Where the value of a secret key begins, its opening quote included, and the first byte behind it.
+std::optional<std::pair<std::size_t, std::size_t>> FindSecret(std::string_view text, std::size_t from) {
+    for (std::size_t quote = text.find('"', from); quote != std::string_view::npos;
+         quote = text.find('"', quote + 1)) {
+        const auto isKey = [&](std::string_view key) {
+            return text.substr(quote + 1, key.size()) == key &&
+                   text.substr(quote + 1 + key.size(), 1) == "\"";
+        };
+        const auto* const key = std::find_if(kSecretKeys.begin(), kSecretKeys.end(), isKey);
+        if (key == kSecretKeys.end()) {
+            continue;
+        }
+        const std::size_t colon = text.find_first_not_of(kBlanks, quote + key->size() + 2);
+        if (colon == std::string_view::npos || text[colon] != ':') {
+            continue;
+        }
+        const std::size_t start = text.find_first_not_of(kBlanks, colon + 1);
+        if (start == std::string_view::npos || text[start] != '"') {
+            continue;
+        }
+        std::size_t end = start + 1;
+        while (end < text.size() && text[end] != '"') {
+            end += text[end] == '\\' ? 2 : 1;
+        }
+        return std::pair(start, std::min(end + 1, text.size()));
+    }
+    return std::nullopt;
+}
+
+void AppendTextWithoutSecrets(std::string& entry, std::string_view text) {
+    std::size_t done = 0;
+    while (const auto secret = FindSecret(text, done)) {
+        AppendText(entry, text.substr(done, secret->first - done));
+        entry += "\"***\"";
+        done = secret->second;
+    }
+    AppendText(entry, text.substr(done));
+}
+
 void AppendTag(std::string& entry, const char* name) {
     if (name != nullptr) {
         entry += " [";
@@ -96,7 +143,7 @@ std::string FormatLogEntry(const LogOrigin& origin, std::string_view text) {
     entry += ' ';
     AppendText(entry, origin.function != nullptr ? origin.function : "");
     entry += ": ";
-    AppendText(entry, text);
+    AppendTextWithoutSecrets(entry, text);
     if (dropped > 0) {
         entry += " ... (" + std::to_string(dropped) + " bytes left out)";
     }

@@ -19,7 +19,8 @@ struct LogOrigin {
 
 // One line, its newline included: time (UTC, milliseconds), process id, category, level, file, line, function
 // and `text`. Newlines and other control characters inside are written as escapes, so that a text can't
-// forge an entry or steer a terminal; line feeds at its end are dropped.
+// forge an entry or steer a terminal; line feeds at its end are dropped. A JSON text's values under "passwd",
+// "enc_passwd" and the like are written as "***".
 std::string FormatLogEntry(const LogOrigin& origin, std::string_view text);
 
 }  // namespace pavane

@@ -29,7 +29,7 @@ def write(options):
         f"service_user: {accounts.SERVICE_USER}",
         f"volumes: [{', '.join(VOLUMES)}]",
         f"database: {json.dumps(options.database)}",
-        f"samba_include: {INSIDE}/state/samba-shares.conf",
+        f"samba_include: {INSIDE}/samba/shares.conf",
         "modules:",
         *(f"  - {module}" for module in modules),
         f"listen: {options.address}:{options.port}",

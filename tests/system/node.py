@@ -4,6 +4,7 @@ import contextlib
 import json
 import os
 import re
+import select
 import shutil
 import signal
 import socket
@@ -104,10 +105,9 @@ class Node:
                 [os.path.join(ROOT, "script/node"), "--state", self.state, "--build", BUILD, "--port",
                  str(self.port), "--volume-mb", "256", *self.options],
                 stdout=subprocess.PIPE, stderr=errors, text=True, env=environment)
-        wait_until(lambda: self.is_healthy() or self.process.poll() is not None, "the node is ready",
-                   _READY_DEADLINE_S)
-        if self.process.poll() is not None:
-            raise AssertionError(f"the node did not start: {self.read('../stderr')}")
+        said = select.select([self.process.stdout], [], [], _READY_DEADLINE_S)[0] and self.process.stdout.readline()
+        if said != f"ready {self.url}\n":
+            raise AssertionError(f"the node did not start but said {said!r}: {self.read('../stderr')}")
 
     def stop(self):
         if self.process is None:

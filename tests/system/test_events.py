@@ -68,6 +68,11 @@ def test_the_internal_location_and_the_notify_socket_are_closed(node, admin):
     assert node.inside("stat", "-c", "%a %U", "/srv/pavane/run/notify.sock").split() == ["600", "Pavane"]
 
 
+def test_only_root_can_change_what_root_reads(node):
+    for path in ("run", "run/nginx.conf", "samba", "samba/shares.conf"):
+        assert node.inside("stat", "-c", "%U", f"/srv/pavane/{path}").strip() == "root", path
+
+
 def test_what_a_share_brings_with_it_is_kept_through_a_restart(node, admin):
     assert admin.create("lasting", "/volume2")["success"]
     assert admin.call("KORV.Pavane.Camera", "import", cameras=[

@@ -19,7 +19,7 @@ _CONFIGURATION = """[global]
     load printers = no
     map to guest = never
     log file = /var/log/samba/smbd.log
-    include = /srv/pavane/state/samba-shares.conf
+    include = /srv/pavane/samba/shares.conf
 """
 
 

@@ -134,7 +134,7 @@ TEST_F(ShareRightsTest, HalfGrantedByAProcessThatDiedAreGrantedByTheNext) {
     for (const GrantStep step : {GrantStep::kJournalled, GrantStep::kApplied}) {
         GrantAndDieAfter({ToUser("Pavane"), ToGroup("staff_test", true)}, step);
         EXPECT_EQ(korv::ListShareGrants().size(), 2U);
-        EXPECT_TRUE(korv::RecoverShareGrants().empty());
+        EXPECT_TRUE(korv::RecoverShareGrants({m_share.volPath}).empty());
         korv::CloseDatabase();
         EXPECT_EQ(Pavane(), kWrites);
         EXPECT_EQ(Carol(), kReads);
@@ -148,8 +148,15 @@ TEST_F(ShareRightsTest, OfAFolderThatIsGoneAreAFailureAndLeaveNothingToDo) {
     EXPECT_THROW(korv::GrantShareRights(m_share, {ToUser("Pavane")}), std::system_error);
     EXPECT_TRUE(korv::ListShareGrants().empty());
     GrantAndDieAfter({ToUser("Pavane")}, GrantStep::kJournalled);
-    EXPECT_TRUE(korv::RecoverShareGrants().empty());
+    EXPECT_TRUE(korv::RecoverShareGrants({m_share.volPath}).empty());
     EXPECT_TRUE(korv::ListShareGrants().empty());
+}
+
+TEST_F(ShareRightsTest, HalfGrantedOnWhatIsNoVolumeAnyMoreAreDropped) {
+    GrantAndDieAfter({ToUser("Pavane")}, GrantStep::kJournalled);
+    EXPECT_TRUE(korv::RecoverShareGrants({"/elsewhere"}).empty());
+    EXPECT_TRUE(korv::ListShareGrants().empty());
+    EXPECT_EQ(Pavane(), kNone);
 }
 
 TEST_F(ShareRightsTest, NeverFollowALinkThatTookTheFoldersPlace) {

@@ -57,6 +57,21 @@ TEST(Log, ControlCharactersCannotMakeALineOrSteerATerminal) {
     EXPECT_EQ(std::count(entry.begin(), entry.end(), '\n'), 1);
 }
 
+TEST(Log, SecretsInsideJsonAreNotWritten) {
+    const auto textOf = [](const std::string& text) {
+        const std::string entry = pavane::FormatLogEntry({nullptr, nullptr, "s", 1, "f"}, text);
+        return entry.substr(entry.find("f: ") + 3);
+    };
+    EXPECT_EQ(textOf(R"(param [{"enc_passwd":"a\"b}","name":"x","passwd" : "c"}])"),
+              "param [{\"enc_passwd\":\"***\",\"name\":\"x\",\"passwd\" : \"***\"}]\n");
+    EXPECT_EQ(textOf(R"("enc_passwd":"cut off)"), "\"enc_passwd\":\"***\"\n");
+    EXPECT_EQ(textOf(R"("enc_passwd":"\)"), "\"enc_passwd\":\"***\"\n");
+    for (const char* const plain :
+         {R"({"name":"passwd"})", R"({"passwd":5})", R"("passwd")", R"("passwd":)"}) {
+        EXPECT_EQ(textOf(plain), std::string(plain) + "\n");
+    }
+}
+
 TEST(Log, ALongTextIsCutAndTheEntrySaysSo) {
     const std::string entry =
         pavane::FormatLogEntry({nullptr, nullptr, "s", 1, "f"}, std::string(pavane::kLogTextLimit + 5, 'x'));

@@ -31,7 +31,7 @@ TestNode::TestNode(const std::string& database) {
     // The database server's user has to get through to its own folder.
     std::filesystem::permissions(folder, std::filesystem::perms(0711));
     std::filesystem::create_directory(StateDir());
-    std::filesystem::create_directory(RunDir());
+    std::filesystem::create_directories(RunDir() + "/service");
     std::filesystem::create_directory(LogDir());
     std::string setting = "sqlite";
     if (database == "postgresql") {
