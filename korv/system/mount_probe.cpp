@@ -19,6 +19,7 @@
 
 #include "platform/korv/configuration.h"
 
+#include "include/run_as_scope.h"
 #include "korv/system/mount_table.h"
 #include "korv/system/root_child.h"
 
@@ -33,6 +34,7 @@ constexpr std::uint64_t kBytesPerMb = std::uint64_t{1024} * 1024;
 // others for that look. One that the kernel won't let die goes on holding it.
 FileDescriptor LockLook(const std::string& path) {
     const std::string folder = KORV::GetConfiguration().runDir + "/mount-looks";
+    const RunAsScope root = IF_RUN_AS;
     std::error_code ignored;
     std::filesystem::create_directories(folder, ignored);
     const std::string file = folder + "/" + std::to_string(std::hash<std::string>{}(path));
