@@ -34,7 +34,8 @@ Columns ReadHeader(const CsvRow& header) {
     for (std::size_t i = 0; i < header.fields.size(); ++i) {
         const std::string& title = header.fields[i];
         if (std::find(kColumns.begin(), kColumns.end(), title) == kColumns.end()) {
-            refuse("unknown column '" + title + "' (known: name, recording_path, owner, ip, occupied_mb, rotation_mb)");
+            refuse("unknown column '" + title +
+                   "' (known: name, recording_path, owner, ip, occupied_mb, rotation_mb)");
         }
         if (!columns.emplace(title, i).second) {
             refuse("column '" + title + "' stands there twice");

@@ -4,6 +4,8 @@
 #include <memory>
 #include <string>
 
+#include <CLI/CLI.hpp>
+
 #include "cli/command.h"
 #include "cli/size_text.h"
 

@@ -7,15 +7,28 @@
 
 #include "korv/system/bounded_call.h"
 
-bool IsExistDir(const std::string& path) {
+namespace {
+
+std::optional<mode_t> ModeOf(const std::string& path) {
     if (path.find('\0') != std::string::npos) {
-        return false;
+        return std::nullopt;
     }
-    const auto mode = korv::CallBounded("stat", path, [&path] {
+    return korv::CallBounded("stat", path, [&path] {
         struct stat status {};
         return stat(path.c_str(), &status) == 0 ? std::optional(status.st_mode) : std::nullopt;
     });
+}
+
+}  // namespace
+
+bool IsExistDir(const std::string& path) {
+    const auto mode = ModeOf(path);
     return mode && S_ISDIR(*mode);
+}
+
+bool IsFileExist(const std::string& path) {
+    const auto mode = ModeOf(path);
+    return mode && !S_ISDIR(*mode);
 }
 
 std::string GetDirPath(const std::string& path) {
@@ -25,4 +38,9 @@ std::string GetDirPath(const std::string& path) {
     }
     const std::size_t end = path.find_last_not_of('/', lastSlash);
     return end == std::string::npos ? "" : path.substr(0, end + 1);
+}
+
+std::string GetBaseName(const std::string& path) {
+    const std::size_t lastSlash = path.rfind('/');
+    return lastSlash == std::string::npos ? path : path.substr(lastSlash + 1);
 }

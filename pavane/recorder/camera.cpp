@@ -71,6 +71,35 @@ std::list<Camera> CamGetList(const CamFilterRule& filter, int& count, bool /*wit
     return cameras;
 }
 
+// Every registered camera is switched on, none is kept after its removal, and there are no groups.
+std::list<Camera> GetCamLocalList(bool /*enabledOnly*/, const std::string& name, const std::string& group,
+                                  bool /*withStatus*/, bool /*withDeleted*/) {
+    std::list<Camera> cameras;
+    if (!group.empty()) {
+        return cameras;
+    }
+    try {
+        int id = 0;
+        std::string path;
+        auto bind = (pavane::AppDatabase().Session().prepare
+                         << "select id, recording_path from camera where owner_rv_id = 0 "
+                         << (name.empty() ? "" : "and name = :name ") << "order by id",
+                     soci::into(id), soci::into(path));
+        if (!name.empty()) {
+            bind, soci::use(name);
+        }
+        soci::statement statement(bind);
+        for (bool more = statement.execute(true); more; more = statement.fetch()) {
+            CameraAccess::Set(cameras.emplace_back(), id, 0, path);
+        }
+    } catch (const std::exception& failure) {
+        PV_LOG_LINE(kSource, "Failed to list this server's cameras: %s\n",
+                    pavane::DescribeFailure(failure).c_str());
+        cameras.clear();
+    }
+    return cameras;
+}
+
 int LoadAllUsingCam(std::list<Camera>& cameras, int shareId, bool /*withStatus*/) {
     try {
         std::list<Camera> found;

@@ -25,6 +25,8 @@ struct Sentence {
 
 constexpr Sentence kSentences[] = {
     {PV_LOG_REC_SHARE_CREATED, "Recording share %1 was created."},
+    {PV_LOG_REC_SHARE_DELETED, "Recording shares were deleted: %1."},
+    {PV_LOG_REC_SHARE_ROTATED, "The oldest recordings of share %1 were removed: %2 files, %3 MB."},
 };
 
 std::string ArgumentsText(const std::list<std::string>& arguments) {

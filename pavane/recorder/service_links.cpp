@@ -127,6 +127,12 @@ void CheckToUpdatePVServiceLink(const std::string& name) {
     }
 }
 
+void CheckToUpdatePVServiceLink(const std::list<std::string>& names) {
+    for (const std::string& name : names) {
+        CheckToUpdatePVServiceLink(name);
+    }
+}
+
 namespace pavane {
 
 bool IsLinkName(const std::string& name) {

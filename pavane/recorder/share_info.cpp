@@ -36,6 +36,29 @@ bool ReadShareInfo(const Json::Value& answer, Json::Value& info) {
 
 }  // namespace pavane
 
+bool IsSuccess(const Json::Value& reply) { return reply.isObject() && reply["success"] == true; }
+
+int GetAPIErrCode(const Json::Value& reply) {
+    constexpr int kUnknownError = 110;  // a failure that doesn't say which
+    if (IsSuccess(reply)) {
+        return 0;
+    }
+    const int code = ErrorCode(reply);
+    return code != 0 ? code : kUnknownError;
+}
+
+int GetShareMovingTaskId(const std::string& name, std::string& taskId) {
+    Json::Value request(Json::objectValue);
+    request["name"] = name;
+    Json::Value answer;
+    KORV::APIRunner::Exec(answer, "KORV.Core.Share", 1, "move_status", request, "admin");
+    if (!IsSuccess(answer) || !answer["data"].isObject() || !answer["data"]["task_id"].isString()) {
+        return -1;
+    }
+    taskId = answer["data"]["task_id"].asString();
+    return 0;
+}
+
 int GetLocalShareExtraInfo(const std::string& name, Json::Value& info) {
     Json::Value request(Json::objectValue);
     request["name"] = name;

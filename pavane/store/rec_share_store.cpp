@@ -238,6 +238,27 @@ int RecShare::Save() {
     }
 }
 
+int DelRecShareById(const std::list<int>& ids) {
+    constexpr std::size_t kMostInOneStatement = 1000;
+    try {
+        pavane::Database& database = pavane::AppDatabase();
+        pavane::WriteTransaction transaction(database);
+        for (auto id = ids.begin(); id != ids.end();) {
+            std::string list;
+            for (std::size_t n = 0; n < kMostInOneStatement && id != ids.end(); ++n, ++id) {
+                list += (list.empty() ? "" : ",") + std::to_string(*id);
+            }
+            database.Session() << "delete from recording_share where id in (" + list + ")";
+        }
+        transaction.Commit();
+        return 0;
+    } catch (const std::exception& failure) {
+        PV_LOG_LINE(kSource, "Failed to delete recording shares: %s\n",
+                    pavane::DescribeFailure(failure).c_str());
+        return -1;
+    }
+}
+
 std::list<RecShare> LoadRecShareFromDB(int rvId) {
     std::list<RecShare> shares;
     try {

@@ -60,7 +60,7 @@ void RunUpgrades(Database& database, const Schema& schema, int version) {
 
 const Schema& CurrentSchema() {
     static const Schema schema{
-        4, kSchemaSql, {{2, kUpgrade2Sql}, {3, kUpgrade3Sql}, {4, kUpgrade4Sql}}};
+        5, kSchemaSql, {{2, kUpgrade2Sql}, {3, kUpgrade3Sql}, {4, kUpgrade4Sql}, {5, kUpgrade5Sql}}};
     return schema;
 }
 

@@ -136,3 +136,24 @@ create table backup_folder (
     name    text not null primary key,
     added_s bigint not null
 );
+
+-- Tasks that archive recordings of, or into, a storage path. server: empty = this one.
+create table archive_task (
+    id           integer primary key {{id}},
+    server       text not null,
+    name         text not null,
+    type         integer not null check (type > 0),
+    storage_path text not null,
+    unique (server, name)
+);
+
+-- What other services of the application have not taken yet. operation: SHARE_OPERATION.
+create table service_notice (
+    id         integer primary key {{id}},
+    service    text not null,
+    operation  integer not null,
+    path       text not null,
+    new_path   text not null,
+    afterwards integer not null check (afterwards in (0, 1)),
+    time_s     bigint not null
+);

@@ -7,6 +7,7 @@
 #include "pavane/cms/server_state.h"
 #include "pavane/recorder/log_config.h"
 #include "pavane/recorder/mount_state.h"
+#include "pavane/recorder/rotation_job.h"
 #include "pavane/webapi/api_call.h"
 #include "pavane/webapi/health.h"
 #include "pavane/webapi/methods.h"
@@ -66,4 +67,5 @@ extern "C" void OnModuleLoaded() {
     KORV::RegisterMountObserver(pavane::NoteMountState);
     KORV::RegisterPeriodicJob("state of paired servers", pavane::kRefreshInterval_s,
                               pavane::RefreshServerStates);
+    KORV::RegisterPeriodicJob("rotation", pavane::kRotationInterval_s, pavane::RotateDueShares);
 }

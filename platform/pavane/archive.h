@@ -39,7 +39,7 @@ public:
                                   const std::string& newPath, bool afterwards);
 };
 
-// Implemented in pavane/recorder/rotation.cpp.
+// Implemented in pavane/recorder/rotation_job.cpp.
 class PvRotateApi {
 public:
     // Starts removing the oldest recordings of shares that are over their limit; doesn't wait for it.
