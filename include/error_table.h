@@ -37,7 +37,7 @@ inline constexpr ErrorTableRow kErrorTable[] = {
 
     {"KORV.Core.Session", 400, "The account or the password is wrong.", "Check both and try again."},
 
-    {"KORV.Core.Share", 3300, "The shared folder could not be made or read.",
+    {"KORV.Core.Share", 3300, "The shared folder could not be made, changed, removed or read.",
      "Look into korvd.log on the server for the reason."},
     {"KORV.Core.Share", 3301, "A shared folder of this name exists already.",
      "Choose another name; letter case makes no difference."},
@@ -47,8 +47,10 @@ inline constexpr ErrorTableRow kErrorTable[] = {
     {"KORV.Core.Share", 3303, "There is no such shared folder.",
      "List the shared folders and use one of their names."},
     {"KORV.Core.Share", 3304, "The volume is unknown or can't be written.",
-     "List the volumes; check that it is mounted and not read-only."},
-    {"KORV.Core.Share", 3305, "The shared folder is in use.", "Stop what uses it and try again."},
+     "List the volumes; check that it is mounted and not read-only. Shared folders stay on their volume."},
+    {"KORV.Core.Share", 3305,
+     "The shared folder is in use: files of it are open, something is mounted in it, or it is changing.",
+     "Stop what uses it, and try again."},
     {"KORV.Core.Share", 3306, "There is no space left on the volume.",
      "Free space on it or choose another volume."},
     {"KORV.Core.Share", 3328, "The encryption was refused.",

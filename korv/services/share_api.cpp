@@ -10,8 +10,10 @@
 #include "korv/framework/builtin_tables.h"
 #include "korv/framework/log.h"
 #include "korv/services/request_values.h"
+#include "korv/services/share_change_api.h"
 #include "korv/services/share_error.h"
 #include "korv/services/share_recovery.h"
+#include "korv/system/encrypted_share.h"
 #include "korv/system/samba_export.h"
 #include "korv/system/share_creation.h"
 #include "korv/system/share_name.h"
@@ -43,13 +45,10 @@ korv::ShareRow WantedShare(const Json::Value& params) {
     share.isHidden = korv::BoolOf(info, "hidden", false);
     share.isCow = korv::BoolOf(info, "enable_share_cow", true);
     share.isFileIndexed = korv::BoolOf(info, "enable_fileindex", false);
+    share.encryption = korv::BoolOf(info, "encryption", false) ? korv::ShareEncryption::kLocked
+                                                               : korv::ShareEncryption::kNone;
     share.isModifyDisabled = korv::BoolOf(korv::ObjectOf(info, "advanceperm"), "disable_modify", false);
     return share;
-}
-
-// Encrypted folders are not built yet.
-bool IsEncryptionWanted(const Json::Value& params) {
-    return korv::BoolOf(korv::ObjectOf(params, "shareinfo"), "encryption", false);
 }
 
 int ErrorOf(korv::CreationEnd end) {
@@ -60,20 +59,19 @@ int ErrorOf(korv::CreationEnd end) {
             return korv::kShareVolumeUnusable;
         case korv::CreationEnd::kNoSpace:
             return korv::kShareNoSpace;
+        case korv::CreationEnd::kEncryptionRefused:
+            return korv::kShareEncryptionRefused;
         default:
             return korv::kShareFailed;
     }
 }
 
 // 0 when `share` may be made.
-int Refusal(const korv::ShareRow& share, bool isEncryptionWanted) {
+int Refusal(const korv::ShareRow& share) {
     if (!korv::IsValidShareName(share.name)) {
         return korv::kShareNameRefused;
     }
-    if (!IsUsableVolume(share.volPath)) {
-        return korv::kShareVolumeUnusable;
-    }
-    return isEncryptionWanted ? korv::kShareEncryptionRefused : 0;
+    return IsUsableVolume(share.volPath) ? 0 : korv::kShareVolumeUnusable;
 }
 
 void Create(KORV::APIRequest* request, KORV::APIResponse* response) {
@@ -82,12 +80,13 @@ void Create(KORV::APIRequest* request, KORV::APIResponse* response) {
     }
     const Json::Value params = korv::ParamsOf(*request);
     const korv::ShareRow share = WantedShare(params);
-    if (const int refusal = Refusal(share, IsEncryptionWanted(params)); refusal != 0) {
+    if (const int refusal = Refusal(share); refusal != 0) {
         response->SetError(refusal, Json::Value());
         return;
     }
     korv::RecoverDeadMakers();
-    const korv::CreationOutcome outcome = korv::CreateShare(share);
+    const korv::CreationOutcome outcome =
+        korv::CreateShare(share, {}, korv::StringOf(korv::ObjectOf(params, "shareinfo"), "enc_passwd", ""));
     if (!outcome.reason.empty()) {
         korv::LogLine("the share " + share.Path() + " was not made: " + outcome.reason);
     }
@@ -115,7 +114,7 @@ Json::Value ShareData(const korv::ShareRow& share, std::map<std::string, korv::V
     data["path"] = share.Path();
     data["desc"] = share.description;
     data["hidden"] = share.isHidden;
-    data["encryption"] = static_cast<int>(share.encryption);
+    data["encryption"] = static_cast<int>(korv::EncryptionOf(share));
     data["enable_share_cow"] = share.isCow;
     data["is_share_moving"] = share.isMoving;
     data["fs_type"] = static_cast<int>(volume->second.type);
@@ -158,6 +157,8 @@ const KORV::APITableRow* korv::ShareTable() {
         {kApi, 1, "create", Create},
         {kApi, 1, "get", Get},
         {kApi, 1, "list", List},
+        {kApi, 1, "set", korv::SetShare},
+        {kApi, 1, "delete", korv::DeleteShares},
         {nullptr, 0, nullptr, nullptr},
     };
     return kTable;

@@ -9,6 +9,7 @@ enum ShareError : int {
     kShareNameRefused = 3302,
     kShareUnknown = 3303,
     kShareVolumeUnusable = 3304,
+    kShareInUse = 3305,
     kShareNoSpace = 3306,
     kSharePrincipalUnknown = 3307,
     kShareRightRefused = 3308,

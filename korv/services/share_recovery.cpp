@@ -9,6 +9,8 @@
 #include "korv/system/database.h"
 #include "korv/system/samba_export.h"
 #include "korv/system/share_creation.h"
+#include "korv/system/share_removal.h"
+#include "korv/system/share_rename.h"
 #include "korv/system/share_rights.h"
 
 namespace korv {
@@ -26,6 +28,8 @@ void Log(const std::vector<std::string>& troubles) {
 void RecoverDeadMakers() {
     const std::vector<std::string>& volumes = KORV::GetConfiguration().volumes;
     Log(RecoverShareCreations(volumes));
+    Log(RecoverShareRenames());
+    Log(RecoverShareRemovals(volumes));
     Log(RecoverShareGrants(volumes));
 }
 

@@ -11,7 +11,7 @@ namespace korv {
 
 namespace {
 
-constexpr int kSchemaVersion = 2;
+constexpr int kSchemaVersion = 3;
 
 // Version 2 keeps remote mounts.
 constexpr const char* kToVersion2 = R"sql(
@@ -38,6 +38,51 @@ create table mount (
 ) without rowid;
 )sql";
 
+// Version 3 keeps renames, removals and jobs.
+constexpr const char* kToVersion3 = R"sql(
+create table share_rename (
+    token          text primary key,
+    name_key       text not null unique,
+    name           text not null,
+    maker_pid      integer not null,
+    maker_start    integer not null,
+    maker_boot_id  text not null
+) without rowid;
+create table share_removal (
+    token          text primary key,
+    name           text not null,
+    vol_path       text not null,
+    is_hidden      integer not null,
+    next_try_s     integer not null,
+    maker_pid      integer not null,
+    maker_start    integer not null,
+    maker_boot_id  text not null
+) without rowid;
+create table job (
+    id               integer primary key autoincrement,
+    kind             text not null,
+    share_token      text not null,
+    share            text not null,
+    state            text not null,
+    is_cancel_asked  integer not null default 0,
+    error            integer not null default 0,
+    percent          integer not null default 0,
+    step             integer not null default 0,
+    reason           integer not null default 0,
+    total_bytes      integer not null default 0,
+    copied_bytes     integer not null default 0,
+    verified_bytes   integer not null default 0,
+    changed_since_s  integer not null default 0,
+    next_try_s       integer not null default 0,
+    created_s        integer not null,
+    ended_s          integer not null default 0,
+    runner_pid       integer not null default 0,
+    runner_start     integer not null default 0,
+    runner_boot_id   text not null default ''
+);
+create unique index job_under_way on job (share_token) where state in ('waiting', 'progressing');
+)sql";
+
 int VersionOf(soci::session& session) {
     int version = 0;
     session << "pragma user_version", soci::into(version);
@@ -60,7 +105,7 @@ void Upgrade(soci::session& session, const Schema& schema, int version) {
 }  // namespace
 
 const Schema& CurrentSchema() {
-    static constexpr std::array<SchemaUpgrade, 1> kUpgrades{{{1, kToVersion2}}};
+    static constexpr std::array<SchemaUpgrade, 2> kUpgrades{{{1, kToVersion2}, {2, kToVersion3}}};
     static const Schema schema{kSchemaVersion, kSchemaSql, kUpgrades};
     return schema;
 }

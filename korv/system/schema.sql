@@ -118,3 +118,60 @@ create table mount (
     failures        integer not null,
     next_try_s      integer not null
 ) without rowid;
+
+-- Journal of shares being renamed. The new name is claimed by the row; one whose maker is dead is finished when
+-- the folder has got its new name, and undone otherwise (share_rename.h).
+create table share_rename (
+    token          text primary key,
+    name_key       text not null unique,
+    name           text not null,
+    maker_pid      integer not null,
+    maker_start    integer not null,
+    maker_boot_id  text not null
+) without rowid;
+
+-- Journal of shares being removed; goes on until nothing is left (share_removal.h).
+--   is_hidden  1: the share's row is gone and its folder has its hidden name; what is left is freeing the space
+create table share_removal (
+    token          text primary key,
+    name           text not null,
+    vol_path       text not null,
+    is_hidden      integer not null,
+    next_try_s     integer not null,
+    maker_pid      integer not null,
+    maker_start    integer not null,
+    maker_boot_id  text not null
+) without rowid;
+
+-- Jobs that move all of a share into another kind of folder. A password that one needs stands in
+-- <stateDir>/jobs/<id>.password as long as the job is not over.
+--   kind             'encrypt' or 'decrypt'
+--   state            'waiting', 'progressing', 'finished', 'cancelled' or 'failed'; the last three are for good
+--   error            why it failed or waits: a code of the share service, 0 = none
+--   step, reason     MoveStep and MoveEnd (share_move.h)
+--   changed_since_s  what changed in the folder since then was not looked at yet
+--   runner_*         the process that works on it
+create table job (
+    id               integer primary key autoincrement,
+    kind             text not null,
+    share_token      text not null,
+    share            text not null,
+    state            text not null,
+    is_cancel_asked  integer not null default 0,
+    error            integer not null default 0,
+    percent          integer not null default 0,
+    step             integer not null default 0,
+    reason           integer not null default 0,
+    total_bytes      integer not null default 0,
+    copied_bytes     integer not null default 0,
+    verified_bytes   integer not null default 0,
+    changed_since_s  integer not null default 0,
+    next_try_s       integer not null default 0,
+    created_s        integer not null,
+    ended_s          integer not null default 0,
+    runner_pid       integer not null default 0,
+    runner_start     integer not null default 0,
+    runner_boot_id   text not null default ''
+);
+
+create unique index job_under_way on job (share_token) where state in ('waiting', 'progressing');

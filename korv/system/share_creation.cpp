@@ -10,7 +10,9 @@
 #include <sys/random.h>
 
 #include "korv/system/database.h"
+#include "korv/system/encrypted_share.h"
 #include "korv/system/share_folder.h"
+#include "korv/system/tree_remove.h"
 
 namespace korv {
 
@@ -85,10 +87,51 @@ void Record(const ShareRow& share) {
     transaction.Commit();
 }
 
+struct EncryptionFailure {
+    CreationEnd end = CreationEnd::kFailed;
+    std::string reason;
+};
+
+bool IsEncrypted(const ShareRow& share) { return share.encryption != ShareEncryption::kNone; }
+
+void CheckCipher(CipherEnd end, const char* what) {
+    switch (end) {
+        case CipherEnd::kDone:
+            return;
+        case CipherEnd::kNoSpace:
+            throw EncryptionFailure{CreationEnd::kNoSpace, what};
+        case CipherEnd::kBadPassword:
+        case CipherEnd::kToolMissing:
+            throw EncryptionFailure{CreationEnd::kEncryptionRefused, what};
+        default:
+            throw EncryptionFailure{CreationEnd::kFailed, what};
+    }
+}
+
+// Removes the encrypted files of a share that is not there yet, or no more.
+void RemoveEncryption(int volume, const ShareRow& share) {
+    if (!IsEncrypted(share)) {
+        return;
+    }
+    const CipherFolder cipher = CipherOf(share);
+    CipherEnd end = CipherEnd::kDone;
+    while (end == CipherEnd::kDone) {
+        end = cipher.Unmount(std::chrono::milliseconds(0), true);
+    }
+    const std::string path = cipher.CipherPath().substr(share.volPath.size() + 1);
+    if (end != CipherEnd::kNotMounted || !RemoveTree(volume, path).isGone) {
+        throw std::system_error(EBUSY, std::generic_category(), "cannot remove an encrypted folder");
+    }
+}
+
 // Called with the write lock held, so that no two processes recover the same creation.
 void FinishOrUndo(const ShareRow& share) {
     const FileDescriptor volume = OpenVolume(share.volPath);
-    if (IsFolderOfToken(volume.Get(), share.name, share.token)) {
+    RemoveEncryption(volume.Get(), share);
+    const bool isPublished = IsFolderOfToken(volume.Get(), share.name, share.token);
+    if (isPublished && IsEncrypted(share)) {
+        RemoveShareFolder(volume.Get(), share.name);
+    } else if (isPublished) {
         AddShare(share);
     } else {
         RemoveStagedFolder(volume.Get(), share.token);
@@ -99,6 +142,7 @@ void FinishOrUndo(const ShareRow& share) {
 // Takes back a creation that failed, since its caller is told so.
 void Undo(int volume, const ShareRow& share) {
     WriteTransaction transaction(Database());
+    RemoveEncryption(volume, share);
     RemoveStagedFolder(volume, share.token);
     if (IsFolderOfToken(volume, share.name, share.token)) {
         RemoveShareFolder(volume, share.name);
@@ -127,13 +171,28 @@ std::string TryUndo(int volume, const ShareRow& share) {
     return " (not undone yet: " + trouble + ")";
 }
 
-CreationOutcome MakeFolderAndRecord(int volume, const ShareRow& share, const CreationObserver& observer) {
+void Unlock(int volume, const ShareRow& share, const std::string& password) {
+    CheckCipher(UnlockShare(share, password), "cannot mount an encrypted folder");
+    SecureShareFolder(OpenShareFolder(volume, share.name).Get(), share.token);
+}
+
+CreationOutcome MakeFolderAndRecord(int volume, const ShareRow& share, const CreationObserver& observer,
+                                    const std::string& password) {
     MakeStagedFolder(volume, share.token, share.isCow,
                      [&observer](FolderStep step) { observer(StepOf(step)); });
+    if (IsEncrypted(share)) {
+        CloseStagedFolder(volume, share.token);
+        CheckCipher(CipherOf(share).Init(password), "cannot make an encrypted folder");
+        observer(CreationStep::kEncrypted);
+    }
     if (!PublishStagedFolder(volume, share.token, share.name)) {
         return {CreationEnd::kNameTaken, ""};
     }
     observer(CreationStep::kPublished);
+    if (IsEncrypted(share)) {
+        Unlock(volume, share, password);
+        observer(CreationStep::kUnlocked);
+    }
     Record(share);
     observer(CreationStep::kRecorded);
     return {CreationEnd::kCreated, ""};
@@ -144,6 +203,8 @@ template <class Part>
 CreationOutcome Try(const Part& part) {
     try {
         return part();
+    } catch (const EncryptionFailure& failure) {
+        return {failure.end, failure.reason};
     } catch (const std::system_error& error) {
         return {EndOf(error), error.what()};
     } catch (const soci::soci_error& error) {
@@ -152,12 +213,13 @@ CreationOutcome Try(const Part& part) {
     }
 }
 
-CreationOutcome CreateOnVolume(int volume, const ShareRow& share, const CreationObserver& observer) {
+CreationOutcome CreateOnVolume(int volume, const ShareRow& share, const CreationObserver& observer,
+                               const std::string& password) {
     if (!Claim(share)) {
         return {CreationEnd::kNameTaken, ""};
     }
     observer(CreationStep::kJournalled);
-    CreationOutcome outcome = Try([&] { return MakeFolderAndRecord(volume, share, observer); });
+    CreationOutcome outcome = Try([&] { return MakeFolderAndRecord(volume, share, observer, password); });
     if (outcome.end != CreationEnd::kCreated) {
         outcome.reason += TryUndo(volume, share);
     }
@@ -166,13 +228,13 @@ CreationOutcome CreateOnVolume(int volume, const ShareRow& share, const Creation
 
 }  // namespace
 
-CreationOutcome CreateShare(ShareRow wanted, const CreationObserver& observer) {
+CreationOutcome CreateShare(ShareRow wanted, const CreationObserver& observer, const std::string& password) {
     wanted.token = NewToken();
     wanted.created_s = Now_s();
     const CreationObserver notify = observer ? observer : [](CreationStep) {};
     return Try([&] {
         const FileDescriptor volume = OpenVolume(wanted.volPath);
-        return CreateOnVolume(volume.Get(), wanted, notify);
+        return CreateOnVolume(volume.Get(), wanted, notify, password);
     });
 }
 

@@ -25,6 +25,7 @@ namespace korv {
 namespace {
 
 constexpr const char* kStagedPrefix = ".korv-new-";
+constexpr const char* kRemovedPrefix = ".korv-gone-";
 // Only root can read or set attributes of this kind, so a token can't be copied to another folder.
 constexpr const char* kTokenAttribute = "trusted.korv.share";
 constexpr std::size_t kLongestToken = 64;
@@ -111,6 +112,11 @@ void Secure(int folder) {
     WriteAcl(folder, ACL_TYPE_ACCESS, acl);
 }
 
+void Mark(int folder, const std::string& token) {
+    Check(fsetxattr(folder, kTokenAttribute, token.data(), token.size(), 0), "cannot mark a folder");
+    Check(fsync(folder), "cannot write a folder to the disk");
+}
+
 }  // namespace
 
 FileDescriptor OpenVolume(const std::string& path) {
@@ -143,8 +149,7 @@ void MakeStagedFolder(int volume, const std::string& token, bool isCow,
     }
     Secure(folder.Get());
     done(FolderStep::kSecured);
-    Check(fsetxattr(folder.Get(), kTokenAttribute, token.data(), token.size(), 0), "cannot mark a folder");
-    Check(fsync(folder.Get()), "cannot write a folder to the disk");
+    Mark(folder.Get(), token);
     done(FolderStep::kMarked);
 }
 
@@ -189,6 +194,40 @@ bool IsFolderOfToken(int volume, const std::string& name, const std::string& tok
     std::array<char, kLongestToken> found{};
     const ssize_t length = fgetxattr(folder.Get(), kTokenAttribute, found.data(), found.size());
     return length >= 0 && token == std::string(found.data(), static_cast<std::size_t>(length));
+}
+
+bool RenameShareFolder(int volume, const std::string& name, const std::string& newName) {
+    const RootScope root;
+    if (renameat2(volume, name.c_str(), volume, newName.c_str(), RENAME_NOREPLACE) != 0) {
+        if (errno == EEXIST) {
+            return false;
+        }
+        Fail(errno, "cannot rename a folder");
+    }
+    Check(fsync(volume), "cannot write a volume's root to the disk");
+    return true;
+}
+
+std::string RemovedFolderName(const std::string& token) { return kRemovedPrefix + token; }
+
+void HideShareFolder(int volume, const std::string& name, const std::string& token) {
+    if (IsFolderOfToken(volume, name, token) && !RenameShareFolder(volume, name, RemovedFolderName(token))) {
+        Fail(EEXIST, "cannot hide a folder");
+    }
+}
+
+void SecureShareFolder(int folder, const std::string& token) {
+    const RootScope root;
+    Secure(folder);
+    Mark(folder, token);
+}
+
+void CloseStagedFolder(int volume, const std::string& token) {
+    const RootScope root;
+    const FileDescriptor folder = OpenBeneath(volume, StagedName(token));
+    const Acl closed{{ACL_USER_OBJ, 0, kAclReadWrite}, {ACL_GROUP_OBJ, 0, 0}, {ACL_OTHER, 0, 0}};
+    WriteAcl(folder.Get(), ACL_TYPE_DEFAULT, closed);
+    WriteAcl(folder.Get(), ACL_TYPE_ACCESS, closed);
 }
 
 // The access list comes last: whoever gets in finds everything else in place.

@@ -42,6 +42,24 @@ void RemoveShareFolder(int volume, const std::string& name);
 // True when the folder `name` is there and was made with `token`.
 bool IsFolderOfToken(int volume, const std::string& name, const std::string& token);
 
+// Gives the folder `name` another one. False when there is something of that name, whatever it is. A folder
+// where something is mounted can't be renamed.
+bool RenameShareFolder(int volume, const std::string& name, const std::string& newName);
+
+// Where the folder of the removed share with `token` waits for its removal, from the volume on.
+std::string RemovedFolderName(const std::string& token);
+
+// Takes the folder `name` out of sight, under RemovedFolderName, if it is there and was made with `token`;
+// anything else of that name is left alone.
+void HideShareFolder(int volume, const std::string& name, const std::string& token);
+
+// Makes the folder open as `folder` one that belongs to root and admits the group `administrators` alone,
+// passes that on to what will be made in it, and marks it with `token`.
+void SecureShareFolder(int folder, const std::string& token);
+
+// Takes every right on the hidden folder of `token` from everybody but root: it will be a place to mount at.
+void CloseStagedFolder(int volume, const std::string& token);
+
 // Grants `rights` (kAclReadOnly or kAclReadWrite) on a folder and on what will be made in it; what is in it
 // already is left alone.
 void GrantOnFolder(int folder, const AclPrincipal& grantee, unsigned rights);

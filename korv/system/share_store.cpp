@@ -125,12 +125,18 @@ std::optional<ShareRow> FindShareOfAnyCase(const std::string& name) {
     return rows.empty() ? std::nullopt : std::optional(std::move(rows.front().share));
 }
 
-bool IsShareNameTaken(const std::string& name) {
+std::optional<ShareRow> FindShareByToken(const std::string& token) {
+    std::vector<ShareCreationRow> rows = Select(std::string(kFromShare) + "where token = :value", token);
+    return rows.empty() ? std::nullopt : std::optional(std::move(rows.front().share));
+}
+
+bool IsShareNameTaken(const std::string& name, const std::string& exceptToken) {
     const std::string key = ShareNameKey(name);
     int count = 0;
-    Database() << "select (select count(*) from share where name_key = :key)"
-                  " + (select count(*) from share_creation where name_key = :key)",
-        soci::use(key, "key"), soci::into(count);
+    Database() << "select (select count(*) from share where name_key = :key and token <> :token)"
+                  " + (select count(*) from share_creation where name_key = :key)"
+                  " + (select count(*) from share_rename where name_key = :key and token <> :token)",
+        soci::use(key, "key"), soci::use(exceptToken, "token"), soci::into(count);
     return count != 0;
 }
 
@@ -158,6 +164,31 @@ void AbandonShareCreation(const std::string& token) {
 }
 
 void AddShare(const ShareRow& share) { InsertShare("share", {share, {}}, "", ""); }
+
+void SaveShareFacts(const ShareRow& share) {
+    const std::string key = ShareNameKey(share.name);
+    const int isHidden = share.isHidden;
+    Database() << "update share set name_key = :key, name = :name, description = :description,"
+                  " is_hidden = :hidden where token = :token",
+        soci::use(key), soci::use(share.name), soci::use(share.description), soci::use(isHidden),
+        soci::use(share.token);
+}
+
+void SaveShareEncryption(const std::string& token, ShareEncryption encryption) {
+    const int value = static_cast<int>(encryption);
+    Database() << "update share set encryption = :encryption where token = :token", soci::use(value),
+        soci::use(token);
+}
+
+void SaveShareMoving(const std::string& token, bool isMoving) {
+    const int value = isMoving;
+    Database() << "update share set is_moving = :moving where token = :token", soci::use(value),
+        soci::use(token);
+}
+
+void DropShare(const std::string& token) {
+    Database() << "delete from share where token = :token", soci::use(token);
+}
 
 void AddShareGrant(ShareGrantRow& row) {
     const std::string key = ShareNameKey(row.shareName);

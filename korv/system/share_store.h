@@ -59,8 +59,11 @@ std::optional<ShareRow> FindShare(const std::string& name);
 // The share whose name differs from `name` in case at most.
 std::optional<ShareRow> FindShareOfAnyCase(const std::string& name);
 
-// True when a share, or one that is being made, has that name or one that differs in case only.
-bool IsShareNameTaken(const std::string& name);
+std::optional<ShareRow> FindShareByToken(const std::string& token);
+
+// True when a share, or one that is being made or renamed, has that name or one that differs in case only.
+//   exceptToken  of a share that doesn't count; may be empty
+bool IsShareNameTaken(const std::string& name, const std::string& exceptToken = "");
 
 void AddShareCreation(const ShareCreationRow& row);
 void DropShareCreation(const std::string& token);
@@ -70,6 +73,13 @@ std::optional<ShareCreationRow> FindShareCreation(const std::string& token);
 void AbandonShareCreation(const std::string& token);
 
 void AddShare(const ShareRow& share);
+// Writes name, description and whether it is hidden into the row of the share's token. Its grants follow.
+void SaveShareFacts(const ShareRow& share);
+// kNone or kLocked: whether it is unlocked is seen, not stored.
+void SaveShareEncryption(const std::string& token, ShareEncryption encryption);
+void SaveShareMoving(const std::string& token, bool isMoving);
+// Takes the row out, and the grants on it.
+void DropShare(const std::string& token);
 
 // Adds the row and sets its id.
 void AddShareGrant(ShareGrantRow& row);

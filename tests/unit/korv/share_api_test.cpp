@@ -146,14 +146,65 @@ TEST_F(ShareApiTest, RefusesVolumesThatCannotBeUsed) {
     EXPECT_TRUE(korv::ListShareCreations().empty());
 }
 
-TEST_F(ShareApiTest, RefusesEncryption) {
+TEST_F(ShareApiTest, RefusesPasswordsThatCanNotEncrypt) {
     Json::Value params = CreateParams("rec");
     params["shareinfo"]["encryption"] = true;
-    params["shareinfo"]["enc_passwd"] = "secret";
-    const Json::Value answer = Call("KORV.Core.Share", "create", params);
-    EXPECT_EQ(Code(answer), 3328);
-    EXPECT_EQ(answer.toStyledString().find("secret"), std::string::npos);
-    EXPECT_TRUE(machine::Entries(machine::Volume()).empty());
+    EXPECT_EQ(Create(params), 3328);
+    for (const std::string& password : {std::string(), std::string("secret\nline"), std::string(2000, 's')}) {
+        params["shareinfo"]["enc_passwd"] = password;
+        const Json::Value answer = Call("KORV.Core.Share", "create", params);
+        EXPECT_EQ(Code(answer), 3328);
+        EXPECT_EQ(answer.toStyledString().find("secret"), std::string::npos);
+    }
+    EXPECT_TRUE(korv::ListShares().empty());
+    EXPECT_TRUE(korv::ListShareCreations().empty());
+    EXPECT_FALSE(fs::exists(machine::Volume() + "/rec"));
+}
+
+TEST_F(ShareApiTest, RenamesDescribesAndHides) {
+    ASSERT_EQ(Create(CreateParams("rec")), 0);
+    Json::Value params =
+        Parse(R"({"name": "rec", "shareinfo": {"name": "neu", "desc": "Yard", "hidden": false,
+        "encryption": false, "enc_passwd": ""}})");
+    params["shareinfo"]["vol_path"] = machine::Volume();
+    EXPECT_EQ(Code(Call("KORV.Core.Share", "set", params)), 0);
+    const Json::Value share = Call("KORV.Core.Share", "get", Parse(R"({"name": "neu"})"))["data"];
+    EXPECT_EQ(share["path"], machine::Volume() + "/neu");
+    EXPECT_EQ(share["desc"], "Yard");
+    EXPECT_EQ(share["hidden"], false);
+    EXPECT_EQ(Code(Call("KORV.Core.Share", "set", params)), 3303);
+    ASSERT_EQ(Create(CreateParams("other")), 0);
+    const auto rename = [](const std::string& info) {
+        Json::Value wanted = Parse(R"({"name": "neu"})");
+        wanted["shareinfo"] = Parse(info);
+        return Code(Call("KORV.Core.Share", "set", wanted));
+    };
+    EXPECT_EQ(rename(R"({"name": "Other"})"), 3301);
+    EXPECT_EQ(rename(R"({"name": "homes"})"), 3302);
+    EXPECT_EQ(rename(R"({"name": "a/b"})"), 3302);
+    EXPECT_EQ(rename(R"({"vol_path": "/volume9"})"), 3304);
+    EXPECT_EQ(rename(R"({"hidden": 1})"), 101);
+    EXPECT_EQ(rename("{}"), 0);
+    EXPECT_EQ(Call("KORV.Core.Share", "get", Parse(R"({"name": "neu"})"))["data"], share);
+    EXPECT_EQ(Code(Call("KORV.Core.Share", "set", params, "alice")), 105);
+}
+
+TEST_F(ShareApiTest, DeletesWhatCanBeDeletedAndNamesTheRest) {
+    ASSERT_EQ(Create(CreateParams("a")), 0);
+    ASSERT_EQ(Create(CreateParams("b")), 0);
+    const auto remove = [](const std::string& params, const char* user = "admin") {
+        return Call("KORV.Core.Share", "delete", Parse(params), user);
+    };
+    EXPECT_EQ(Code(remove(R"({"name": "a"})", "alice")), 105);
+    const Json::Value answer = remove(R"({"name": ["a", "gone", "a"]})");
+    EXPECT_EQ(Code(answer), 3303);
+    EXPECT_EQ(answer["error"]["errors"]["failed"], Parse(R"([{"name": "gone", "code": 3303}])"));
+    EXPECT_EQ(Code(remove(R"({"name": "b"})")), 0);
+    EXPECT_TRUE(korv::ListShares().empty());
+    EXPECT_FALSE(fs::exists(machine::Volume() + "/a"));
+    EXPECT_EQ(Code(remove(R"({"name": []})")), 0);
+    EXPECT_EQ(Code(remove(R"({"name": [1]})")), 101);
+    EXPECT_EQ(Code(remove(R"({})")), 101);
 }
 
 // Puts the members of `changes` over those of `params`, also within objects.

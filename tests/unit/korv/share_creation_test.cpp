@@ -189,8 +189,8 @@ TEST_P(ShareCreationCrashTest, LeavesAForeignFolderThatTookTheNameMeanwhile) {
 }
 
 std::string StepName(const testing::TestParamInfo<CreationStep>& info) {
-    constexpr std::array<const char*, 6> kNames{"Journalled",   "FolderMade", "FolderSecured",
-                                                "FolderMarked", "Published",  "Recorded"};
+    constexpr std::array<const char*, 8> kNames{"Journalled", "FolderMade", "FolderSecured", "FolderMarked",
+                                                "Encrypted",  "Published",  "Unlocked",      "Recorded"};
     return kNames.at(static_cast<std::size_t>(info.param));
 }
 

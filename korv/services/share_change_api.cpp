@@ -1,0 +1,160 @@
+#include "korv/services/share_change_api.h"
+
+#include <algorithm>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "korv/framework/log.h"
+#include "korv/services/request_values.h"
+#include "korv/services/share_error.h"
+#include "korv/services/share_recovery.h"
+#include "korv/system/samba_export.h"
+#include "korv/system/share_name.h"
+#include "korv/system/share_removal.h"
+#include "korv/system/share_rename.h"
+#include "korv/system/share_store.h"
+
+namespace korv {
+
+namespace {
+
+void Export() {
+    if (const std::string trouble = ExportSharesToSamba(); !trouble.empty()) {
+        LogLine("the shares have changed but are not exported: " + trouble);
+    }
+}
+
+// 0, or the code of what went wrong, which is logged with `what`.
+int CodeOf(const ChangeOutcome& outcome, const std::string& what) {
+    if (!outcome.reason.empty()) {
+        LogLine(what + ": " + outcome.reason);
+    }
+    return ErrorOf(outcome.end);
+}
+
+// What the share is to become; what `info` doesn't name stays.
+ShareRow Wanted(const ShareRow& share, const Json::Value& info) {
+    ShareRow wanted = share;
+    wanted.name = StringOf(info, "name", share.name);
+    wanted.description = StringOf(info, "desc", share.description);
+    wanted.isHidden = BoolOf(info, "hidden", share.isHidden);
+    wanted.volPath = StringOf(info, "vol_path", share.volPath);
+    return wanted;
+}
+
+// 0 when it may become that. Shares stay on their volume.
+int Refusal(const ShareRow& share, const ShareRow& wanted) {
+    if (wanted.volPath != share.volPath) {
+        return kShareVolumeUnusable;
+    }
+    return IsValidShareName(wanted.name) ? 0 : kShareNameRefused;
+}
+
+// The names to delete, each once. One name or an array of them.
+std::vector<std::string> NamesOf(const Json::Value& params) {
+    const Json::Value& given = params["name"];
+    std::vector<std::string> names;
+    if (given.isString()) {
+        return {given.asString()};
+    }
+    if (!given.isArray()) {
+        Json::throwLogicError("name is neither a text nor an array");
+    }
+    std::set<std::string> seen;
+    for (const Json::Value& each : given) {
+        if (!each.isString()) {
+            Json::throwLogicError("name holds something that is no text");
+        }
+        if (seen.insert(each.asString()).second) {
+            names.push_back(each.asString());
+        }
+    }
+    return names;
+}
+
+int Delete(const std::string& name) {
+    const auto share = FindShare(name);
+    if (!share) {
+        return kShareUnknown;
+    }
+    return CodeOf(RemoveShare(*share), "the share " + share->Path() + " was not removed");
+}
+
+}  // namespace
+
+int ErrorOf(ChangeEnd end) {
+    switch (end) {
+        case ChangeEnd::kDone:
+            return 0;
+        case ChangeEnd::kNameTaken:
+            return kShareNameTaken;
+        case ChangeEnd::kBusy:
+            return kShareInUse;
+        case ChangeEnd::kEncryptionRefused:
+            return kShareEncryptionRefused;
+        case ChangeEnd::kVolumeUnusable:
+            return kShareVolumeUnusable;
+        case ChangeEnd::kNoSpace:
+            return kShareNoSpace;
+        case ChangeEnd::kFailed:
+            break;
+    }
+    return kShareFailed;
+}
+
+void SetShare(KORV::APIRequest* request, KORV::APIResponse* response) {
+    if (!AdmitAdministrator(*request, *response)) {
+        return;
+    }
+    const Json::Value params = ParamsOf(*request);
+    const std::string name = StringOf(params, "name", "");
+    const Json::Value info = ObjectOf(params, "shareinfo");
+    RecoverDeadMakers();
+    const auto share = FindShare(name);
+    if (!share) {
+        response->SetError(kShareUnknown, Json::Value());
+        return;
+    }
+    const ShareRow wanted = Wanted(*share, info);
+    int code = Refusal(*share, wanted);
+    if (code == 0) {
+        code = CodeOf(ChangeShare(*share, wanted), "the share " + share->Path() + " was not changed");
+    }
+    if (code != 0) {
+        response->SetError(code, Json::Value());
+        return;
+    }
+    Export();
+    Json::Value data(Json::objectValue);
+    data["name"] = wanted.name;
+    response->SetSuccess(data);
+}
+
+void DeleteShares(KORV::APIRequest* request, KORV::APIResponse* response) {
+    if (!AdmitAdministrator(*request, *response)) {
+        return;
+    }
+    const std::vector<std::string> names = NamesOf(ParamsOf(*request));
+    RecoverDeadMakers();
+    Json::Value data(Json::objectValue);
+    data["failed"] = Json::Value(Json::arrayValue);
+    int firstCode = 0;
+    for (const std::string& name : names) {
+        if (const int code = Delete(name); code != 0) {
+            firstCode = firstCode == 0 ? code : firstCode;
+            Json::Value failed(Json::objectValue);
+            failed["name"] = name;
+            failed["code"] = code;
+            data["failed"].append(failed);
+        }
+    }
+    Export();
+    if (firstCode != 0) {
+        response->SetError(firstCode, data);
+    } else {
+        response->SetSuccess(Json::Value());
+    }
+}
+
+}  // namespace korv

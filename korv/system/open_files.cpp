@@ -1,0 +1,69 @@
+#include "korv/system/open_files.h"
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include "include/run_as_scope.h"
+
+namespace korv {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+bool IsBeneath(const std::string& file, const std::string& prefix) {
+    return file.compare(0, prefix.size(), prefix) == 0;
+}
+
+// The links of /proc/PID/fd can be asked for their targets' kinds without opening anything.
+bool HasOpen(const fs::path& process, const std::string& prefix) {
+    std::error_code error;
+    for (fs::directory_iterator each(process / "fd", error), end; !error && each != end;
+         each.increment(error)) {
+        std::error_code ignored;
+        const std::string target = fs::read_symlink(each->path(), ignored).string();
+        if (IsBeneath(target, prefix) && !fs::is_directory(each->path(), ignored)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A line of /proc/PID/maps ends with the file's path, if it has one.
+bool HasMapped(const fs::path& process, const std::string& prefix) {
+    std::ifstream maps(process / "maps");
+    std::string line;
+    while (std::getline(maps, line)) {
+        const std::size_t path = line.find('/');
+        if (path != std::string::npos && IsBeneath(line.substr(path), prefix)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool IsProcess(const std::string& name) {
+    return std::all_of(name.begin(), name.end(),
+                       [](char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; });
+}
+
+}  // namespace
+
+// Processes come and go meanwhile, so that what can't be read is passed over.
+bool IsFileOpenBeneath(const std::string& path) {
+    const RunAsScope root = IF_RUN_AS;
+    const std::string prefix = path + "/";
+    std::error_code error;
+    for (fs::directory_iterator each("/proc", error), end; !error && each != end; each.increment(error)) {
+        if (IsProcess(each->path().filename().string()) &&
+            (HasOpen(each->path(), prefix) || HasMapped(each->path(), prefix))) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace korv

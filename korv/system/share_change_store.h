@@ -1,0 +1,48 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "korv/system/process_identity.h"
+#include "korv/system/share_store.h"
+
+// The journals of shares being renamed and removed, in korv.db. All functions use korv::Database() and throw
+// what it throws; those that change something expect the caller's WriteTransaction.
+namespace korv {
+
+// A row of the table share_rename: the share of `token` is about to be called `name`.
+struct ShareRenameRow {
+    std::string token;
+    std::string name;
+    ProcessIdentity maker;
+};
+
+// A row of the table share_removal.
+struct ShareRemovalRow {
+    std::string token;
+    std::string name;
+    std::string volPath;
+    bool isHidden = false;
+    long long nextTry_s = 0;
+    ProcessIdentity maker;
+};
+
+void AddShareRename(const ShareRenameRow& row);
+void DropShareRename(const std::string& token);
+std::vector<ShareRenameRow> ListShareRenames();
+
+// Replaces what is known of that token.
+void SaveShareRemoval(const ShareRemovalRow& row);
+void DropShareRemoval(const std::string& token);
+std::vector<ShareRemovalRow> ListShareRemovals();
+
+// True when somebody is about to rename or remove the share of `token`, or its data are being moved.
+bool IsShareChanging(const std::string& token);
+
+// Takes the remote mounts in the folder `oldPath` along to `newPath`.
+void RenameMountRows(const std::string& oldPath, const ShareRow& renamed);
+// Whether a remote mount is known in the share `name`.
+bool HasMountRows(const std::string& name);
+
+}  // namespace korv

@@ -1,0 +1,214 @@
+#include "korv/system/share_removal.h"
+
+#include <algorithm>
+#include <ctime>
+#include <optional>
+#include <system_error>
+
+#include "korv/system/database.h"
+#include "korv/system/encrypted_share.h"
+#include "korv/system/mount_table.h"
+#include "korv/system/open_files.h"
+#include "korv/system/share_change_store.h"
+#include "korv/system/share_folder.h"
+#include "korv/system/tree_remove.h"
+
+namespace korv {
+
+namespace {
+
+constexpr long long kRetryPause_s = 300;
+constexpr long long kBusyPause_s = 30;
+
+// Whether anything but the share's own plain files is mounted at or in its folder.
+bool IsMountInside(const ShareRow& share) {
+    const std::string cipher = CipherOf(share).CipherPath();
+    const auto mounts = ReadMounts();
+    return std::any_of(mounts.begin(), mounts.end(), [&](const Mount& mount) {
+        const bool isBeneath = mount.mountPoint.compare(0, share.Path().size() + 1, share.Path() + "/") == 0;
+        const bool isAt = mount.mountPoint == share.Path() && mount.source != cipher;
+        return isBeneath || isAt;
+    });
+}
+
+void CheckUnused(const ShareRow& share) {
+    if (HasMountRows(share.name) || IsMountInside(share)) {
+        throw ChangeFailure{ChangeEnd::kBusy, "something is mounted in the share"};
+    }
+    if (IsFileOpenBeneath(share.Path())) {
+        throw ChangeFailure{ChangeEnd::kBusy, "files of the share are open"};
+    }
+}
+
+void Claim(const ShareRow& share) {
+    WriteTransaction transaction(Database());
+    const auto now = FindShareByToken(share.token);
+    if (!now || now->name != share.name || IsShareChanging(share.token)) {
+        throw ChangeFailure{ChangeEnd::kBusy, "another change of the share is under way"};
+    }
+    SaveShareRemoval({share.token, share.name, share.volPath, false, 0, ThisProcess()});
+    transaction.Commit();
+}
+
+void Lock(const ShareRow& share) {
+    if (share.encryption == ShareEncryption::kNone) {
+        return;
+    }
+    const CipherEnd end = LockShare(share);
+    if (end != CipherEnd::kDone) {
+        throw ChangeFailure{end == CipherEnd::kBusy ? ChangeEnd::kBusy : ChangeEnd::kFailed,
+                            "the share can't be locked"};
+    }
+}
+
+// Expects the caller's WriteTransaction.
+void Record(const ShareRow& share) {
+    DropShare(share.token);
+    SaveShareRemoval({share.token, share.name, share.volPath, true, 0, {}});
+}
+
+void Drop(const std::string& token) {
+    WriteTransaction transaction(Database());
+    DropShareRemoval(token);
+    transaction.Commit();
+}
+
+// Takes back a removal that failed before the share was out of sight.
+std::string Undo(int volume, const ShareRow& share) {
+    const ChangeOutcome undone = TryChange([&] {
+        if (IsFolderOfToken(volume, RemovedFolderName(share.token), share.token)) {
+            RenameShareFolder(volume, RemovedFolderName(share.token), share.name);
+        }
+        Drop(share.token);
+    });
+    return undone.end == ChangeEnd::kDone ? "" : " (not undone yet: " + undone.reason + ")";
+}
+
+// Called with the write lock held, so that no two processes carry on with the same removal.
+void CarryOn(const ShareRemovalRow& row) {
+    const FileDescriptor volume = OpenVolume(row.volPath);
+    const auto share = FindShareByToken(row.token);
+    if (share) {
+        Lock(*share);
+        HideShareFolder(volume.Get(), share->name, share->token);
+        Record(*share);
+    } else {
+        DropShareRemoval(row.token);
+    }
+}
+
+std::optional<ShareRemovalRow> Find(const std::string& token) {
+    for (const ShareRemovalRow& each : ListShareRemovals()) {
+        if (each.token == token) {
+            return each;
+        }
+    }
+    return std::nullopt;
+}
+
+void Postpone(ShareRemovalRow row, long long until_s) {
+    WriteTransaction transaction(Database());
+    row.nextTry_s = until_s;
+    SaveShareRemoval(row);
+    transaction.Commit();
+}
+
+// Empty when nothing of it is left.
+std::string Free(const ShareRemovalRow& row, const std::function<bool()>& shouldStop) {
+    const FileDescriptor volume = OpenVolume(row.volPath);
+    const std::string hidden = ".korv/";
+    for (const std::string& path : {RemovedFolderName(row.token), hidden + "cipher/" + row.token,
+                                    hidden + "move/" + row.token, hidden + "view/" + row.token}) {
+        const TreeRemoval removal = RemoveTree(volume.Get(), path, shouldStop);
+        if (!removal.isGone) {
+            const std::string where = removal.problems.empty() ? path : removal.problems.front().path;
+            const int error = removal.problems.empty() ? 0 : removal.problems.front().error;
+            return where + ": " + std::generic_category().message(error);
+        }
+    }
+    return "";
+}
+
+}  // namespace
+
+ChangeOutcome RemoveShare(const ShareRow& share, const RemovalObserver& observer) {
+    const RemovalObserver notify = observer ? observer : [](RemovalStep) {};
+    FileDescriptor volume;
+    ChangeOutcome outcome = TryChange([&] {
+        volume = OpenVolume(share.volPath);
+        CheckUnused(share);
+        Claim(share);
+    });
+    if (outcome.end != ChangeEnd::kDone) {
+        return outcome;
+    }
+    notify(RemovalStep::kJournalled);
+    outcome = TryChange([&] {
+        Lock(share);
+        notify(RemovalStep::kLocked);
+        HideShareFolder(volume.Get(), share.name, share.token);
+        notify(RemovalStep::kHidden);
+        WriteTransaction transaction(Database());
+        Record(share);
+        transaction.Commit();
+        notify(RemovalStep::kRecorded);
+    });
+    if (outcome.end != ChangeEnd::kDone) {
+        outcome.reason += Undo(volume.Get(), share);
+    }
+    return outcome;
+}
+
+std::vector<std::string> RecoverShareRemovals(const std::vector<std::string>& volumes) {
+    std::vector<std::string> troubles;
+    for (const ShareRemovalRow& seen : ListShareRemovals()) {
+        if (seen.isHidden || seen.nextTry_s > time(nullptr) || !IsGivenUp(seen.maker)) {
+            continue;
+        }
+        const ChangeOutcome outcome = TryChange([&] {
+            WriteTransaction transaction(Database());
+            const auto row = Find(seen.token);
+            if (row && !row->isHidden) {
+                const bool isKnown = std::find(volumes.begin(), volumes.end(), row->volPath) != volumes.end();
+                isKnown ? CarryOn(*row) : DropShareRemoval(row->token);
+            }
+            transaction.Commit();
+        });
+        if (outcome.end != ChangeEnd::kDone) {
+            troubles.push_back("a removal on " + seen.volPath + " is kept for later: " + outcome.reason);
+            Postpone(seen, time(nullptr) + kBusyPause_s);
+        }
+    }
+    return troubles;
+}
+
+bool IsSpaceToFree(long long now_s) {
+    int count = 0;
+    Database() << "select count(*) from share_removal where is_hidden = 1 and next_try_s <= :now",
+        soci::use(now_s), soci::into(count);
+    return count != 0;
+}
+
+std::vector<std::string> FreeRemovedShares(long long now_s, const std::function<bool()>& shouldStop) {
+    std::vector<std::string> troubles;
+    for (const ShareRemovalRow& row : ListShareRemovals()) {
+        if (!row.isHidden || row.nextTry_s > now_s || shouldStop()) {
+            continue;
+        }
+        std::string trouble;
+        const ChangeOutcome outcome = TryChange([&] { trouble = Free(row, shouldStop); });
+        if (shouldStop()) {
+            break;
+        }
+        trouble = outcome.end == ChangeEnd::kDone ? trouble : outcome.reason;
+        if (trouble.empty()) {
+            Drop(row.token);
+        } else {
+            troubles.push_back("the space of a removed share is freed later: " + trouble);
+            Postpone(row, now_s + kRetryPause_s);
+        }
+    }
+    return troubles;
+}
+
+}  // namespace korv

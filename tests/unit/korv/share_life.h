@@ -1,0 +1,25 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "korv/system/share_store.h"
+#include "tests/unit/korv/private_machine.h"
+
+// Tests that take shares through their lives; what they mount is unmounted when they end.
+class ShareLifeTest : public MachineTest {
+protected:
+    static constexpr const char* kPassword = "open sesame";
+
+    void TearDown() override;
+
+    // Creates a share and puts the file "cam1/a.mp4" into it. Gives its row.
+    static korv::ShareRow Make(const std::string& name, bool isEncrypted = false,
+                               const std::string& volume = machine::Volume());
+    // True when that file is readable and as it was.
+    static bool HasFile(const std::string& folder);
+    // Runs `work` in a child, which must die by SIGKILL.
+    static void ExpectKilled(const std::function<void()>& work);
+    // Unmounts everything at or beneath `folder`.
+    static void UnmountAll(const std::string& folder);
+};
