@@ -104,35 +104,35 @@ Json::Value FromText(const char* text) {
     return value;
 }
 
-std::vector<FunctionSpec> ReadRows() {
-    std::vector<FunctionSpec> functions;
+std::vector<FunctionTraits> ReadRows() {
+    std::vector<FunctionTraits> functions;
     for (const Row& row : kRows) {
-        FunctionSpec& spec = functions.emplace_back();
-        spec.name = row.name;
-        spec.kind = row.kind;
+        FunctionTraits& function = functions.emplace_back();
+        function.name = row.name;
+        function.kind = row.kind;
         std::istringstream names(row.argNames);
         for (std::string name; names >> name;) {
-            spec.argNames.push_back(name);
+            function.argNames.push_back(name);
         }
-        spec.benign = FromText(row.benign);
-        spec.canFail = row.failing != nullptr;
-        spec.failing = spec.canFail ? FromText(row.failing) : Json::Value();
-        spec.tellsFailure = row.tellsFailure;
+        function.benign = FromText(row.benign);
+        function.canFail = row.failing != nullptr;
+        function.failing = function.canFail ? FromText(row.failing) : Json::Value();
+        function.tellsFailure = row.tellsFailure;
     }
     return functions;
 }
 
 }  // namespace
 
-const std::vector<FunctionSpec>& AllFunctions() {
-    static const std::vector<FunctionSpec> functions = ReadRows();
+const std::vector<FunctionTraits>& AllFunctions() {
+    static const std::vector<FunctionTraits> functions = ReadRows();
     return functions;
 }
 
-const FunctionSpec* FindFunction(const std::string& name) {
-    const std::vector<FunctionSpec>& all = AllFunctions();
-    const auto found =
-        std::find_if(all.begin(), all.end(), [&name](const FunctionSpec& spec) { return spec.name == name; });
+const FunctionTraits* FindFunction(const std::string& name) {
+    const std::vector<FunctionTraits>& all = AllFunctions();
+    const auto found = std::find_if(
+        all.begin(), all.end(), [&name](const FunctionTraits& function) { return function.name == name; });
     return found != all.end() ? &*found : nullptr;
 }
 

@@ -191,7 +191,7 @@ const AnswerTable& Answers() {
 
 }  // namespace
 
-Json::Value AnswerFromWorld(const World& world, const FunctionSpec& function, const Json::Value& args) {
+Json::Value AnswerFromWorld(const World& world, const FunctionTraits& function, const Json::Value& args) {
     const auto found = Answers().find(function.name);
     return found != Answers().end() ? found->second(world, args) : function.benign;
 }

@@ -41,7 +41,7 @@ struct World {
 };
 
 // The reply to a background function as `world` has it, in the form of the function's benign reply.
-Json::Value AnswerFromWorld(const World& world, const FunctionSpec& function, const Json::Value& args);
+Json::Value AnswerFromWorld(const World& world, const FunctionTraits& function, const Json::Value& args);
 
 // Puts the scenario's log configuration in place of g_pDbgLogCfg until the object is destroyed.
 class LogConfigurationScope {
