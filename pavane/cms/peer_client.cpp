@@ -12,6 +12,7 @@
 #include "platform/pavane/cms.h"
 
 #include "pavane/cms/pairing.h"
+#include "pavane/cms/peer_reply.h"
 #include "pavane/http_post.h"
 #include "pavane/log_line.h"
 #include "pavane/store/database.h"
@@ -71,23 +72,6 @@ std::string Body(const Json::Value& request, const Peer& peer, const std::string
     return Json::writeString(builder, signedRequest);
 }
 
-// The answer as an object; false for anything else.
-bool ParseReply(const std::string& body, Json::Value& reply) {
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value parsed;
-    try {
-        if (!reader->parse(body.data(), body.data() + body.size(), &parsed, nullptr) || !parsed.isObject()) {
-            return false;
-        }
-    } catch (const Json::Exception&) {  // nested too deeply
-        return false;
-    }
-    reply = std::move(parsed);
-    return true;
-}
-
 // One stamp serves all tries: a try that never connected has not used it up.
 pavane::HttpReply SendWithin(pavane::HttpPost& post, const SendOptions& options) {
     using Clock = std::chrono::steady_clock;
@@ -126,8 +110,8 @@ int SendToPeer(const Peer& peer, const Json::Value& request, const SendOptions& 
         PV_LOG_LINE(kSource, "Failed to send to %s: %s\n", peer.name.c_str(), answer.failure.c_str());
         return kFailed;
     }
-    if (!ParseReply(answer.body, reply)) {
-        PV_LOG_LINE(kSource, "The answer of %s, HTTP status %ld, is not a JSON object.\n", peer.name.c_str(),
+    if (!pavane::ParsePeerReply(answer.body, reply)) {
+        PV_LOG_LINE(kSource, "The answer of %s, HTTP status %ld, is no web API's.\n", peer.name.c_str(),
                     answer.status);
         return kFailed;
     }
