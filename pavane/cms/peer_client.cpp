@@ -16,6 +16,7 @@
 
 #include "pavane/cms/pairing.h"
 #include "pavane/cms/peer_address.h"
+#include "pavane/cms/peer_reply.h"
 #include "pavane/log_line.h"
 #include "pavane/store/database.h"
 
@@ -130,9 +131,9 @@ SendOutcome SendToPeer(const Peer& peer, const Json::Value& request, const SendO
     if (!answer.ok) {
         return Fail(peer, options, FailureOf(answer), answer.failure);
     }
-    if (!ParseObject(answer.body, reply)) {
+    if (!ParsePeerReply(answer.body, reply)) {
         return Fail(peer, options, SendFailure::kBadAnswer,
-                    "its answer, HTTP status " + std::to_string(answer.status) + ", is not a JSON object");
+                    "its answer, HTTP status " + std::to_string(answer.status) + ", is no web API's");
     }
     const std::int64_t ahead_s = ClockAhead_s(answer);
     if (IsClockTooFarOff(ahead_s) && !options.isQuiet) {
@@ -185,22 +186,6 @@ SendFailure FailureOf(const HttpReply& answer) {
         return SendFailure::kKeyChanged;
     }
     return answer.neverConnected ? SendFailure::kUnreachable : SendFailure::kNoAnswer;
-}
-
-bool ParseObject(const std::string& body, Json::Value& object) {
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value parsed;
-    try {
-        if (!reader->parse(body.data(), body.data() + body.size(), &parsed, nullptr) || !parsed.isObject()) {
-            return false;
-        }
-    } catch (const Json::Exception&) {  // nested too deeply
-        return false;
-    }
-    object = std::move(parsed);
-    return true;
 }
 
 std::string CompactJson(const Json::Value& value) {

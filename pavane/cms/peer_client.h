@@ -34,9 +34,6 @@ SendOutcome SendToPaired(int rvId, const Json::Value& request, int wait_s, Json:
 // What an exchange that went wrong failed at.
 SendFailure FailureOf(const HttpReply& answer);
 
-// The answer's body as an object; false for anything else, deep nesting included.
-bool ParseObject(const std::string& body, Json::Value& object);
-
 // One line without blanks.
 std::string CompactJson(const Json::Value& value);
 

@@ -3,6 +3,7 @@
 #include <exception>
 #include <utility>
 
+#include "pavane/cms/peer_reply.h"
 #include "pavane/log_line.h"
 
 namespace pavane {
@@ -25,7 +26,7 @@ Json::Value MakeRequest(const std::string& api, const std::string& method, const
 
 Json::Value Parse(const HttpReply& reply) {
     Json::Value answer;
-    if (!ParseObject(reply.body, answer)) {
+    if (!ParsePeerReply(reply.body, answer)) {
         throw RemoteFailure(SendFailure::kBadAnswer);
     }
     return answer;

@@ -31,6 +31,8 @@ void DualAuth::CheckToSetEnv(const std::string& cookie, const std::string& sessi
 }
 
 bool IsExistDir(const std::string& path) { return Ask("IsExistDir", Args(path)).asBool(); }
+bool IsFileExist(const std::string& path) { return Ask("IsFileExist", Args(path)).asBool(); }
+std::string GetBaseName(const std::string& path) { return Ask("GetBaseName", Args(path)).asString(); }
 std::string GetDirPath(const std::string& path) { return Ask("GetDirPath", Args(path)).asString(); }
 
 Camera::Camera() = default;
@@ -49,6 +51,20 @@ std::list<Camera> CamGetList(const CamFilterRule& filter, int& count, bool withS
 }
 
 int GetCamOwnerRvId(int camId) { return Ask("GetCamOwnerRvId", Args(camId)).asInt(); }
+
+std::list<Camera> GetCamLocalList(bool enabledOnly, const std::string& name, const std::string& group,
+                                  bool withStatus, bool withDeleted) {
+    std::list<Camera> cameras;
+    for (const Json::Value& fields :
+         Ask("GetCamLocalList", Args(enabledOnly, name, group, withStatus, withDeleted))) {
+        cameras.push_back(fake::ToCamera(fields));
+    }
+    return cameras;
+}
+
+std::string GetRecMigrateTmpFilePath(int camId) {
+    return Ask("GetRecMigrateTmpFilePath", Args(camId)).asString();
+}
 
 bool IsPVRunning() { return Ask("IsPVRunning", Args()).asBool(); }
 

@@ -17,11 +17,11 @@ DirectorScope::~DirectorScope() { g_director = nullptr; }
 Director* CurrentDirector() { return g_director; }
 
 Json::Value Ask(const char* function, const Json::Value& args) {
-    const FunctionSpec* spec = FindFunction(function);
-    if (spec == nullptr || g_director == nullptr) {
+    const FunctionTraits* traits = FindFunction(function);
+    if (traits == nullptr || g_director == nullptr) {
         throw std::logic_error(std::string("nobody answers for ") + function);
     }
-    return g_director->Reply(*spec, args);
+    return g_director->Reply(*traits, args);
 }
 
 }  // namespace fake

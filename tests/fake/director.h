@@ -25,7 +25,7 @@ public:
 
     // A platform function was called with `args` (an array). Gives the reply in the form of the function's
     // benign reply; members that a scripted reply leaves out have been filled in.
-    virtual Json::Value Reply(const FunctionSpec& function, const Json::Value& args) = 0;
+    virtual Json::Value Reply(const FunctionTraits& function, const Json::Value& args) = 0;
     // A member of the request was asked: [function, arguments ...].
     virtual void Read(const Json::Value& read) = 0;
     virtual void Log(const LogLine& line) = 0;

@@ -34,6 +34,8 @@ const Row kRows[] = {
     {"DualAuth::CheckToSetEnv", kBackground, "cookie sessionId", "null", kNever},
     {"IsExistDir", kBackground, "path", "false", "false"},
     {"GetDirPath", kBackground, "path", "\"\"", kNever},
+    {"IsFileExist", kBackground, "path", "false", "false"},
+    {"GetBaseName", kBackground, "path", "\"\"", kNever},
     // shared folders and external disks
     {"KORVShareGet", kBackground, "name", R"({"result": 0, "path": ""})", R"({"result": -1, "path": ""})"},
     {"KLIBShareUserRightGet", kBackground, "user name", "3", "-1"},
@@ -56,6 +58,15 @@ const Row kRows[] = {
     {"PVFileGetVal", kCall, "path key", R"({"result": 4, "value": "done"})",
      R"({"result": -1, "value": ""})"},
     {"PVJson::Validate", kBackground, "schema value", "0", "-1"},
+    {"GetLocalMountedFolderByWebApi", kBackground, "withState", R"({"result": 0, "mounts": []})",
+     R"({"result": -1, "mounts": null})"},
+    {"GetMntPointFSInfo", kCall, "mountPoint", R"({"result": 0, "fsType": 11, "sizeMB": 1024})",
+     R"({"result": -1, "fsType": -1, "sizeMB": 0})"},
+    {"GetRemoteMountStatus", kCall, "path", "0", "-1"},
+    {"KORVShareEncExportKeySaltGet", kBackground, "", R"("salt")", kNever},
+    {"KORVShareEncKeyFileRead", kCall, "path salt size", R"({"result": 0, "key": "key"})",
+     R"({"result": -1, "key": ""})"},
+    {"KLIBCErrGet", kCall, "", "0", kNever},
     // central management
     {"IsCmsHost", kBackground, "", "false", "false", kQuietly},
     {"IsCmsPaired", kBackground, "", "false", "false", kQuietly},
@@ -82,6 +93,8 @@ const Row kRows[] = {
     {"CamGetList", kBackground, "ownerRvId withStatus", R"({"cameras": [], "count": 0})",
      R"({"cameras": [], "count": 0})"},
     {"GetCamOwnerRvId", kBackground, "camId", "0", "-1"},
+    {"GetCamLocalList", kBackground, "enabledOnly name group withStatus withDeleted", "[]", "[]", kQuietly},
+    {"GetRecMigrateTmpFilePath", kBackground, "camId", "\"\"", kNever},
     {"LoadAllUsingCam", kCall, "shareId withStatus before", R"({"result": 0, "cameras": []})",
      R"({"result": -1, "cameras": []})"},
     {"CheckRecShareStatus", kCall, "id", "0", "-1"},
@@ -90,7 +103,11 @@ const Row kRows[] = {
      R"({"result": -1, "record": {}})"},
     {"RecShare::LoadByIdOnRec", kBackground, "idOnRec ownerRvId", R"({"result": 0, "record": {}})",
      R"({"result": -1, "record": {}})"},
+    {"RecShare::LoadByPath", kBackground, "path ownerRvId", R"({"result": 0, "record": {}})",
+     R"({"result": -1, "record": {}})"},
     {"RecShare::Save", kCall, "id setters", R"({"result": 0, "id": 1})", R"({"result": -1, "id": null})"},
+    {"DelRecShareById", kCall, "ids", "0", "-1"},
+    {"UpdateShareMountInfo", kCall, "status id refreshFacts onlyIfChanged", "null", kNever},
     {"LoadRecShareFromDB", kBackground, "rvId", "[]", "[]"},
     {"LoadRecSharePath", kBackground, "rvId", "[]", "[]"},
     {"UpdateBackupInfo", kCall, "added removed", "null", kNever},
@@ -98,6 +115,14 @@ const Row kRows[] = {
      R"({"result": 0, "info": {"fs_type": 1, "vol_size_mb": 1024, "is_share_moving": false, "encryption": 0}})",
      R"({"result": -1, "info": null})"},
     {"CheckToUpdatePVServiceLink", kCall, "name", "null", kNever},
+    {"GetShareMovingTaskId", kCall, "name", R"({"result": 0, "taskId": "task"})",
+     R"({"result": -1, "taskId": ""})"},
+    {"GetSnapshotSharePath", kBackground, "create", "\"\"", "\"\"", kQuietly},
+    {"HandleSnapshotShareDelete", kCall, "", "0", "-1"},
+    {"ArchPullApi::GetTasks", kBackground, "server type", "[]", "[]", kQuietly},
+    {"ArchPullApi::NotifyShareUpdate", kCall, "operation path newPath afterwards", "null", kNever},
+    {"TimeLapseApi::NotifyShareUpdate", kCall, "operation path newPath afterwards", "null", kNever},
+    {"PvRotateApi::StartRotate", kCall, "rvId", "null", kNever},
     {"PVLog", kCall, "type user item args rvId", "null", kNever},
     {"PVClientNotify::Notify", kCall, "type", "null", kNever},
     // the database
@@ -132,35 +157,35 @@ Json::Value FromText(const char* text) {
     return value;
 }
 
-std::vector<FunctionSpec> ReadRows() {
-    std::vector<FunctionSpec> functions;
+std::vector<FunctionTraits> ReadRows() {
+    std::vector<FunctionTraits> functions;
     for (const Row& row : kRows) {
-        FunctionSpec& spec = functions.emplace_back();
-        spec.name = row.name;
-        spec.kind = row.kind;
+        FunctionTraits& function = functions.emplace_back();
+        function.name = row.name;
+        function.kind = row.kind;
         std::istringstream names(row.argNames);
         for (std::string name; names >> name;) {
-            spec.argNames.push_back(name);
+            function.argNames.push_back(name);
         }
-        spec.benign = FromText(row.benign);
-        spec.canFail = row.failing != nullptr;
-        spec.failing = spec.canFail ? FromText(row.failing) : Json::Value();
-        spec.tellsFailure = row.tellsFailure;
+        function.benign = FromText(row.benign);
+        function.canFail = row.failing != nullptr;
+        function.failing = function.canFail ? FromText(row.failing) : Json::Value();
+        function.tellsFailure = row.tellsFailure;
     }
     return functions;
 }
 
 }  // namespace
 
-const std::vector<FunctionSpec>& AllFunctions() {
-    static const std::vector<FunctionSpec> functions = ReadRows();
+const std::vector<FunctionTraits>& AllFunctions() {
+    static const std::vector<FunctionTraits> functions = ReadRows();
     return functions;
 }
 
-const FunctionSpec* FindFunction(const std::string& name) {
-    const std::vector<FunctionSpec>& all = AllFunctions();
-    const auto found =
-        std::find_if(all.begin(), all.end(), [&name](const FunctionSpec& spec) { return spec.name == name; });
+const FunctionTraits* FindFunction(const std::string& name) {
+    const std::vector<FunctionTraits>& all = AllFunctions();
+    const auto found = std::find_if(
+        all.begin(), all.end(), [&name](const FunctionTraits& function) { return function.name == name; });
     return found != all.end() ? &*found : nullptr;
 }
 

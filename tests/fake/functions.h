@@ -19,7 +19,7 @@ enum class Kind {
 //   benign     the reply of a scripted call that names none; its members are those that a reply may have
 //   failing    the reply in the fault sweep; null for a function that has no way to fail
 //   tellsFailure  false when the failing reply is a plain answer that callers can't tell from a real one
-struct FunctionSpec {
+struct FunctionTraits {
     std::string name;
     Kind kind = Kind::kCall;
     std::vector<std::string> argNames;
@@ -30,8 +30,8 @@ struct FunctionSpec {
 };
 
 // The function of that name; null when there is none.
-const FunctionSpec* FindFunction(const std::string& name);
+const FunctionTraits* FindFunction(const std::string& name);
 
-const std::vector<FunctionSpec>& AllFunctions();
+const std::vector<FunctionTraits>& AllFunctions();
 
 }  // namespace fake

@@ -40,6 +40,10 @@ int RecShare::LoadByIdOnRec(int idOnRec, int ownerRvId) {
     return LoadFrom(fake::Ask("RecShare::LoadByIdOnRec", fake::Args(idOnRec, ownerRvId)), *this);
 }
 
+int RecShare::LoadByPath(const std::string& path, int ownerRvId) {
+    return LoadFrom(fake::Ask("RecShare::LoadByPath", fake::Args(path, ownerRvId)), *this);
+}
+
 int RecShare::Save() {
     Json::Value setters(Json::arrayValue);
     if (const auto found = Setters().find(this); found != Setters().end()) {
@@ -112,4 +116,17 @@ std::list<std::string> LoadRecSharePath(int rvId) {
         paths.push_back(path.asString());
     }
     return paths;
+}
+
+int DelRecShareById(const std::list<int>& ids) {
+    Json::Value list(Json::arrayValue);
+    for (const int id : ids) {
+        list.append(id);
+    }
+    return fake::Ask("DelRecShareById", fake::Args(list)).asInt();
+}
+
+void UpdateShareMountInfo(SHARE_MOUNT_STATUS status, RecShare& share, bool refreshFacts, bool onlyIfChanged) {
+    fake::Ask("UpdateShareMountInfo",
+              fake::Args(static_cast<int>(status), share.GetId(), refreshFacts, onlyIfChanged));
 }

@@ -197,6 +197,28 @@ AnswerTable ApplicationAnswers() {
          [](const World& world, const Json::Value& args) {
              return world.directories.count(args[0].asString()) > 0;
          }},
+        {"IsFileExist", [](const World& world,
+                           const Json::Value& args) { return world.files.count(args[0].asString()) > 0; }},
+        {"GetBaseName",
+         [](const World&, const Json::Value& args) {
+             const std::string path = args[0].asString();
+             return path.substr(path.rfind('/') + 1);
+         }},
+        {"GetCamLocalList",
+         [](const World& world, const Json::Value&) { return Cameras(world, 0)["cameras"]; }},
+        {"GetRecMigrateTmpFilePath",
+         [](const World&, const Json::Value& args) {
+             return "/migrations/" + std::to_string(args[0].asInt());
+         }},
+        {"RecShare::LoadByPath",
+         [](const World& world, const Json::Value& args) {
+             return Loaded(Find(world.shares,
+                                [&args](const Json::Value& share) {
+                                    return share.get("path", "") == args[0] &&
+                                           Number(share, "ownerRvId") == args[1].asInt();
+                                }),
+                           "record", -1);
+         }},
         {"GetDirPath",
          [](const World&, const Json::Value& args) { return WithoutLastComponent(args[0].asString()); }},
         {"IsPVRunning", [](const World& world, const Json::Value&) { return world.running; }},
@@ -243,7 +265,7 @@ const AnswerTable& Answers() {
 
 }  // namespace
 
-Json::Value AnswerFromWorld(const World& world, const FunctionSpec& function, const Json::Value& args) {
+Json::Value AnswerFromWorld(const World& world, const FunctionTraits& function, const Json::Value& args) {
     const auto found = Answers().find(function.name);
     return found != Answers().end() ? found->second(world, args) : function.benign;
 }

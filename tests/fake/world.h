@@ -34,6 +34,7 @@ struct World {
     int euid = 0;
     int egid = 0;
     std::set<std::string> directories;
+    std::set<std::string> files;
     Json::Value shares{Json::arrayValue};
     Json::Value cameras{Json::arrayValue};
     Json::Value servers{Json::arrayValue};
@@ -44,7 +45,7 @@ struct World {
 };
 
 // The reply to a background function as `world` has it, in the form of the function's benign reply.
-Json::Value AnswerFromWorld(const World& world, const FunctionSpec& function, const Json::Value& args);
+Json::Value AnswerFromWorld(const World& world, const FunctionTraits& function, const Json::Value& args);
 
 // Puts the scenario's log configuration in place of g_pDbgLogCfg until the object is destroyed.
 class LogConfigurationScope {

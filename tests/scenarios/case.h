@@ -14,7 +14,7 @@ namespace scenario {
 
 // A platform call that must be made, and what it gets.
 struct ScriptedCall {
-    const fake::FunctionSpec* function = nullptr;
+    const fake::FunctionTraits* function = nullptr;
     Json::Value args;
     Json::Value reply;
     int line = 0;

@@ -92,8 +92,8 @@ Tolerated ReadTolerated(const YamlNode& node) {
             }
         });
     }
-    const fake::FunctionSpec* spec = fake::FindFunction(one.function);
-    if (spec == nullptr || !spec->canFail) {
+    const fake::FunctionTraits* function = fake::FindFunction(one.function);
+    if (function == nullptr || !function->canFail) {
         node.Fail("'" + one.function + "' is no platform function that can fail");
     }
     return one;
@@ -157,11 +157,11 @@ std::vector<Json::Value> ReadReads(const YamlNode& node) {
 std::vector<std::string> ReadNever(const YamlNode& node) {
     std::vector<std::string> names;
     node.ForEachItem([&names](const YamlNode& item) {
-        const fake::FunctionSpec* spec = fake::FindFunction(item.Text());
-        if (spec == nullptr || spec->kind != fake::Kind::kBackground) {
+        const fake::FunctionTraits* function = fake::FindFunction(item.Text());
+        if (function == nullptr || function->kind != fake::Kind::kBackground) {
             item.Fail("'" + item.Text() + "' is no background function");
         }
-        names.push_back(spec->name);
+        names.push_back(function->name);
     });
     return names;
 }

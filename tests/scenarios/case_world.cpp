@@ -100,7 +100,7 @@ std::optional<fake::LogSetting> ReadLogSetting(const YamlNode& node) {
 }
 
 // A reply has the benign reply's members; what it leaves out stays as there.
-Json::Value CompleteReply(const fake::FunctionSpec& function, const Json::Value& given,
+Json::Value CompleteReply(const fake::FunctionTraits& function, const Json::Value& given,
                           const YamlNode& node) {
     const bool isFree = function.name == "KORV::APIRunner::Exec";
     if (isFree || function.benign.isArray()) {
@@ -134,7 +134,8 @@ Json::Value CompleteReply(const fake::FunctionSpec& function, const Json::Value&
 }
 
 // Records within a reply are held to the same fields as those of the given world.
-void CheckRecordsInReply(const fake::FunctionSpec& function, const Json::Value& reply, const YamlNode& node) {
+void CheckRecordsInReply(const fake::FunctionTraits& function, const Json::Value& reply,
+                         const YamlNode& node) {
     const auto check = [&node](const Json::Value& records, const Json::Value& sample) {
         for (const Json::Value& record : records) {
             if (const std::string wrong = fake::CheckRecord(record, sample); !wrong.empty()) {
@@ -212,6 +213,8 @@ fake::World ReadWorld(const YamlNode& node) {
             world.running = value.Bool();
         } else if (name == "log") {
             world.log = ReadLogSetting(value);
+        } else if (name == "files") {
+            value.ForEachItem([&world](const YamlNode& item) { world.files.insert(item.Text()); });
         } else if (name == "directories") {
             value.ForEachItem([&world](const YamlNode& item) { world.directories.insert(item.Text()); });
         } else if (name == "shares") {

@@ -104,7 +104,7 @@ std::string Compare(const Case& script, const Outcome& outcome) {
 
 }  // namespace
 
-std::string CallLine(const fake::FunctionSpec& function, const Json::Value& args) {
+std::string CallLine(const fake::FunctionTraits& function, const Json::Value& args) {
     std::string line = function.name + "(";
     for (Json::ArrayIndex i = 0; i < args.size(); ++i) {
         line += (i > 0 ? ", " : "") + OneLine(args[i]);

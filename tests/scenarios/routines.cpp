@@ -8,6 +8,7 @@
 
 #include "include/run_as_scope.h"
 #include "tests/scenarios/probe.h"
+#include "tests/scenarios/relay_view.h"
 #include "webapi/share/external_disks.h"
 #include "webapi/share/relay_params.h"
 #include "webapi/share/share_handler.h"
@@ -85,6 +86,25 @@ Json::Value DoEditShare(OpenHandler& handler, Args args) {
     return handler.DoEditShare(args["hidden"].asBool(), args["volume"].asString(), args["name"].asString(),
                                args["newName"].asString(), args["desc"].asString(),
                                args["encryption"].asBool(), args["encPasswd"].asString());
+}
+
+// One phase of the creation, by itself: what it leaves in the target is seen.
+Json::Value HandleCreateRecShare(OpenHandler& handler, Args args) {
+    CmsRelayParams params;
+    params.needRelay = false;
+    for (const Json::Value& flag : args["flags"]) {
+        if (!SwitchFlag(params, flag.asString(), true)) {
+            throw std::invalid_argument("no such flag: " + flag.asString());
+        }
+    }
+    CmsRelayTarget target;
+    target.results = args["results"];
+    Json::Value data;
+    Json::Value returned;
+    returned["result"] = handler.HandleCreateRecShare(params, target, data);
+    returned["target"] = Shown(target);
+    returned["data"] = data;
+    return returned;
 }
 
 Json::Value FillRelayParam(RoutineContext& context) {
@@ -218,6 +238,8 @@ std::vector<Routine> MakeRoutines() {
              return Json::Value(handler.SetSharePermission(args["name"].asString()));
          }>,
          IsZero},
+        {"HandleCreateRecShare", Defaults(R"({"flags": [], "results": null})"), kReturns, false,
+         kHandled<HandleCreateRecShare>, IsResultZero},
         {"FillShareRelayParam",
          Defaults(R"({"relayRequest": null, "blHideShare": false, "blEncryption": false, "blRecLimit": false,
                       "recLimitGB": 0, "shareName": "", "description": "", "encPasswd": ""})"),

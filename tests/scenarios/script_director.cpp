@@ -14,7 +14,7 @@ ScriptDirector::ScriptDirector(const Case& script, std::optional<std::size_t> fa
     }
 }
 
-Json::Value ScriptDirector::Reply(const fake::FunctionSpec& function, const Json::Value& args) {
+Json::Value ScriptDirector::Reply(const fake::FunctionTraits& function, const Json::Value& args) {
     MadeCall call{&function, args, function.benign, false};
     const bool isScripted = function.kind == fake::Kind::kCall || m_scripted.count(function.name) > 0;
     if (const std::optional<std::size_t> line = isScripted ? FindLine(function, args) : std::nullopt) {
@@ -34,7 +34,7 @@ Json::Value ScriptDirector::Reply(const fake::FunctionSpec& function, const Json
 
 // The next line of the script, or else a later one: after a difference the rest is followed as far as it
 // goes.
-std::optional<std::size_t> ScriptDirector::FindLine(const fake::FunctionSpec& function,
+std::optional<std::size_t> ScriptDirector::FindLine(const fake::FunctionTraits& function,
                                                     const Json::Value& args) const {
     const std::string wanted = OneLine(args);
     for (std::size_t line = m_next; line < m_script.calls.size(); ++line) {
@@ -46,7 +46,7 @@ std::optional<std::size_t> ScriptDirector::FindLine(const fake::FunctionSpec& fu
     return std::nullopt;
 }
 
-void ScriptDirector::SwitchIds(const fake::FunctionSpec& function, const Json::Value& args,
+void ScriptDirector::SwitchIds(const fake::FunctionTraits& function, const Json::Value& args,
                                const Json::Value& reply) {
     constexpr int kKeep = -1;
     constexpr Json::ArrayIndex kEffective = 1;

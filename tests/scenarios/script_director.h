@@ -11,7 +11,7 @@ namespace scenario {
 
 // A platform call as it was made.
 struct MadeCall {
-    const fake::FunctionSpec* function = nullptr;
+    const fake::FunctionTraits* function = nullptr;
     Json::Value args;
     Json::Value reply;
     bool fromWorld = false;  // answered by the given world; no line of the script
@@ -23,7 +23,7 @@ public:
     // `failing` is the place in the list of made calls whose call fails; nothing fails without it.
     ScriptDirector(const Case& script, std::optional<std::size_t> failing);
 
-    Json::Value Reply(const fake::FunctionSpec& function, const Json::Value& args) override;
+    Json::Value Reply(const fake::FunctionTraits& function, const Json::Value& args) override;
     void Read(const Json::Value& read) override { reads.push_back(read); }
     void Log(const fake::LogLine& line) override { log.push_back(line); }
     void Answer(const Json::Value& answer) override { answers.push_back(answer); }
@@ -38,8 +38,8 @@ public:
     std::vector<std::string> misuse;
 
 private:
-    std::optional<std::size_t> FindLine(const fake::FunctionSpec& function, const Json::Value& args) const;
-    void SwitchIds(const fake::FunctionSpec& function, const Json::Value& args, const Json::Value& reply);
+    std::optional<std::size_t> FindLine(const fake::FunctionTraits& function, const Json::Value& args) const;
+    void SwitchIds(const fake::FunctionTraits& function, const Json::Value& args, const Json::Value& reply);
 
     const Case& m_script;
     std::optional<std::size_t> m_failing;

@@ -54,7 +54,7 @@ std::string Sweep(const Case& script, const std::vector<MadeCall>& made) {
     std::string report;
     for (std::size_t i = 0; i < made.size(); ++i) {
         const Fault fault{made[i], ++count[made[i].function->name]};
-        const fake::FunctionSpec& function = *made[i].function;
+        const fake::FunctionTraits& function = *made[i].function;
         if (!function.canFail || OneLine(function.failing) == OneLine(made[i].reply)) {
             continue;
         }

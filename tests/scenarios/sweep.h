@@ -8,7 +8,7 @@
 namespace scenario {
 
 // A call as the reports show it: "IsExistDir("/volume1/rec")".
-std::string CallLine(const fake::FunctionSpec& function, const Json::Value& args);
+std::string CallLine(const fake::FunctionTraits& function, const Json::Value& args);
 
 // Empty when the run freed all results, gave back the ids (or said that it could not) and misused nothing.
 std::string CheckLeftovers(const Case& script, const Outcome& outcome);

@@ -214,7 +214,7 @@ std::string ValueIn(const std::string& cell) {
 }
 
 TEST(ScenarioFormat, DescribesEveryFunctionAsTheRunnerHasIt) {
-    for (const fake::FunctionSpec& function : fake::AllFunctions()) {
+    for (const fake::FunctionTraits& function : fake::AllFunctions()) {
         SCOPED_TRACE(function.name);
         const std::vector<std::string> row = RowOf(function.name);
         ASSERT_GE(row.size(), 5U);

@@ -6,7 +6,7 @@
 // Answers every platform call from a default world and forgets it.
 class QuietDirector : public fake::Director {
 public:
-    Json::Value Reply(const fake::FunctionSpec& function, const Json::Value& args) override {
+    Json::Value Reply(const fake::FunctionTraits& function, const Json::Value& args) override {
         return AnswerFromWorld(m_world, function, args);
     }
     void Read(const Json::Value&) override {}

@@ -99,9 +99,14 @@ TEST_F(Peers, AnErrorAnswerIsAnAnswerWhateverItsStatus) {
     EXPECT_EQ(reply["error"]["code"].asInt(), 102);
 }
 
-TEST_F(Peers, WhatIsNotAnObjectIsAFailedSend) {
-    for (const std::string& body : {std::string("[1]"), std::string("oops"), std::string(""),
-                                    std::string("{\"a\":1"), std::string(5000, '[')}) {
+TEST_F(Peers, WhatIsNoAnswerOfAWebApiIsAFailedSend) {
+    for (const std::string& body :
+         {std::string("[1]"), std::string("oops"), std::string(""), std::string("{\"a\":1"),
+          std::string(5000, '['), std::string(R"({"error":"text"})"), std::string(R"({"error":null})"),
+          std::string(R"({"error":{}})"), std::string(R"({"error":{"code":"443"}})"),
+          std::string(R"({"error":{"code":443,"errors":[1]}})"),
+          std::string(R"({"error":{"code":443,"errors":{"param1":{}}}})"),
+          std::string(R"({"error":{"code":443},"data":[1]})")}) {
         const HttpStandIn host(OkAnswer(body));
         Session() << "delete from cms_host";
         AddHost(host.Address());

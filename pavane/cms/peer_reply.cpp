@@ -1,0 +1,42 @@
+#include "pavane/cms/peer_reply.h"
+
+#include <memory>
+#include <utility>
+
+namespace pavane {
+
+namespace {
+
+bool IsObjectOrNothing(const Json::Value& value) { return value.isNull() || value.isObject(); }
+
+bool IsText(const Json::Value& value) { return value.isNull() || value.isString(); }
+
+bool IsAnswer(const Json::Value& value) {
+    if (!value.isObject() || !value.isMember("error")) {
+        return value.isObject();
+    }
+    const Json::Value& error = value["error"];
+    return error.isObject() && error["code"].isInt() && IsObjectOrNothing(error["errors"]) &&
+           IsText(error["errors"]["param1"]) && IsText(error["errors"]["param2"]) &&
+           IsObjectOrNothing(value["data"]);
+}
+
+}  // namespace
+
+bool ParsePeerReply(const std::string& body, Json::Value& reply) {
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value parsed;
+    try {
+        if (!reader->parse(body.data(), body.data() + body.size(), &parsed, nullptr) || !IsAnswer(parsed)) {
+            return false;
+        }
+    } catch (const Json::Exception&) {  // nested too deeply
+        return false;
+    }
+    reply = std::move(parsed);
+    return true;
+}
+
+}  // namespace pavane
