@@ -35,6 +35,10 @@ inline constexpr ErrorTableRow kErrorTable[] = {
      "Give an IPv4 or IPv6 address, or a range such as 192.0.2.0/24."},
     {"KORV.Core.AppPriv", 3313, "There is no such grant.", "List the grants and name one exactly."},
 
+    {"KORV.Core.Job", 3314, "There is no such job.", "List the jobs and use one of their ids."},
+    {"KORV.Core.Job", 3315, "The job is over, or so far that it can't be cancelled any more.",
+     "Wait for its end; change the shared folder back afterwards."},
+
     {"KORV.Core.Session", 400, "The account or the password is wrong.", "Check both and try again."},
 
     {"KORV.Core.Share", 3300, "The shared folder could not be made, changed, removed or read.",
@@ -53,6 +57,8 @@ inline constexpr ErrorTableRow kErrorTable[] = {
      "Stop what uses it, and try again."},
     {"KORV.Core.Share", 3306, "There is no space left on the volume.",
      "Free space on it or choose another volume."},
+    {"KORV.Core.Share", 3314, "There is no such job, or none is under way for the shared folder.",
+     "List the jobs and use one of their ids."},
     {"KORV.Core.Share", 3328, "The encryption was refused.",
      "Check the password, and whether the volume can hold encrypted folders."},
 

@@ -17,6 +17,11 @@ enum ShareError : int {
     kShareEncryptionRefused = 3328,
 };
 
+enum JobError : int {
+    kJobUnknown = 3314,
+    kJobTooLate = 3315,
+};
+
 enum AppPrivilegeError : int {
     kAppPrivilegeAccountUnknown = 3310,
     kAppPrivilegeAppRefused = 3311,
