@@ -14,10 +14,11 @@ const KORV::APITableRow* AppPrivilegeTable();     // korv/services/app_privilege
 const KORV::APITableRow* VolumeTable();           // korv/services/volume_api.cpp
 const KORV::APITableRow* MountTable();            // korv/services/mount_api.cpp
 const KORV::APITableRow* JobTable();              // korv/services/job_api.cpp
+const KORV::APITableRow* ShareCryptoTable();      // korv/services/crypto_api.cpp
 
-inline std::array<const KORV::APITableRow*, 7> BuiltInTables() {
+inline std::array<const KORV::APITableRow*, 8> BuiltInTables() {
     return {SessionTable(),      ShareTable(),  SharePermissionTable(),
-            AppPrivilegeTable(), VolumeTable(), MountTable(), JobTable()};
+            AppPrivilegeTable(), VolumeTable(), MountTable(), JobTable(), ShareCryptoTable()};
 }
 
 }  // namespace korv
