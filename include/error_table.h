@@ -35,6 +35,10 @@ inline constexpr ErrorTableRow kErrorTable[] = {
      "Give an IPv4 or IPv6 address, or a range such as 192.0.2.0/24."},
     {"KORV.Core.AppPriv", 3313, "There is no such grant.", "List the grants and name one exactly."},
 
+    {"KORV.Core.Job", 3314, "There is no such job.", "List the jobs and use one of their ids."},
+    {"KORV.Core.Job", 3315, "The job is over, or so far that it can't be cancelled any more.",
+     "Wait for its end; change the shared folder back afterwards."},
+
     {"KORV.Core.Session", 400, "The account or the password is wrong.", "Check both and try again."},
 
     {"KORV.Core.Share", 3300, "The shared folder could not be made, changed, removed or read.",
@@ -53,8 +57,22 @@ inline constexpr ErrorTableRow kErrorTable[] = {
      "Stop what uses it, and try again."},
     {"KORV.Core.Share", 3306, "There is no space left on the volume.",
      "Free space on it or choose another volume."},
+    {"KORV.Core.Share", 3314, "There is no such job, or none is under way for the shared folder.",
+     "List the jobs and use one of their ids."},
     {"KORV.Core.Share", 3328, "The encryption was refused.",
      "Check the password, and whether the volume can hold encrypted folders."},
+
+    {"KORV.Core.Share.Crypto", 3300, "The shared folder could not be locked or unlocked.",
+     "Look into korvd.log on the server for the reason."},
+    {"KORV.Core.Share.Crypto", 3303, "There is no such shared folder.",
+     "List the shared folders and use one of their names."},
+    {"KORV.Core.Share.Crypto", 3305, "The shared folder is in use.",
+     "Close the files that are open in it and try again."},
+    {"KORV.Core.Share.Crypto", 3306, "There is no space left on the volume.", "Free space on it."},
+    {"KORV.Core.Share.Crypto", 3328, "The password is wrong.", "Check it, or use the exported key file."},
+    {"KORV.Core.Share.Crypto", 3329, "The shared folder is not encrypted.", "Choose an encrypted one."},
+    {"KORV.Core.Share.Crypto", 3330, "The key file belongs to another shared folder.",
+     "Use the key file that was exported from this one."},
 
     {"KORV.Core.Share.Permission", 3300, "The rights could not be changed.",
      "Look into korvd.log on the server for the reason."},
@@ -152,6 +170,11 @@ inline constexpr ErrorTableRow kErrorTable[] = {
      "Check the password, and whether the volume can hold encrypted folders."},
     {"KORV.Pavane.Share", 3326, "The key file's shared folder no longer exists.",
      "Use the key file of a folder that is still there."},
+    {"KORV.Pavane.Share", 3328, "The password of the encrypted shared folder is wrong.",
+     "Check it, or use the exported key file."},
+    {"KORV.Pavane.Share", 3329, "The shared folder is not encrypted.", "Choose an encrypted one."},
+    {"KORV.Pavane.Share", 3330, "The key file belongs to another shared folder.",
+     "Use the key file that was exported from this one."},
 
     {"KORV.Tarsel.Mount", 410,
      "The remote source is not of the form //host/folder (CIFS) or host:/folder (NFS).",

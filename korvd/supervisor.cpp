@@ -20,6 +20,7 @@
 #include "korv/framework/service_user.h"
 #include "korv/framework/worker.h"
 #include "korv/services/mount_keeper.h"
+#include "korv/services/share_jobs.h"
 #include "korv/services/share_recovery.h"
 #include "korvd/listening_socket.h"
 #include "korvd/nginx_process.h"
@@ -108,6 +109,7 @@ bool Supervisor::StartAll() {
                       {Role::kPeerWorker});
     m_children.push_back({Role::kMountKeeper});
     m_children.push_back({Role::kJobs});
+    m_children.push_back({Role::kShareJobs});
     korv::LogLine("korvd serves on " + m_settings.listen);
     return true;
 }
@@ -173,6 +175,15 @@ void Supervisor::StartMountKeeper(Child& child) {
     });
 }
 
+void Supervisor::StartShareJobs(Child& child) {
+    child.started = Clock::now();
+    child.pid = Fork([this] {
+        close(m_publicSocket.Get());
+        close(m_peerSocket.Get());
+        return korv::RunShareJobs();
+    });
+}
+
 void Supervisor::StartJobs(Child& child) {
     const bool isSuccessorOfTheDead = std::exchange(child.isOfTheDead, false);
     child.started = Clock::now();
@@ -199,6 +210,9 @@ void Supervisor::Restart(Child& child) {
                 break;
             case Role::kJobs:
                 StartJobs(child);
+                break;
+            case Role::kShareJobs:
+                StartShareJobs(child);
                 break;
             case Role::kPublicWorker:
             case Role::kPeerWorker:
@@ -253,15 +267,16 @@ void Supervisor::NoteDeath(Child& child, int status) {
 void Supervisor::StopAll() {
     m_isStopping = true;
     korv::LogLine("korvd ends");
-    constexpr std::array kForked{Role::kPublicWorker, Role::kPeerWorker, Role::kMountKeeper, Role::kJobs};
+    constexpr std::array kForked{Role::kPublicWorker, Role::kPeerWorker, Role::kMountKeeper, Role::kJobs,
+                                 Role::kShareJobs};
     for (const Role role : kForked) {
         Signal(role, SIGTERM);
     }
-    if (!WaitForEnd(Role::kPublicWorker, Role::kJobs, kWorkersEnd)) {
+    if (!WaitForEnd(Role::kPublicWorker, Role::kShareJobs, kWorkersEnd)) {
         for (const Role role : kForked) {
             Signal(role, SIGKILL);
         }
-        WaitForEnd(Role::kPublicWorker, Role::kJobs, kNginxEnd);
+        WaitForEnd(Role::kPublicWorker, Role::kShareJobs, kNginxEnd);
     }
     Signal(Role::kNginx, SIGTERM);
     if (!WaitForEnd(Role::kNginx, Role::kNginx, kNginxEnd)) {
@@ -336,6 +351,8 @@ std::string Supervisor::NameOf(Role role) {
             return "nginx";
         case Role::kJobs:
             return "job process";
+        case Role::kShareJobs:
+            return "share job process";
         case Role::kMountKeeper:
             return "mount keeper";
         case Role::kPublicWorker:

@@ -27,7 +27,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    enum class Role { kNginx, kPublicWorker, kPeerWorker, kMountKeeper, kJobs };
+    enum class Role { kNginx, kPublicWorker, kPeerWorker, kMountKeeper, kJobs, kShareJobs };
 
     struct Child {
         Role role;
@@ -45,6 +45,7 @@ private:
     void StartWorker(Child& child);
     void StartMountKeeper(Child& child);
     void StartJobs(Child& child);
+    void StartShareJobs(Child& child);
     void Restart(Child& child);
     void StartDue();
     void Reap();

@@ -13,10 +13,12 @@ const KORV::APITableRow* SharePermissionTable();  // korv/services/share_permiss
 const KORV::APITableRow* AppPrivilegeTable();     // korv/services/app_privilege_api.cpp
 const KORV::APITableRow* VolumeTable();           // korv/services/volume_api.cpp
 const KORV::APITableRow* MountTable();            // korv/services/mount_api.cpp
+const KORV::APITableRow* JobTable();              // korv/services/job_api.cpp
+const KORV::APITableRow* ShareCryptoTable();      // korv/services/crypto_api.cpp
 
-inline std::array<const KORV::APITableRow*, 6> BuiltInTables() {
+inline std::array<const KORV::APITableRow*, 8> BuiltInTables() {
     return {SessionTable(),      ShareTable(),  SharePermissionTable(),
-            AppPrivilegeTable(), VolumeTable(), MountTable()};
+            AppPrivilegeTable(), VolumeTable(), MountTable(), JobTable(), ShareCryptoTable()};
 }
 
 }  // namespace korv

@@ -159,6 +159,7 @@ const KORV::APITableRow* korv::ShareTable() {
         {kApi, 1, "list", List},
         {kApi, 1, "set", korv::SetShare},
         {kApi, 1, "delete", korv::DeleteShares},
+        {kApi, 1, "move_status", korv::GetMoveStatus},
         {nullptr, 0, nullptr, nullptr},
     };
     return kTable;

@@ -1,14 +1,18 @@
 #include "korv/services/share_change_api.h"
 
-#include <algorithm>
+#include <charconv>
+#include <optional>
 #include <set>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "korv/framework/log.h"
 #include "korv/services/request_values.h"
 #include "korv/services/share_error.h"
 #include "korv/services/share_recovery.h"
+#include "korv/system/job_store.h"
+#include "korv/system/move_job.h"
 #include "korv/system/samba_export.h"
 #include "korv/system/share_name.h"
 #include "korv/system/share_removal.h"
@@ -51,6 +55,57 @@ int Refusal(const ShareRow& share, const ShareRow& wanted) {
     return IsValidShareName(wanted.name) ? 0 : kShareNameRefused;
 }
 
+// Whether the share's data have to move for what `info` says about encryption. What a job under way will
+// bring about needs no other.
+bool IsMoveWanted(const ShareRow& share, const Json::Value& info) {
+    const bool isNow = share.encryption != ShareEncryption::kNone;
+    const bool isWanted = BoolOf(info, "encryption", isNow);
+    const auto job = FindJobUnderWay(share.token);
+    const bool isToBe = job ? job->kind == JobKind::kEncrypt : isNow;
+    return isWanted != isToBe;
+}
+
+// What can be seen to be impossible is refused before anything is changed.
+ChangeOutcome Change(const ShareRow& share, const ShareRow& wanted, const Json::Value& info,
+                     std::string& taskId) {
+    const std::string password = StringOf(info, "enc_passwd", "");
+    const bool isMoveWanted = IsMoveWanted(share, info);
+    ChangeOutcome outcome = isMoveWanted ? CheckMove(share, password) : ChangeOutcome{ChangeEnd::kDone, ""};
+    if (outcome.end != ChangeEnd::kDone) {
+        return outcome;
+    }
+    outcome = ChangeShare(share, wanted);
+    if (outcome.end != ChangeEnd::kDone || !isMoveWanted) {
+        return outcome;
+    }
+    ShareRow changed = share;
+    changed.name = wanted.name;
+    long long id = 0;
+    outcome = StartMove(changed, password, id);
+    if (outcome.end != ChangeEnd::kDone) {
+        outcome.reason += ChangeShare(changed, share).reason;
+    }
+    taskId = std::to_string(id);
+    return outcome;
+}
+
+// The job that a request names by "task_id" or by the "name" of its share; otherwise the error is answered.
+std::optional<JobRow> FindWantedJob(const Json::Value& params, KORV::APIResponse& response) {
+    std::optional<JobRow> job;
+    if (params.isMember("task_id")) {
+        job = FindJob(ParseJobId(StringOf(params, "task_id", "")));
+    } else if (const auto share = FindShare(StringOf(params, "name", ""))) {
+        job = FindJobUnderWay(share->token);
+    } else {
+        response.SetError(kShareUnknown, Json::Value());
+        return std::nullopt;
+    }
+    if (!job) {
+        response.SetError(kJobUnknown, Json::Value());
+    }
+    return job;
+}
+
 // The names to delete, each once. One name or an array of them.
 std::vector<std::string> NamesOf(const Json::Value& params) {
     const Json::Value& given = params["name"];
@@ -82,6 +137,12 @@ int Delete(const std::string& name) {
 }
 
 }  // namespace
+
+long long ParseJobId(const std::string& text) {
+    long long id = 0;
+    const auto end = std::from_chars(text.data(), text.data() + text.size(), id);
+    return end.ec == std::errc() && end.ptr == text.data() + text.size() ? id : 0;
+}
 
 int ErrorOf(ChangeEnd end) {
     switch (end) {
@@ -118,8 +179,10 @@ void SetShare(KORV::APIRequest* request, KORV::APIResponse* response) {
     }
     const ShareRow wanted = Wanted(*share, info);
     int code = Refusal(*share, wanted);
+    std::string taskId;
     if (code == 0) {
-        code = CodeOf(ChangeShare(*share, wanted), "the share " + share->Path() + " was not changed");
+        code =
+            CodeOf(Change(*share, wanted, info, taskId), "the share " + share->Path() + " was not changed");
     }
     if (code != 0) {
         response->SetError(code, Json::Value());
@@ -128,6 +191,32 @@ void SetShare(KORV::APIRequest* request, KORV::APIResponse* response) {
     Export();
     Json::Value data(Json::objectValue);
     data["name"] = wanted.name;
+    if (!taskId.empty()) {
+        data["task_id"] = taskId;
+    }
+    response->SetSuccess(data);
+}
+
+// Clients look for "progressing" one level deeper than for the other states, and only that one is there.
+void GetMoveStatus(KORV::APIRequest* request, KORV::APIResponse* response) {
+    if (!AdmitAdministrator(*request, *response)) {
+        return;
+    }
+    const auto job = FindWantedJob(ParamsOf(*request), *response);
+    if (!job) {
+        return;
+    }
+    const auto share = FindShareByToken(job->shareToken);
+    Json::Value data(Json::objectValue);
+    data["task_id"] = std::to_string(job->id);
+    data["name"] = share ? share->name : job->share;
+    data["status"] = NameOf(job->state);
+    data["finish"] = job->IsOver();
+    data["percent"] = job->percent;
+    data["error"] = ErrorOf(job->error);
+    if (job->state == JobState::kProgressing) {
+        data["data"]["status"] = NameOf(job->state);
+    }
     response->SetSuccess(data);
 }
 

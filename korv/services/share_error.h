@@ -15,6 +15,13 @@ enum ShareError : int {
     kShareRightRefused = 3308,
     kSharePrincipalKindUnknown = 3309,
     kShareEncryptionRefused = 3328,
+    kShareNotEncrypted = 3329,
+    kShareKeyOfAnother = 3330,
+};
+
+enum JobError : int {
+    kJobUnknown = 3314,
+    kJobTooLate = 3315,
 };
 
 enum AppPrivilegeError : int {

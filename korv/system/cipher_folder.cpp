@@ -49,13 +49,8 @@ enum ToolExit {
     kToolOpenConf = 23,
 };
 
-bool IsPassword(const std::string& password) {
-    return !password.empty() && password.size() <= kLongestPassword &&
-           password.find_first_of(std::string_view("\n\r\0", 3)) == std::string::npos;
-}
-
 CipherEnd RunTool(const std::vector<std::string>& arguments, std::string input) {
-    if (access(kTool, X_OK) != 0 || access(kFuseDevice, F_OK) != 0) {
+    if (!CipherFolder::IsPossible()) {
         return CipherEnd::kToolMissing;
     }
     const int status = RunProgramWithInput(kTool, arguments, input, kToolDeadline);
@@ -132,6 +127,13 @@ bool Sync(const std::string& path) {
 
 std::string CipherFolder::PathFor(const std::string& volume, const std::string& token) {
     return volume + "/" + kHiddenFolder + "/" + kCipherFolders + "/" + token;
+}
+
+bool CipherFolder::IsPossible() { return access(kTool, X_OK) == 0 && access(kFuseDevice, F_OK) == 0; }
+
+bool CipherFolder::IsPassword(const std::string& password) {
+    return !password.empty() && password.size() <= kLongestPassword &&
+           password.find_first_of(std::string_view("\n\r\0", 3)) == std::string::npos;
 }
 
 CipherFolder::CipherFolder(std::string cipherPath, std::string mountPath)
@@ -241,8 +243,9 @@ CipherState CipherFolder::State() const {
 // The last mount at the path is the one that is seen.
 bool CipherFolder::IsMounted() const {
     const std::vector<korv::Mount> mounts = ReadMounts();
-    const auto last = std::find_if(mounts.rbegin(), mounts.rend(),
-                                   [this](const korv::Mount& mount) { return mount.mountPoint == m_mountPath; });
+    const auto last = std::find_if(mounts.rbegin(), mounts.rend(), [this](const korv::Mount& mount) {
+        return mount.mountPoint == m_mountPath;
+    });
     return last != mounts.rend() && last->fsType == kFsType && last->source == m_cipherPath;
 }
 

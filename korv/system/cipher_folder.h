@@ -39,6 +39,11 @@ public:
     // move it.
     static std::string PathFor(const std::string& volume, const std::string& token);
 
+    // Whether this machine has what encryption takes.
+    static bool IsPossible();
+    // Whether `password` can be one: 1 to 1024 bytes without line ends and zero bytes.
+    static bool IsPassword(const std::string& password);
+
     // Absolute paths without symbolic links in them.
     CipherFolder(std::string cipherPath, std::string mountPath);
 

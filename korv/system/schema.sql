@@ -147,7 +147,7 @@ create table share_removal (
 -- <stateDir>/jobs/<id>.password as long as the job is not over.
 --   kind             'encrypt' or 'decrypt'
 --   state            'waiting', 'progressing', 'finished', 'cancelled' or 'failed'; the last three are for good
---   error            why it failed or waits: a code of the share service, 0 = none
+--   error            why it failed or waits: ChangeEnd (share_change.h), 0 = for no reason
 --   step, reason     MoveStep and MoveEnd (share_move.h)
 --   changed_since_s  what changed in the folder since then was not looked at yet
 --   runner_*         the process that works on it

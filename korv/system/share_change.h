@@ -8,8 +8,8 @@
 
 namespace korv {
 
-// How a change of a share ended.
-enum class ChangeEnd {
+// How a change of a share ended. Texts of a database: never renumber.
+enum class ChangeEnd : int {
     kDone,
     kNameTaken,
     kBusy,               // files of it are open, something is mounted in it, or another change is under way

@@ -23,6 +23,8 @@ public:
 
     std::uint64_t FreeBytes() override;
     bool HasSwitched() override;
+    // True when the plain files are mounted at the hidden place.
+    bool IsAtView() const { return m_atView.State() == CipherState::kUnlocked; }
 
 protected:
     // Makes the folder that will take the share's place, marked, if it isn't there.

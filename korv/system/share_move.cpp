@@ -11,7 +11,6 @@
 #include <thread>
 
 #include "include/run_as_scope.h"
-#include "korv/system/tree_sync.h"
 
 namespace korv {
 
@@ -128,8 +127,7 @@ private:
 
     void Measure() {
         const TreeSize size = MeasureTree(m_places.OpenSource().Get(), Observe(nullptr));
-        const std::uint64_t needed_bytes = size.content_bytes + size.content_bytes / kContentPerExtra +
-                                           size.entries * kEntryExtra_bytes + m_limits.spare_bytes;
+        const std::uint64_t needed_bytes = NeededBytes(size, m_limits.spare_bytes);
         if (m_places.FreeBytes() < needed_bytes) {
             throw MoveFailure{MoveEnd::kNoSpace, "the copy needs " + std::to_string(needed_bytes) + " bytes"};
         }
@@ -276,6 +274,11 @@ int MoveState::Percent() const {
     }
     return total_bytes == 0 ? 0
                             : static_cast<int>(std::min(done_bytes * kNearly / (2 * total_bytes), kNearly));
+}
+
+std::uint64_t NeededBytes(const TreeSize& size, std::uint64_t spare_bytes) {
+    return size.content_bytes + size.content_bytes / kContentPerExtra + size.entries * kEntryExtra_bytes +
+           spare_bytes;
 }
 
 MoveResult RunMove(MovePlaces& places, MoveState state, const MoveObserver& observer,

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "korv/system/file_descriptor.h"
+#include "korv/system/tree_sync.h"
 
 // Moving all of a share into another kind of folder while people use it: copy, verify, catch up with what
 // changed meanwhile, switch by rename, and only then remove the source. The state is saved before each step,
@@ -101,6 +102,9 @@ struct MoveLimits {
     std::chrono::milliseconds followPatience{std::chrono::minutes(10)};
     std::uint64_t spare_bytes = std::uint64_t{64} << 20;  // to be left free
 };
+
+// What a tree of that size takes of the target's file system, encrypted, with `spare_bytes` left free.
+std::uint64_t NeededBytes(const TreeSize& size, std::uint64_t spare_bytes);
 
 struct MoveResult {
     MoveEnd end = MoveEnd::kFailed;

@@ -7,10 +7,10 @@
 
 #include "korv/system/database.h"
 #include "korv/system/encrypted_share.h"
-#include "korv/system/mount_table.h"
 #include "korv/system/open_files.h"
 #include "korv/system/share_change_store.h"
 #include "korv/system/share_folder.h"
+#include "korv/system/share_use.h"
 #include "korv/system/tree_remove.h"
 
 namespace korv {
@@ -20,19 +20,8 @@ namespace {
 constexpr long long kRetryPause_s = 300;
 constexpr long long kBusyPause_s = 30;
 
-// Whether anything but the share's own plain files is mounted at or in its folder.
-bool IsMountInside(const ShareRow& share) {
-    const std::string cipher = CipherOf(share).CipherPath();
-    const auto mounts = ReadMounts();
-    return std::any_of(mounts.begin(), mounts.end(), [&](const Mount& mount) {
-        const bool isBeneath = mount.mountPoint.compare(0, share.Path().size() + 1, share.Path() + "/") == 0;
-        const bool isAt = mount.mountPoint == share.Path() && mount.source != cipher;
-        return isBeneath || isAt;
-    });
-}
-
 void CheckUnused(const ShareRow& share) {
-    if (HasMountRows(share.name) || IsMountInside(share)) {
+    if (HasMountsInside(share)) {
         throw ChangeFailure{ChangeEnd::kBusy, "something is mounted in the share"};
     }
     if (IsFileOpenBeneath(share.Path())) {

@@ -1,6 +1,7 @@
 # The life of a share: renaming, encrypting and removing, with rows and folders.
 add_executable(korv_life_test
     encrypted_share_test.cpp
+    move_job_test.cpp
     private_machine.cpp
     share_life.cpp
     share_removal_test.cpp
