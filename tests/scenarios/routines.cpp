@@ -1,14 +1,13 @@
 #include "tests/scenarios/routines.h"
 
 #include <algorithm>
-#include <sstream>
 #include <stdexcept>
 
 #include "platform/pavane/shared_folder_storage.h"
 
 #include "include/run_as_scope.h"
+#include "tests/scenarios/handler_routines.h"
 #include "tests/scenarios/probe.h"
-#include "tests/scenarios/relay_view.h"
 #include "webapi/share/external_disks.h"
 #include "webapi/share/relay_params.h"
 #include "webapi/share/share_handler.h"
@@ -17,39 +16,6 @@
 namespace scenario {
 
 namespace {
-
-class OpenHandler : public ShareHandler {
-public:
-    explicit OpenHandler(RoutineContext& context) : ShareHandler(&context.request, &context.response) {}
-
-    using ShareHandler::errorCode;
-    using ShareHandler::errorParams;
-    using ShareHandler::pairAuthenticated;
-
-    // Sets the error state that `parts` describes ([code, param1, param2]); null leaves it as it is.
-    void Preset(const Json::Value& parts) {
-        if (!parts.isNull()) {
-            SetErrorCode(static_cast<PV_WEBAPI_ERR_CODE>(parts[0].asInt()), parts[1].asString(),
-                         parts[2].asString());
-        }
-    }
-};
-
-template <class Handler>
-ErrorState StateOf(Handler& handler) {
-    return {handler.errorCode, handler.errorParams[kErrorParam1], handler.errorParams[kErrorParam2]};
-}
-
-// Runs `body(handler, args)` with a fresh handler and notes its error state.
-template <auto Body>
-Json::Value WithHandler(RoutineContext& context) {
-    OpenHandler handler(context);
-    Json::Value returned = Body(handler, context.args);
-    context.error = StateOf(handler);
-    return returned;
-}
-
-using Args = const Json::Value&;
 
 Json::Value Authenticate(OpenHandler& handler, Args) {
     Json::Value returned;
@@ -86,25 +52,6 @@ Json::Value DoEditShare(OpenHandler& handler, Args args) {
     return handler.DoEditShare(args["hidden"].asBool(), args["volume"].asString(), args["name"].asString(),
                                args["newName"].asString(), args["desc"].asString(),
                                args["encryption"].asBool(), args["encPasswd"].asString());
-}
-
-// One phase of the creation, by itself: what it leaves in the target is seen.
-Json::Value HandleCreateRecShare(OpenHandler& handler, Args args) {
-    CmsRelayParams params;
-    params.needRelay = false;
-    for (const Json::Value& flag : args["flags"]) {
-        if (!SwitchFlag(params, flag.asString(), true)) {
-            throw std::invalid_argument("no such flag: " + flag.asString());
-        }
-    }
-    CmsRelayTarget target;
-    target.results = args["results"];
-    Json::Value data;
-    Json::Value returned;
-    returned["result"] = handler.HandleCreateRecShare(params, target, data);
-    returned["target"] = Shown(target);
-    returned["data"] = data;
-    return returned;
 }
 
 Json::Value FillRelayParam(RoutineContext& context) {
@@ -185,19 +132,7 @@ Json::Value CheckPidLevel(RoutineContext& context) {
     return ChkPidLevel(static_cast<LOG_LEVEL>(context.args["level"].asInt()));
 }
 
-bool IsZero(const Json::Value& returned) { return returned.asInt() == 0; }
-bool IsResultZero(const Json::Value& returned) { return returned["result"].asInt() == 0; }
 bool IsAdmittedCaller(const Json::Value& returned) { return returned["admitted"].asBool(); }
-
-Json::Value Defaults(const char* json) {
-    Json::Value value;
-    std::istringstream in(json);
-    in >> value;
-    return value;
-}
-
-template <auto Body>
-constexpr Json::Value (*kHandled)(RoutineContext&) = &WithHandler<Body>;
 
 std::vector<Routine> MakeRoutines() {
     constexpr bool kReturns = true;
@@ -239,7 +174,7 @@ std::vector<Routine> MakeRoutines() {
          }>,
          IsZero},
         {"HandleCreateRecShare", Defaults(R"({"flags": [], "results": null})"), kReturns, false,
-         kHandled<HandleCreateRecShare>, IsResultZero},
+         kHandled<PlayPhase<&ShareHandler::HandleCreateRecShare>>, IsResultZero},
         {"FillShareRelayParam",
          Defaults(R"({"relayRequest": null, "blHideShare": false, "blEncryption": false, "blRecLimit": false,
                       "recLimitGB": 0, "shareName": "", "description": "", "encPasswd": ""})"),
@@ -263,7 +198,13 @@ std::vector<Routine> MakeRoutines() {
 }  // namespace
 
 const std::vector<Routine>& AllRoutines() {
-    static const std::vector<Routine> routines = MakeRoutines();
+    static const std::vector<Routine> routines = [] {
+        std::vector<Routine> all = MakeRoutines();
+        for (const Routine& routine : RemoteShareRoutines()) {
+            all.push_back(routine);
+        }
+        return all;
+    }();
     return routines;
 }
 
