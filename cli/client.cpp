@@ -25,6 +25,7 @@ using Take = std::function<bool(std::string_view)>;
 
 struct CurlDeleter {
     void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
+    void operator()(curl_mime* form) const { curl_mime_free(form); }
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
 
@@ -60,6 +61,21 @@ public:
         Set(CURLOPT_COPYPOSTFIELDS, body.c_str());
         Set(CURLOPT_TIMEOUT, kAnswerTimeout_s);
         Header("Content-Type: application/json");
+        Header("Expect:");
+    }
+
+    void PostWithFile(const std::string& request, const std::string& part, const std::string& file) {
+        m_form.reset(curl_mime_init(m_curl.get()));
+        curl_mimepart* const text = curl_mime_addpart(m_form.get());
+        curl_mimepart* const upload = curl_mime_addpart(m_form.get());
+        if (curl_mime_name(text, "request") != CURLE_OK ||
+            curl_mime_data(text, request.data(), request.size()) != CURLE_OK ||
+            curl_mime_name(upload, part.c_str()) != CURLE_OK ||
+            curl_mime_filedata(upload, file.c_str()) != CURLE_OK) {
+            throw std::runtime_error(file + " cannot be sent");
+        }
+        Set(CURLOPT_MIMEPOST, m_form.get());
+        Set(CURLOPT_TIMEOUT, kAnswerTimeout_s);
         Header("Expect:");
     }
 
@@ -118,6 +134,7 @@ private:
     }
 
     std::unique_ptr<CURL, CurlDeleter> m_curl;
+    std::unique_ptr<curl_mime, CurlDeleter> m_form;  // goes before the handle that it was made with
     std::unique_ptr<curl_slist, CurlDeleter> m_headers;
     char m_problem[CURL_ERROR_SIZE] = "";
     Take m_take;
@@ -153,6 +170,20 @@ Json::Value MakeRequest(const std::string& api, const std::string& method, const
     return request;
 }
 
+// Sends what `exchange` holds with the session's proof and returns the answer's data.
+Json::Value Send(Exchange& exchange, const Session& session, const std::string& api) {
+    if (!session.cookie.empty()) {
+        exchange.Header(std::string("Cookie: ") + kCookieName + "=" + session.cookie);
+        exchange.Header("X-Korv-Csrf: " + session.csrf);
+    }
+    std::string text;
+    const long status = exchange.Run([&text](std::string_view piece) {
+        text += piece;
+        return true;
+    });
+    return DataOf(ParseAnswer(text, status), api);
+}
+
 }  // namespace
 
 Refused::Refused(std::string refusingApi, int errorCode, Json::Value errorDetails)
@@ -181,16 +212,15 @@ Client::Client(std::string url, std::string certificateFile, SessionFile session
 Json::Value Client::Call(const std::string& api, const std::string& method, const Json::Value& parameters) {
     Exchange exchange(m_url + "/webapi", m_certificateFile);
     exchange.Post(RequestText(MakeRequest(api, method, parameters)));
-    if (!m_session.cookie.empty()) {
-        exchange.Header(std::string("Cookie: ") + kCookieName + "=" + m_session.cookie);
-        exchange.Header("X-Korv-Csrf: " + m_session.csrf);
-    }
-    std::string text;
-    const long status = exchange.Run([&text](std::string_view piece) {
-        text += piece;
-        return true;
-    });
-    return DataOf(ParseAnswer(text, status), api);
+    return Send(exchange, m_session, api);
+}
+
+Json::Value Client::CallWithFile(const std::string& api, const std::string& method,
+                                 const Json::Value& parameters, const std::string& part,
+                                 const std::string& file) {
+    Exchange exchange(m_url + "/webapi", m_certificateFile);
+    exchange.PostWithFile(RequestText(MakeRequest(api, method, parameters)), part, file);
+    return Send(exchange, m_session, api);
 }
 
 Json::Value Client::Login(const std::string& account, const std::string& password) {

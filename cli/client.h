@@ -41,6 +41,10 @@ public:
     Json::Value Call(const std::string& api, const std::string& method,
                      const Json::Value& parameters = Json::Value(Json::objectValue));
 
+    // The same with a file's content as the upload `part`, whose name becomes a parameter.
+    Json::Value CallWithFile(const std::string& api, const std::string& method, const Json::Value& parameters,
+                             const std::string& part, const std::string& file);
+
     // Logs in and stores the session; returns the answer's "data" without the token.
     Json::Value Login(const std::string& account, const std::string& password);
     // Ends the session on the server and forgets it here, also when the server knows it no more.

@@ -27,6 +27,9 @@ struct Context {
 void AddSessionCommands(CLI::App& app, Context& context);
 void AddShareCommands(CLI::App& app, Context& context);
 void AddShareUseCommands(CLI::App& share, Context& context);  // of the group "share"
+void AddShareKeyCommands(CLI::App& share, Context& context);
+void AddShareChangeCommands(CLI::App& share, Context& context);
+void AddJobCommands(CLI::App& app, Context& context);
 void AddCandidatesCommand(CLI::App& app, Context& context);
 void AddCameraCommands(CLI::App& app, Context& context);
 void AddEventCommands(CLI::App& app, Context& context);

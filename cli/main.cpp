@@ -28,6 +28,7 @@ int Run(int argc, char** argv) {
     cli::AddSessionCommands(app, context);
     cli::AddShareCommands(app, context);
     cli::AddCandidatesCommand(app, context);
+    cli::AddJobCommands(app, context);
     cli::AddCameraCommands(app, context);
     cli::AddEventCommands(app, context);
     cli::AddLogCommands(app, context);

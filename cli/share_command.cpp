@@ -182,6 +182,8 @@ void AddShareCommands(CLI::App& app, Context& context) {
     AddList(*share, context);
     AddCreate(*share, context);
     AddShareUseCommands(*share, context);
+    AddShareChangeCommands(*share, context);
+    AddShareKeyCommands(*share, context);
 }
 
 }  // namespace cli

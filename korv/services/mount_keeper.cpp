@@ -76,6 +76,8 @@ int RunMountKeeper() {
         do {
             CareOnce();
         } while (Pause(stopSignals, supervisor));
+        // A leak check at exit needs the rights that the process started with.
+        RaiseToRoot();
         return kProcessDone;
     } catch (const std::exception& error) {
         LogLine(std::string("the care for mounts could not start: ") + error.what());

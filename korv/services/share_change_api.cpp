@@ -70,6 +70,9 @@ ChangeOutcome Change(const ShareRow& share, const ShareRow& wanted, const Json::
                      std::string& taskId) {
     const std::string password = StringOf(info, "enc_passwd", "");
     const bool isMoveWanted = IsMoveWanted(share, info);
+    if (isMoveWanted && FindJobUnderWay(share.token)) {
+        return {ChangeEnd::kBusy, "its data are being moved the other way"};
+    }
     ChangeOutcome outcome = isMoveWanted ? CheckMove(share, password) : ChangeOutcome{ChangeEnd::kDone, ""};
     if (outcome.end != ChangeEnd::kDone) {
         return outcome;

@@ -47,14 +47,19 @@ void MakeFolder(int above, const std::string& name) {
     Check(mkdirat(above, name.c_str(), kPrivateMode) == 0 || errno == EEXIST, "cannot make a folder");
 }
 
-void MakeForFiles(int above, const std::string& name) {
+// A subvolume is made in its parent, which wants a bare name.
+void MakeForFiles(int volume, const std::string& path) {
     struct statfs facts {};
-    Check(fstatfs(above, &facts) == 0, "cannot ask for the file system");
+    Check(fstatfs(volume, &facts) == 0, "cannot ask for the file system");
     if (facts.f_type != BTRFS_SUPER_MAGIC) {
-        Check(mkdirat(above, name.c_str(), kPrivateMode) == 0, "cannot make a folder");
+        Check(mkdirat(volume, path.c_str(), kPrivateMode) == 0, "cannot make a folder");
         return;
     }
-    Check(btrfs_util_create_subvolume_fd(above, name.c_str(), 0, nullptr, nullptr) == BTRFS_UTIL_OK,
+    const std::size_t slash = path.rfind('/');
+    const FileDescriptor above(OpenBeneath(volume, path.substr(0, slash).c_str(), O_RDONLY | O_DIRECTORY));
+    Check(static_cast<bool>(above), "cannot open a folder");
+    Check(btrfs_util_create_subvolume_fd(above.Get(), path.substr(slash + 1).c_str(), 0, nullptr, nullptr) ==
+              BTRFS_UTIL_OK,
           "cannot make a subvolume");
 }
 

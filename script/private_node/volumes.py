@@ -79,6 +79,16 @@ def mount_volumes(folder, size_mb):
     return notes
 
 
+def unmount_encrypted():
+    """Locks the encrypted shares: each is served by a process of its own, which lives as long as the mount."""
+    with open("/proc/self/mounts", encoding="utf-8", errors="surrogateescape") as mounts:
+        fields = [line.split() for line in mounts]
+    for field in reversed(fields):
+        if field[2] == "fuse.gocryptfs":
+            path = field[1].encode("utf-8", "surrogateescape").decode("unicode_escape").encode("latin-1")
+            _run(["umount", "-l", path])
+
+
 def unmount_volumes():
     """Writes the volumes out; one that a foreign process still uses goes with that process."""
     for path in VOLUMES:

@@ -3,6 +3,7 @@
 #include "webapi/share/migrating.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "platform/korv/filesystem.h"
 #include "platform/pavane/camera.h"
@@ -13,12 +14,12 @@
 
 namespace {
 
-// The share that the camera's recordings are moved out of; empty when they are not.
-std::string MigrationSource(const Camera& camera) {
+// The share that the camera's recordings are moved out of; none when they are not.
+std::optional<std::string> MigrationSource(const Camera& camera) {
     const std::string path = GetRecMigrateTmpFilePath(camera.GetId());
     std::string sourceDir;
     if (!IsFileExist(path) || PVFileGetVal(path, "srcDir", sourceDir) < 1) {
-        return "";
+        return std::nullopt;
     }
     return GetDirPath(sourceDir);
 }
@@ -27,8 +28,8 @@ std::string MigrationSource(const Camera& camera) {
 
 void CountMigratingCamsOnShares(int& count, const std::list<std::string>& sharePaths) {
     for (const Camera& camera : GetCamLocalList(false, "", "", false, false)) {
-        const std::string source = MigrationSource(camera);
-        if (std::find(sharePaths.begin(), sharePaths.end(), source) != sharePaths.end()) {
+        const std::optional<std::string> source = MigrationSource(camera);
+        if (source && std::find(sharePaths.begin(), sharePaths.end(), *source) != sharePaths.end()) {
             ++count;
         }
     }

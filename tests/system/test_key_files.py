@@ -1,0 +1,85 @@
+"""Encrypted shares: locked, and unlocked over the wire by the key file that was exported."""
+
+import json
+import os
+import subprocess
+
+import pytest
+
+from node import BUILD, SHARE_API
+
+PASSWORD = "s3cret \"$\" ü"
+
+
+@pytest.fixture
+def pavane(node, tmp_path):
+    """Runs the command line as the logged-in administrator; gives its exit status and what it said."""
+    passwords = dict(line.split() for line in node.read("accounts.txt").splitlines())
+
+    def run(*arguments, password=None):
+        done = subprocess.run([os.path.join(BUILD, "bin/pavane"), "--url", node.url, *arguments], input=password,
+                              text=True, capture_output=True, cwd=tmp_path, check=False, timeout=60,
+                              env=dict(os.environ, HOME=str(tmp_path), XDG_RUNTIME_DIR=str(tmp_path),
+                                       XDG_STATE_HOME=str(tmp_path), XDG_CONFIG_HOME=str(tmp_path)))
+        return done.returncode, done.stdout + done.stderr
+
+    assert run("login", "admin", "--password-stdin", password=passwords["admin"])[0] == 0
+    return run
+
+
+def make_vault(admin, name):
+    """An encrypted share, locked."""
+    assert admin.create(name, blEncryption=True, encPasswd=PASSWORD)["success"]
+    assert admin.call("KORV.Core.Share.Crypto", "lock", name=name)["success"]
+
+
+def upload(admin, content, **parameters):
+    request = {"api": SHARE_API, "version": 1, "method": "DecryptByFile", **parameters}
+    answer = admin.session.post(f"{admin.url}/webapi", timeout=60,
+                                files={"request": (None, json.dumps(request)),
+                                       "password_file_tmp": ("key", content)})
+    return answer.json()
+
+
+def test_an_exported_key_unlocks_its_share_only(node, admin, pavane, tmp_path):
+    node.allow("could not be locked|Share \\[|KORV")
+    make_vault(admin, "vault")
+    make_vault(admin, "other")
+    assert pavane("share", "unlock", "vault", "--password-stdin", password="wrong")[0] == 1
+    assert pavane("share", "unlock", "vault", "--password-stdin", password=PASSWORD)[0] == 0
+    node.inside("sh", "-c", "echo kept > /volume1/vault/file")
+    status, text = pavane("share", "export-key", "vault", "--password-stdin", password=PASSWORD)
+    assert status == 0, text
+    key = tmp_path / "vault.key"
+    assert os.stat(key).st_mode & 0o777 == 0o600
+    assert b"s3cret" not in key.read_bytes() and len(key.read_bytes()) <= 4096
+    assert pavane("share", "lock", "vault")[0] == 0
+    assert node.inside("test", "-e", "/volume1/vault/file", check=False).returncode != 0
+
+    status, text = pavane("share", "unlock", "other", "--key-file", str(key))
+    assert status == 1 and "3330" in text
+    status, text = pavane("share", "unlock", "vault", "--key-file", str(key))
+    assert status == 0, text
+    assert node.inside("cat", "/volume1/vault/file") == "kept\n"
+    assert pavane("share", "lock", "vault")[0] == 0
+
+
+@pytest.mark.parametrize("change", [
+    lambda content: b"", lambda content: os.urandom(300), lambda content: content[:-1], lambda content: content + b"x",
+    lambda content: os.urandom(9 * 1024 * 1024)], ids=["empty", "random", "truncated", "longer", "9 MB"])
+def test_what_is_no_key_file_is_refused(node, admin, pavane, tmp_path, change):
+    node.allow("Share \\[vault\\] get failed|buffered to a temporary file")
+    if not [share for share in admin.call("KORV.Core.Share", "list")["data"]["shares"] if share["name"] == "vault"]:
+        make_vault(admin, "vault")
+    name = str(tmp_path / "a.key")
+    assert pavane("share", "export-key", "vault", "--out", name, "--password-stdin", password=PASSWORD)[0] == 0
+    with open(name, "rb") as file:
+        content = file.read()
+    answer = upload(admin, change(content), name="vault")
+    assert answer["error"] == {"code": 400, "errors": {"param1": "", "param2": ""}}
+    assert os.listdir(f"{node.state}/state/uploads") == []
+
+
+def test_a_key_file_can_only_be_uploaded(node, admin):
+    answer = admin.call(SHARE_API, "DecryptByFile", name="vault", password_file_tmp="/etc/shadow")
+    assert not answer["success"] and answer["error"]["code"] == 101
