@@ -20,7 +20,8 @@ constexpr int kAll = 100;
 constexpr unsigned int kPause_s = 1;
 
 Json::Value FindJob(Client& client, const std::string& id) {
-    for (const Json::Value& job : client.Call(kApi, "list")["jobs"]) {
+    const Json::Value data = client.Call(kApi, "list");
+    for (const Json::Value& job : data["jobs"]) {
         if (Cell(job, "id") == id) {
             return job;
         }

@@ -48,7 +48,8 @@ Json::Value FindShare(Client& client, int id) {
     parameters["blIncldMigrating"] = true;
     parameters["blIncldEncUnmount"] = true;
     parameters["blIncldRemoteAbnormal"] = true;
-    for (const Json::Value& share : client.Call(kApi, "ListRecShare", parameters)["sharelist"]) {
+    const Json::Value data = client.Call(kApi, "ListRecShare", parameters);
+    for (const Json::Value& share : data["sharelist"]) {
         if (share["shareId"].asInt() == id) {
             return share;
         }
