@@ -8,6 +8,7 @@
 #include "pavane/recorder/log_config.h"
 #include "pavane/recorder/mount_state.h"
 #include "pavane/recorder/rotation_job.h"
+#include "pavane/recorder/share_state.h"
 #include "pavane/webapi/api_call.h"
 #include "pavane/webapi/health.h"
 #include "pavane/webapi/methods.h"
@@ -67,5 +68,6 @@ extern "C" void OnModuleLoaded() {
     KORV::RegisterMountObserver(pavane::NoteMountState);
     KORV::RegisterPeriodicJob("state of paired servers", pavane::kRefreshInterval_s,
                               pavane::RefreshServerStates);
+    KORV::RegisterPeriodicJob("state of shares", pavane::kShareStateInterval_s, pavane::RefreshShareStates);
     KORV::RegisterPeriodicJob("rotation", pavane::kRotationInterval_s, pavane::RotateDueShares);
 }

@@ -68,6 +68,7 @@ def test_a_share_is_created_encrypted_locked_and_unlocked(node, admin, volume):
     content = fill(node, f"{volume}/vault", 5)
     assert admin.call("KORV.Core.Share.Crypto", "lock", name="vault")["success"]
     assert nas(admin, "vault")["encryption"] == 1
+    wait_until(lambda: find(admin, "vault")["encType"] == 1, "the record says so")
     assert node.inside("ls", "-A", f"{volume}/vault") == ""
     node.allow("could not be locked")
     assert admin.call("KORV.Core.Share.Crypto", "decrypt", name="vault", password="wrong")["error"]["code"] == 3328
@@ -98,6 +99,8 @@ def test_a_plain_share_becomes_encrypted_and_plain_again(node, admin, volume):
     assert checksums(node, f"{volume}/rec") == content
     assert node.inside("getfacl", "-cp", f"{volume}/rec") == rights
     assert "gocryptfs" in node.inside("findmnt", "-no", "FSTYPE", f"{volume}/rec")
+    wait_until(lambda: find(admin, "rec")["encType"] == 2 and not find(admin, "rec")["blMigrating"],
+               "the record says so")
     names = node.inside("find", f"{volume}/.korv/cipher")
     assert ".mp4" not in names and "cam0" not in names
     answer = admin.call(NAS, "set", name="rec", shareinfo={"encryption": False, "enc_passwd": ""})
