@@ -8,24 +8,26 @@ def _without_comments(text):
     return re.sub(r"//[^\n]*|/\*.*?\*/", "", text, flags=re.S)
 
 
+def _without_template_arguments(symbol):
+    """"Converter<Text, void>::ToJson" -> "Converter::ToJson", however deep they nest."""
+    kept, depth = [], 0
+    for character in symbol:
+        depth += character == "<"
+        if depth == 0:
+            kept.append(character)
+        depth -= character == ">"
+    return "".join(kept)
+
+
 def _without_arguments(symbol):
     """"KORV::APIRequest::GetParam(...) const" -> "KORV::APIRequest::GetParam"; results and ABI tags go too."""
-    symbol = re.sub(r"\[abi:\w+\]", "", symbol)
-    depth = 0
-    for place, character in enumerate(symbol):
-        if character == "<":
-            depth += 1
-        elif character == ">":
-            depth -= 1
-        elif character == "(" and depth == 0:
-            symbol = symbol[:place]
-            break
+    symbol = _without_template_arguments(re.sub(r"\[abi:\w+\]", "", symbol)).partition("(")[0]
     return re.sub(r"^.*[ *&](?=\S+$)", "", symbol)
 
 
 def _scopes(qualified):
-    """["KORV", "APIRequest", "GetParam"]; template arguments dropped."""
-    return re.sub(r"<.*?>", "", qualified).split("::")
+    """["KORV", "APIRequest", "GetParam"]."""
+    return qualified.split("::")
 
 
 class Headers:

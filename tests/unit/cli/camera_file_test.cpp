@@ -36,7 +36,9 @@ TEST(CameraFile, CsvColumnsMayComeInAnyOrder) {
 
 TEST(CameraFile, ABadCsvRowIsToldWithItsLine) {
     EXPECT_EQ(ProblemOf(""), "the file is empty");
-    EXPECT_EQ(ProblemOf("name,path\n"), "line 1: unknown column 'path' (known: name, recording_path, owner)");
+    EXPECT_EQ(
+        ProblemOf("name,path\n"),
+        "line 1: unknown column 'path' (known: name, recording_path, owner, ip, occupied_mb, rotation_mb)");
     EXPECT_EQ(ProblemOf("name,name\n"), "line 1: column 'name' stands there twice");
     EXPECT_EQ(ProblemOf("name\n"), "line 1: the header must have the columns name and recording_path");
     EXPECT_EQ(ProblemOf("name,recording_path\na,/p\nb\n"), "line 3: 1 fields, but the header has 2");
