@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "include/run_as_scope.h"
 #include "korv/system/database.h"
 #include "korv/system/encrypted_share.h"
 #include "korv/system/job_password.h"
@@ -34,6 +35,7 @@ bool IsToCipher(const ShareRow& share) { return share.encryption == ShareEncrypt
 
 // Throws kNoSpace when the copy is known not to fit.
 void CheckSpace(const ShareRow& share) {
+    const RunAsScope root = IF_RUN_AS;
     const Clock::time_point end = Clock::now() + kLookForSize;
     try {
         const FileDescriptor volume = OpenVolume(share.volPath);

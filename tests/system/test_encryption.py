@@ -89,7 +89,9 @@ def test_bad_passwords_are_refused(node, admin, password):
 @pytest.mark.parametrize("volume", ["/volume1", "/volume2"])
 def test_a_plain_share_becomes_encrypted_and_plain_again(node, admin, volume):
     share = make(admin, "rec", volume)
-    content = fill(node, f"{volume}/rec")
+    fill(node, f"{volume}/rec")
+    node.inside("install", "-d", "-m", "0700", f"{volume}/rec/root's own")
+    content = checksums(node, f"{volume}/rec")
     rights = node.inside("getfacl", "-cp", f"{volume}/rec")
     assert edit(admin, share, blEncryption=True, encPasswd=PASSWORD)["success"]
     status = admin.call(NAS, "move_status", task_id=latest_job(admin))["data"]
