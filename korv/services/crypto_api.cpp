@@ -22,6 +22,7 @@
 namespace {
 
 constexpr const char* kApi = "KORV.Core.Share.Crypto";
+
 int ErrorOf(korv::CipherEnd end) {
     switch (end) {
         case korv::CipherEnd::kDone:
@@ -78,8 +79,9 @@ void Answer(KORV::APIResponse& response, const korv::ShareRow& share, korv::Ciph
     response.SetSuccess(Json::Value());
 }
 
+// A host unlocks the shares of its recording servers, so a paired server may call it too.
 void Decrypt(KORV::APIRequest* request, KORV::APIResponse* response) {
-    if (!korv::AdmitAdministrator(*request, *response)) {
+    if (!korv::AdmitAdministratorOrServer(*request, *response)) {
         return;
     }
     const Json::Value params = korv::ParamsOf(*request);

@@ -1,6 +1,7 @@
 #include "korv/services/request_values.h"
 
 #include "korv/framework/error_code.h"
+#include "korv/framework/request_state.h"
 
 namespace korv {
 
@@ -56,6 +57,10 @@ bool AdmitAdministrator(const KORV::APIRequest& request, KORV::APIResponse& resp
     }
     response.SetError(kErrorNotAllowed, Json::Value());
     return false;
+}
+
+bool AdmitAdministratorOrServer(const KORV::APIRequest& request, KORV::APIResponse& response) {
+    return IsFromPairedServer(request) || AdmitAdministrator(request, response);
 }
 
 }  // namespace korv

@@ -25,4 +25,7 @@ Json::Value ParamsOf(const KORV::APIRequest& request);
 // True when the caller is an administrator; otherwise the error has been answered.
 bool AdmitAdministrator(const KORV::APIRequest& request, KORV::APIResponse& response);
 
+// The same for a method that a paired server may call as well.
+bool AdmitAdministratorOrServer(const KORV::APIRequest& request, KORV::APIResponse& response);
+
 }  // namespace korv
