@@ -15,6 +15,11 @@ namespace {
 
 constexpr const char* kApi = "KORV.Pavane.Share";
 
+struct UsageOptions {
+    std::optional<int> share;
+    std::optional<int> server;
+};
+
 struct CamerasOptions {
     int share = 0;
     bool refuseMigrating = false;
@@ -36,12 +41,26 @@ std::string EnabledText(const Json::Value& entry) {
     return entry["app"]["enabled"].asBool() ? "yes" : "no";
 }
 
-void Usage(const Context& context, std::optional<int> share) {
-    Json::Value parameters(Json::objectValue);
-    if (share.has_value()) {
-        parameters["shareId"] = *share;
+// Leaves the entries of one server alone; the web API knows all or one share.
+void KeepServer(Json::Value& data, int server) {
+    Json::Value kept(Json::arrayValue);
+    for (const Json::Value& entry : data["usage"]) {
+        if (entry["rvId"].isInt() && entry["rvId"].asInt() == server) {
+            kept.append(entry);
+        }
     }
-    const Json::Value data = context.MakeClient().Call(kApi, "ListShareUsage", parameters);
+    data["usage"] = kept;
+}
+
+void Usage(const Context& context, const UsageOptions& options) {
+    Json::Value parameters(Json::objectValue);
+    if (options.share.has_value()) {
+        parameters["shareId"] = *options.share;
+    }
+    Json::Value data = context.MakeClient().Call(kApi, "ListShareUsage", parameters);
+    if (options.server.has_value()) {
+        KeepServer(data, *options.server);
+    }
     if (context.json) {
         PrintJson(data);
         return;
@@ -75,12 +94,14 @@ void Cameras(const Context& context, const CamerasOptions& options) {
 }  // namespace
 
 void AddShareUseCommands(CLI::App& share, Context& context) {
-    const auto used = std::make_shared<std::optional<int>>();
+    const auto used = std::make_shared<UsageOptions>();
     CLI::App* const usage =
         share.add_subcommand("usage",
                              "List which applications keep data in which folders; of all shares, those "
                              "that are not in order");
-    usage->add_option("share", *used, "Id of a recording share")->check(CLI::NonNegativeNumber);
+    usage->add_option("share", used->share, "Id of a recording share")->check(CLI::NonNegativeNumber);
+    usage->add_option("--server", used->server, "Only what is on this recording server; 0 is this server")
+        ->check(CLI::NonNegativeNumber);
     usage->callback([&context, used] { context.chosen = [&context, used] { Usage(context, *used); }; });
 
     const auto options = std::make_shared<CamerasOptions>();
