@@ -78,7 +78,7 @@ def test_the_host_edits_a_share_of_its_own(cluster):
     client = cluster.host.client("admin")
     number = client.create("plain")["data"]["id"]
     answer = change(client, "EditRecShare", shareId=number, shareName="planed", **_EDITED)
-    assert answer["success"], answer
+    assert answer["success"], (answer, cluster.host.log()[-2000:], cluster.host.log("korvd.log")[-2000:])
     fields = record(cluster.host, "/volume1/planed", 0)[2]
     assert fields[:5] == ("planed", "/volume1/planed", "volume1", "edited", 0)
     assert fields[-3:-1] == (12, 1)
@@ -261,13 +261,14 @@ def test_a_bad_remote_folder_is_refused_before_anything_is_sent(cluster):
 
 def test_the_use_of_all_servers_shares_is_gathered(cluster):
     at_host, there = create_far(cluster, cluster.second, "used")
-    own = cluster.host.client("admin").create("used")["data"]["id"]
-    for member, share_id in ((cluster.host, own), (cluster.second, there)):
-        member.rows("insert into shared_folder_storage (name, share_id, application_id) values (?, ?, 99)",
-                    f"on {member.name}", share_id)
+    cluster.second.rows("insert into shared_folder_storage (name, share_id, application_id) values ('in order', ?, 99)", there)
+    for member in (cluster.host, cluster.second):  # of no share, so that it is always told
+        member.rows("insert into shared_folder_storage (name, share_id, application_id) values (?, -1, 99)",
+                    f"on {member.name}")
     client = cluster.host.client("admin")
-    far = {"name": "on server2", "share_id": there, "application_id": 99, "rvId": cluster.ids["server2"]}
+    far = {"name": "in order", "share_id": there, "application_id": 99, "rvId": cluster.ids["server2"]}
     assert change(client, "ListShareUsage", shareId=at_host) == {"success": True, "data": {"usage": [far]}}
+    far.update(name="on server2", share_id=-1)
     usage = change(client, "ListShareUsage")["data"]["usage"]
     assert {entry["name"] for entry in usage} == {"on host", "on server2"}
     assert far in usage
