@@ -62,5 +62,6 @@ inline bool IsZero(const Json::Value& returned) { return returned.asInt() == 0; 
 inline bool IsResultZero(const Json::Value& returned) { return returned["result"].asInt() == 0; }
 
 std::vector<Routine> RemoteShareRoutines();
+std::vector<Routine> ShareLifeRoutines();
 
 }  // namespace scenario

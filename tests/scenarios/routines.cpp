@@ -200,8 +200,8 @@ std::vector<Routine> MakeRoutines() {
 const std::vector<Routine>& AllRoutines() {
     static const std::vector<Routine> routines = [] {
         std::vector<Routine> all = MakeRoutines();
-        for (const Routine& routine : RemoteShareRoutines()) {
-            all.push_back(routine);
+        for (const auto& more : {RemoteShareRoutines(), ShareLifeRoutines()}) {
+            all.insert(all.end(), more.begin(), more.end());
         }
         return all;
     }();
