@@ -44,7 +44,7 @@ std::string WorkOfProcess(const fs::path& process, const std::string& device) {
     if (!std::getline(file, program, '\0')) {
         return "";
     }
-    const std::string kind = KindOf(fs::path(program).filename());
+    std::string kind = KindOf(fs::path(program).filename());
     for (std::string argument; !kind.empty() && std::getline(file, argument, '\0');) {
         if (IsOnDisk(argument, device)) {
             return kind;

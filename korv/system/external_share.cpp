@@ -44,13 +44,15 @@ bool IsExternalShareName(const std::string& name) {
 }
 
 std::optional<std::string> ExternalSharePath(const std::string& name) {
+    const auto isWanted = [&name](const ExternalPartition& partition) {
+        return strcasecmp(partition.shareName.c_str(), name.c_str()) == 0;
+    };
     for (const ExternalDiskKind kind : {ExternalDiskKind::kUsb, ExternalDiskKind::kEsata}) {
         for (ExternalDisk& disk : ListExternalDisks(kind)) {
             ReadPartitions(disk, kind);
-            for (const ExternalPartition& partition : disk.partitions) {
-                if (strcasecmp(partition.shareName.c_str(), name.c_str()) == 0) {
-                    return partition.mountPath;
-                }
+            const auto found = std::find_if(disk.partitions.begin(), disk.partitions.end(), isWanted);
+            if (found != disk.partitions.end()) {
+                return found->mountPath;
             }
         }
     }

@@ -34,7 +34,7 @@ std::string Unquoted(const std::string& value) {
     if (value.size() < 2 || (quote != '"' && quote != '\'') || value.back() != quote) {
         return value;
     }
-    const std::string inner = value.substr(1, value.size() - 2);
+    std::string inner = value.substr(1, value.size() - 2);
     if (quote == '\'') {
         return inner;
     }

@@ -20,6 +20,18 @@ void CheckSource(int error, const char* action) {
     }
 }
 
+void GoDown(FolderStack& folders, std::vector<FolderStream>& streams, const char* name) {
+    const int error = folders.Enter(name);
+    CheckSource(error, "enter a folder");
+    if (error != 0) {
+        return;  // it has vanished
+    }
+    streams.emplace_back();
+    if (streams.size() > FolderStack::kOpenLevels) {
+        streams[streams.size() - FolderStack::kOpenLevels - 1].Suspend();
+    }
+}
+
 }  // namespace
 
 std::uint64_t ContentBytes(const struct stat& status) {
@@ -52,14 +64,7 @@ TreeSize MeasureTree(int source, const CopyObserver& observer) {
         if (S_ISREG(status.st_mode)) {
             size.content_bytes += ContentBytes(status) / status.st_nlink;
         } else if (S_ISDIR(status.st_mode)) {
-            const int error = folders.Enter(entry.name.data());
-            CheckSource(error, "enter a folder");
-            if (error == 0) {
-                streams.emplace_back();
-                if (streams.size() > FolderStack::kOpenLevels) {
-                    streams[streams.size() - FolderStack::kOpenLevels - 1].Suspend();
-                }
-            }
+            GoDown(folders, streams, entry.name.data());
         }
     }
 }

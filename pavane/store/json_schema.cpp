@@ -63,7 +63,7 @@ public:
 
 private:
     static std::string TypeName(const YAML::Node& node) {
-        const std::string name = node.as<std::string>();
+        std::string name = node.as<std::string>();
         if (FindType(name) == nullptr) {
             throw std::runtime_error("there is no such type");
         }

@@ -30,7 +30,7 @@ constexpr milliseconds kSlack(1500);
 class BoundedCallTest : public MachineTest {
 protected:
     std::string MakeMountPoint(const std::string& name) {
-        const std::string path = machine::Volume() + "/" + name;
+        std::string path = machine::Volume() + "/" + name;
         fs::create_directory(path);
         return path;
     }

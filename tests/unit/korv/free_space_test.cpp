@@ -28,7 +28,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::uint64_t kMB = std::uint64_t{1} << 20;
+constexpr std::uint64_t kKB = 1024;
+constexpr std::uint64_t kMB = kKB * kKB;
 constexpr std::chrono::seconds kPatience(30);
 
 void RunTool(const std::string& program, const std::vector<std::string>& arguments) {
@@ -171,11 +172,11 @@ protected:
         MachineTest::TearDown();
     }
 
-    static void Btrfs(std::vector<std::string> arguments) { RunTool("/usr/bin/btrfs", arguments); }
+    static void Btrfs(const std::vector<std::string>& arguments) { RunTool("/usr/bin/btrfs", arguments); }
 
     // A subvolume that may hold so much; "none" = no limit.
     static std::string MakeSubvolume(const std::string& name, const std::string& limit) {
-        const std::string path = machine::BtrfsVolume() + "/" + name;
+        std::string path = machine::BtrfsVolume() + "/" + name;
         Btrfs({"subvolume", "create", path});
         EXPECT_EQ(chmod(path.c_str(), 0777), 0);
         Btrfs({"qgroup", "limit", limit, path});
@@ -190,6 +191,7 @@ protected:
 }  // namespace
 
 // Takes the place of the C library's function for this program.
+// NOLINTBEGIN(clang-analyzer-valist.Uninitialized, performance-no-int-to-ptr): the words of a system call
 extern "C" long syscall(long number, ...) {
     using Function = long (*)(long, ...);
     static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "syscall"));
@@ -212,16 +214,17 @@ extern "C" long syscall(long number, ...) {
     *reinterpret_cast<if_dqblk*>(words[3]) = g_kernel.quota;
     return 0;
 }
+// NOLINTEND(clang-analyzer-valist.Uninitialized, performance-no-int-to-ptr)
 
 TEST_F(QuotaRecordTest, AsksForTheUsersOwnQuota) {
-    EXPECT_EQ(Get(0, 10 * 1024, 12345), "10 12345");
+    EXPECT_EQ(Get(0, 10 * kKB, 12345), "10 12345");
     EXPECT_EQ(g_kernel.seenUid, machine::kAliceUid);
     EXPECT_EQ(g_kernel.seenCommand, static_cast<int>(QCMD(Q_GETQUOTA, USRQUOTA)));
 }
 
 TEST_F(QuotaRecordTest, TheHardLimitCountsAndWithoutOneTheSoft) {
-    EXPECT_EQ(Get(2 * 1024, 3 * 1024 + 512, 1), "3.5 1");
-    EXPECT_EQ(Get(2 * 1024, 0, 1), "2 1");
+    EXPECT_EQ(Get(2 * kKB, 3 * kKB + 512, 1), "3.5 1");
+    EXPECT_EQ(Get(2 * kKB, 0, 1), "2 1");
     EXPECT_EQ(Get(0, 0, 7), "0 7");
 }
 
@@ -243,7 +246,7 @@ TEST_F(QuotaTest, AUserWithoutALimitHasNone) {
 }
 
 TEST_F(QuotaTest, TheRestOfALimitIsWhatCanBeWritten) {
-    Limit(machine::kAliceUid, 0, 10 * 1024);
+    Limit(machine::kAliceUid, 0, 10 * kKB);
     const int status = machine::InChild([&] {
         machine::BecomeEffectively(machine::kAliceUid, {});
         return WriteUntilFull(m_path + "/first", 3 * kMB) == 3 * kMB ? 0 : 1;
@@ -258,9 +261,9 @@ TEST_F(QuotaTest, TheRestOfALimitIsWhatCanBeWritten) {
 }
 
 TEST_F(QuotaTest, ASoftLimitCountsWhereThereIsNoHardOne) {
-    Limit(machine::kAliceUid, 2 * 1024, 0);
+    Limit(machine::kAliceUid, 2 * kKB, 0);
     EXPECT_EQ(Get("alice").limitMB, 2.0F);
-    Limit(machine::kAliceUid, 2 * 1024, 3 * 1024 + 512);
+    Limit(machine::kAliceUid, 2 * kKB, 3 * kKB + 512);
     EXPECT_EQ(Get("alice").limitMB, 3.5F);
 }
 

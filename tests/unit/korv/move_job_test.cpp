@@ -184,6 +184,13 @@ protected:
         });
         return WIFSIGNALED(status);
     }
+
+    static void UnlockWhenItWaits(const korv::ShareRow& share, long long id) {
+        korv::RunMoveJob(id, GoOn);
+        if (!korv::FindJob(id)->IsOver()) {
+            ASSERT_EQ(korv::UnlockShare(Row(share), kPassword), korv::CipherEnd::kDone);
+        }
+    }
 };
 
 TEST_P(KilledMoveJobTest, GoesOnAfterASwitchOff) {
@@ -198,10 +205,7 @@ TEST_P(KilledMoveJobTest, GoesOnAfterASwitchOff) {
                 UnmountAll(machine::Volume());
             }
             if (isCipher && GetParam() && Row(share).encryption != ShareEncryption::kNone) {
-                korv::RunMoveJob(id, GoOn);
-                if (!korv::FindJob(id)->IsOver()) {
-                    ASSERT_EQ(korv::UnlockShare(Row(share), kPassword), korv::CipherEnd::kDone);
-                }
+                UnlockWhenItWaits(share, id);
             }
             korv::RunMoveJob(id, GoOn);
             ExpectOver(id, JobState::kFinished);

@@ -26,10 +26,10 @@ struct PretendedDisks::Testbed {
              const Texts& attributes) {
         std::string text = "P: " + path + "\nN: " + name + "\nE: DEVNAME=/dev/" + name + "\n";
         for (const auto& [key, value] : properties) {
-            text += "E: " + key + "=" + value + "\n";
+            text.append("E: ").append(key).append("=").append(value).append("\n");
         }
         for (const auto& [key, value] : attributes) {
-            text += "A: " + key + "=" + value + "\n";
+            text.append("A: ").append(key).append("=").append(value).append("\n");
         }
         GError* error = nullptr;
         if (umockdev_testbed_add_from_string(bed, text.c_str(), &error) == 0) {
@@ -107,7 +107,7 @@ void PretendedDisks::Settle(const std::string& name) {
 }
 
 std::string PretendedDisks::FileOf(const std::string& name) {
-    const std::string file = m_testbed->Root() + "/dev/" + name;
+    std::string file = m_testbed->Root() + "/dev/" + name;
     std::ofstream(file).close();
     fs::resize_file(file, kSize);
     return file;

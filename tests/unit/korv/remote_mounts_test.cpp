@@ -90,7 +90,7 @@ protected:
         return wanted;
     }
 
-    static MountFailure Refused(korv::NewMount wanted, const MountCaller& caller = kAdmin) {
+    static MountFailure Refused(const korv::NewMount& wanted, const MountCaller& caller = kAdmin) {
         const std::string before = std::to_string(korv::ListMountRows().size());
         const korv::MountEnd end = korv::AddMount(wanted, caller);
         EXPECT_EQ(before, std::to_string(korv::ListMountRows().size())) << "a failed mount left a row";

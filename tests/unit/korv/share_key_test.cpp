@@ -15,6 +15,8 @@
 
 namespace {
 
+const std::size_t kTenMillion = 10'000'000;
+
 const std::string kNode(32, 'a');
 const std::string kSalt = KORVShareEncExportKeySaltGet();
 
@@ -44,7 +46,7 @@ TEST(ExportedKey, IsRefusedAfterAnyChange) {
         EXPECT_FALSE(korv::OpenKey(content.substr(0, i), kSalt)) << "the first " << i << " bytes";
     }
     EXPECT_FALSE(korv::OpenKey(content + "x", kSalt));
-    EXPECT_FALSE(korv::OpenKey(std::string(10000000, 'x'), kSalt));
+    EXPECT_FALSE(korv::OpenKey(std::string(kTenMillion, 'x'), kSalt));
 }
 
 TEST(ExportedKey, HasRoomForTheLongestPartsOnly) {
@@ -120,8 +122,9 @@ TEST_F(ShareKeyFile, OfAnotherNodeIsLeftToThatNode) {
 TEST_F(ShareKeyFile, RefusesWhatIsNoKeyFile) {
     EXPECT_LT(ReadFile(), 0) << "missing";
     EXPECT_NE(KLIBCErrGet(), 0);
-    for (const std::string& content : {std::string(), std::string("random bytes"), std::string(10000000, 'x'),
-                                       korv::SealKey(Key(), kSalt)->substr(1)}) {
+    for (const std::string& content :
+         {std::string(), std::string("random bytes"), std::string(kTenMillion, 'x'),
+          korv::SealKey(Key(), kSalt)->substr(1)}) {
         Write(content);
         EXPECT_LT(ReadFile(), 0);
         EXPECT_NE(KLIBCErrGet(), 0);

@@ -152,7 +152,7 @@ TEST_P(ShareMove, KeepsHoles) {
 
 TEST_P(ShareMove, ACancellationAtAnyStepBeforeTheSwitchLeavesTheSourceAlone) {
     for (int step = 0; step < static_cast<int>(MoveStep::kSwitch); ++step) {
-        MachineTest::SetUp();
+        ShareMove::SetUp();
         *m_journal = Journal();
         MakeShare(20);
         const auto result = Run({}, [&] {
@@ -181,13 +181,12 @@ TEST_P(ShareMove, LosesNothingWhenItIsKilledAtAnySavedState) {
     int killed = 0;
     while (true) {
         const MoveStep before = m_journal->state.step;
-        const int status = machine::InChild([&] {
-            return static_cast<int>(Run([before](const MoveState& state) {
-                                        if (state.step != before) {
-                                            kill(getpid(), SIGKILL);
-                                        }
-                                    }).end);
-        });
+        const auto dieAfterIt = [before](const MoveState& state) {
+            if (state.step != before) {
+                kill(getpid(), SIGKILL);
+            }
+        };
+        const int status = machine::InChild([&] { return static_cast<int>(Run(dieAfterIt).end); });
         if (WIFEXITED(status)) {
             EXPECT_EQ(WEXITSTATUS(status), static_cast<int>(MoveEnd::kDone));
             break;
@@ -267,6 +266,14 @@ TEST_P(ShareMove, RefusesASourceWithAMountInIt) {
     ExpectUntouched();
 }
 
+void FillDisk(const std::string& ballast) {
+    const int file = open(ballast.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const std::string block(4096, 'x');
+    while (write(file, block.data(), block.size()) > 0) {
+    }
+    close(file);
+}
+
 TEST_P(ShareMove, ADiskThatFillsUpAtAnyStepLeavesTheSourceAlone) {
     m_volume = machine::BtrfsVolume();
     m_share = m_volume + "/rec";
@@ -282,11 +289,7 @@ TEST_P(ShareMove, ADiskThatFillsUpAtAnyStepLeavesTheSourceAlone) {
             } else if (state.step == step && !fs::exists(ballast)) {
                 std::ofstream(m_share + "/cam0/late") << std::string(200'000, 'l');
                 m_before = manifest::Of(m_share);
-                const int file = open(ballast.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-                const std::string block(4096, 'x');
-                while (write(file, block.data(), block.size()) > 0) {
-                }
-                close(file);
+                FillDisk(ballast);
             }
         };
         const auto result = Run(fill);
@@ -346,6 +349,7 @@ class Decryption : public ShareMove {};
 
 TEST_P(Encryption, CarriesOverWhatAFileThatStaysOpenGets) {
     MakeShare(5);
+    usleep(2'100'000);  // what was written in the second before the last pass counts as written later
     std::ofstream film(m_share + "/cam0/film");
     film << "before, " << std::flush;
     bool hasSwitched = false;
@@ -380,12 +384,12 @@ TEST_P(Encryption, WaitsForThePasswordWhenTheViewIsLost) {
 
 TEST_P(Encryption, WaitsForTheShareToBeUnlockedAfterTheSwitch) {
     MakeShare(5);
-    EXPECT_THROW(Run([&](const MoveState& state) {
-                     if (state.step == MoveStep::kFollow) {
-                         throw std::system_error(EIO, std::generic_category(), "power failure");
-                     }
-                 }),
-                 std::system_error);
+    const auto failAtFollow = [](const MoveState& state) {
+        if (state.step == MoveStep::kFollow) {
+            throw std::system_error(EIO, std::generic_category(), "power failure");
+        }
+    };
+    EXPECT_THROW(Run(failAtFollow), std::system_error);
     Unmount(m_share);
     EXPECT_EQ(Run({}, {}, "").end, MoveEnd::kLocked);
     ASSERT_EQ(m_cipher.Mount(kPassword), korv::CipherEnd::kDone);
