@@ -1,4 +1,4 @@
-// `pavane camera import` and `list`.
+// `pavane camera import`, `list` and `migrate`.
 
 #include <algorithm>
 #include <charconv>
@@ -22,6 +22,11 @@ namespace {
 constexpr const char* kApi = "KORV.Pavane.Camera";
 constexpr std::size_t kBatch_bytes = 900UL * 1024;  // the server takes requests of 1 MiB
 constexpr int kPage = 1000;                         // and gives lists by pages of this length
+
+struct MigrationOptions {
+    int camera = 0;
+    std::string source;
+};
 
 std::string ReadFile(const std::string& path) {
     std::ostringstream text;
@@ -101,12 +106,56 @@ void List(const Context& context) {
         PrintJson(all);
         return;
     }
-    Table table({{"ID", Align::kRight}, {"NAME"}, {"SERVER", Align::kRight}, {"RECORDS INTO"}});
+    Table table(
+        {{"ID", Align::kRight}, {"NAME"}, {"SERVER", Align::kRight}, {"RECORDS INTO"}, {"MIGRATES FROM"}});
     for (const Json::Value& camera : cameras) {
         table.Add({Cell(camera, "id"), Cell(camera, "name"), Cell(camera, "ownerRvId"),
-                   Cell(camera, "recordingPath")});
+                   Cell(camera, "recordingPath"), Cell(camera, "migratingFrom")});
     }
     PrintTable(table);
+}
+
+void StartMigration(const Context& context, const MigrationOptions& options) {
+    Json::Value parameters(Json::objectValue);
+    parameters["id"] = options.camera;
+    if (!options.source.empty()) {
+        parameters["sourceDir"] = options.source;
+    }
+    const Json::Value data = context.MakeClient().Call(kApi, "migrate_start", parameters);
+    if (context.json) {
+        PrintJson(data);
+    } else {
+        PrintLine("camera " + std::to_string(options.camera) + " migrates from " + Cell(data, "sourceDir"));
+    }
+}
+
+void StopMigration(const Context& context, int camera) {
+    Json::Value parameters(Json::objectValue);
+    parameters["id"] = camera;
+    const Json::Value data = context.MakeClient().Call(kApi, "migrate_stop", parameters);
+    if (context.json) {
+        PrintJson(data);
+    } else {
+        PrintLine("camera " + std::to_string(camera) +
+                  (data["wasMigrating"].asBool() ? " migrates no more" : " was not migrating"));
+    }
+}
+
+void AddMigration(CLI::App& camera, Context& context) {
+    CLI::App* const migrate = camera.add_subcommand(
+        "migrate", "Note that a camera's recordings are being moved to another place, or no more");
+    migrate->require_subcommand(1);
+    const auto options = std::make_shared<MigrationOptions>();
+    CLI::App* const start = migrate->add_subcommand("start", "Its recordings are being moved");
+    start->add_option("id", options->camera, "Id of the camera")->required();
+    start->add_option("--from", options->source,
+                      "The folder they are moved from; by default the camera's own");
+    start->callback(
+        [&context, options] { context.chosen = [&context, options] { StartMigration(context, *options); }; });
+    const auto id = std::make_shared<int>();
+    CLI::App* const stop = migrate->add_subcommand("stop", "They are not, or no more");
+    stop->add_option("id", *id, "Id of the camera")->required();
+    stop->callback([&context, id] { context.chosen = [&context, id] { StopMigration(context, *id); }; });
 }
 
 }  // namespace
@@ -125,6 +174,7 @@ void AddCameraCommands(CLI::App& app, Context& context) {
     camera->add_subcommand("list", "List the cameras")->callback([&context] {
         context.chosen = [&context] { List(context); };
     });
+    AddMigration(*camera, context);
 }
 
 }  // namespace cli

@@ -29,6 +29,7 @@ int Run(int argc, char** argv) {
     cli::AddShareCommands(app, context);
     cli::AddCandidatesCommand(app, context);
     cli::AddJobCommands(app, context);
+    cli::AddArchiveCommands(app, context);
     cli::AddCameraCommands(app, context);
     cli::AddEventCommands(app, context);
     cli::AddLogCommands(app, context);

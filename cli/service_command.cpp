@@ -1,7 +1,8 @@
-// `pavane link list` and `backup list`.
+// `pavane link list`, `backup list` and `service outbox|taken`.
 
 #include <array>
 #include <ctime>
+#include <memory>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -28,6 +29,15 @@ void ListLinks(const Context& context) {
     PrintTable(table);
 }
 
+std::string TimeText(const Json::Value& time_s) {
+    const auto time = static_cast<std::time_t>(time_s.asInt64());
+    std::tm parts{};
+    localtime_r(&time, &parts);
+    std::array<char, 32> text{};
+    const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts);
+    return {text.data(), length};
+}
+
 void ListBackup(const Context& context) {
     const Json::Value data = context.MakeClient().Call(kApi, "list_backup");
     if (context.json) {
@@ -36,14 +46,67 @@ void ListBackup(const Context& context) {
     }
     Table table({{"FOLDER"}, {"USED SINCE"}});
     for (const Json::Value& folder : data["folders"]) {
-        const auto added = static_cast<std::time_t>(folder["addedTime"].asInt64());
-        std::tm parts{};
-        localtime_r(&added, &parts);
-        std::array<char, 32> text{};
-        const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts);
-        table.Add({Cell(folder, "name"), std::string(text.data(), length)});
+        table.Add({Cell(folder, "name"), TimeText(folder["addedTime"])});
     }
     PrintTable(table);
+}
+
+std::string OperationText(const Json::Value& notice) {
+    constexpr int kRecShareRemoved = 6;
+    return notice["operation"].asInt() == kRecShareRemoved ? "no recording share any more"
+                                                           : "operation " + Cell(notice, "operation");
+}
+
+void ListNotices(const Context& context) {
+    constexpr int kPage = 1000;
+    Client client = context.MakeClient();
+    Json::Value all(Json::objectValue);
+    Json::Value& notices = all["notices"] = Json::Value(Json::arrayValue);
+    Json::Value page;
+    do {
+        Json::Value parameters(Json::objectValue);
+        parameters["offset"] = notices.size();
+        parameters["limit"] = kPage;
+        page = client.Call(kApi, "list_notices", parameters);
+        for (const Json::Value& notice : page["notices"]) {
+            notices.append(notice);
+        }
+    } while (!page["notices"].empty() && notices.size() < page["total"].asUInt());
+    all["total"] = notices.size();
+    if (context.json) {
+        PrintJson(all);
+        return;
+    }
+    Table table({{"ID", Align::kRight}, {"TIME"}, {"SERVICE"}, {"FOLDER"}, {"WHAT HAPPENED"}});
+    for (const Json::Value& notice : notices) {
+        table.Add({Cell(notice, "id"), TimeText(notice["time"]), Cell(notice, "service"),
+                   Cell(notice, "path"), OperationText(notice)});
+    }
+    PrintTable(table);
+}
+
+void TakeNotice(const Context& context, int id) {
+    Json::Value parameters(Json::objectValue);
+    parameters["id"] = id;
+    const Json::Value data = context.MakeClient().Call(kApi, "take_notice", parameters);
+    if (context.json) {
+        PrintJson(data);
+    } else {
+        PrintLine("notice " + std::to_string(id) + " taken");
+    }
+}
+
+void AddNotices(CLI::App& app, Context& context) {
+    CLI::App* const service =
+        app.add_subcommand("service", "What other services of the application are told");
+    service->require_subcommand(1);
+    service->add_subcommand("outbox", "List the notices that are not taken yet")->callback([&context] {
+        context.chosen = [&context] { ListNotices(context); };
+    });
+    const auto id = std::make_shared<int>();
+    CLI::App* const taken = service->add_subcommand("taken", "Take a notice out of the outbox");
+    taken->add_option("id", *id, "Id of the notice")->required();
+    taken->callback([&context, id] { context.chosen = [&context, id] { TakeNotice(context, *id); }; });
 }
 
 }  // namespace
@@ -59,6 +122,7 @@ void AddServiceCommands(CLI::App& app, Context& context) {
     backup->add_subcommand("list", "List them")->callback([&context] {
         context.chosen = [&context] { ListBackup(context); };
     });
+    AddNotices(app, context);
 }
 
 }  // namespace cli

@@ -88,6 +88,8 @@ inline constexpr ErrorTableRow kErrorTable[] = {
     {"KORV.Core.Share.Permission", 3309, "The kind of user or group is unknown.",
      "Use \"system\", \"local_user\" or \"local_group\"."},
 
+    {"KORV.Pavane.Archive", 400, "The archive tasks could not be read or changed.",
+     "Look into pavane.log on the server for the reason."},
     {"KORV.Pavane.CMS", 400, "The records of paired servers could not be read or changed.",
      "Look into pavane.log on the server for the reason."},
     {"KORV.Pavane.CMS", 460, "The role of a server does not allow this.",
@@ -107,13 +109,13 @@ inline constexpr ErrorTableRow kErrorTable[] = {
     {"KORV.Pavane.CMS", 467, "The other server's answer can't be understood.",
      "Check that it is a recorder, and of this version."},
 
-    {"KORV.Pavane.Camera", 400, "The cameras could not be stored or read.",
+    {"KORV.Pavane.Camera", 400, "The cameras or their migrations could not be stored or read.",
      "Look into pavane.log on the server for the reason."},
     {"KORV.Pavane.Event", 400, "The events could not be read.",
      "Look into pavane.log on the server for the reason."},
     {"KORV.Pavane.Log", 400, "The log configuration could not be read or changed.",
      "Look into pavane.log on the server for the reason."},
-    {"KORV.Pavane.Service", 400, "The service links or backup folders could not be read.",
+    {"KORV.Pavane.Service", 400, "The service links, backup folders or notices could not be read or changed.",
      "Look into pavane.log on the server for the reason."},
 
     {"KORV.Pavane.Share", 400,

@@ -17,8 +17,8 @@ const KORV::APITableRow* JobTable();              // korv/services/job_api.cpp
 const KORV::APITableRow* ShareCryptoTable();      // korv/services/crypto_api.cpp
 
 inline std::array<const KORV::APITableRow*, 8> BuiltInTables() {
-    return {SessionTable(),      ShareTable(),  SharePermissionTable(),
-            AppPrivilegeTable(), VolumeTable(), MountTable(), JobTable(), ShareCryptoTable()};
+    return {SessionTable(), ShareTable(), SharePermissionTable(), AppPrivilegeTable(), VolumeTable(),
+            MountTable(),   JobTable(),   ShareCryptoTable()};
 }
 
 }  // namespace korv

@@ -69,22 +69,23 @@ void AddServiceNotice(const ServiceNotice& notice) {
     transaction.Commit();
 }
 
-std::list<ServiceNotice> ListServiceNotices() {
-    std::list<ServiceNotice> notices;
+NoticePage ListServiceNotices(int offset, int limit) {
+    NoticePage page;
     ServiceNotice notice;
     int isAfterwards = 0;
+    soci::session& session = AppDatabase().Session();
+    session << "select count(*) from service_notice", soci::into(page.total);
     soci::statement statement =
-        (AppDatabase().Session().prepare
-             << "select id, service, operation, path, new_path, afterwards, time_s"
-                " from service_notice order by id",
+        (session.prepare << "select id, service, operation, path, new_path, afterwards, time_s"
+                            " from service_notice order by id limit :limit offset :offset",
          soci::into(notice.id), soci::into(notice.service), soci::into(notice.operation),
          soci::into(notice.path), soci::into(notice.newPath), soci::into(isAfterwards),
-         soci::into(notice.time_s));
+         soci::into(notice.time_s), soci::use(limit), soci::use(offset));
     for (bool more = statement.execute(true); more; more = statement.fetch()) {
         notice.isAfterwards = isAfterwards != 0;
-        notices.push_back(notice);
+        page.notices.push_back(notice);
     }
-    return notices;
+    return page;
 }
 
 bool RemoveServiceNotice(int id) { return RemoveRow("delete from service_notice where id = :id", id); }

@@ -14,7 +14,7 @@ struct ArchiveTask {
     std::string storagePath{};
 };
 
-// By id; `type` 0 gives those of every type.
+// Of one server, by id; `type` 0 gives those of every type.
 std::list<ArchiveTask> ListArchiveTasks(const std::string& server, int type);
 
 // Adds the task, or changes the one of that server and name; its id.
@@ -37,8 +37,13 @@ struct ServiceNotice {
 // Keeps a notice; id and time are set here.
 void AddServiceNotice(const ServiceNotice& notice);
 
-// The oldest first.
-std::list<ServiceNotice> ListServiceNotices();
+struct NoticePage {
+    std::list<ServiceNotice> notices;
+    int total = 0;
+};
+
+// The oldest first: at most `limit`, after skipping `offset`; `total` counts all.
+NoticePage ListServiceNotices(int offset, int limit);
 
 // The service has taken the notice. False when there was none.
 bool RemoveServiceNotice(int id);

@@ -52,6 +52,18 @@ CameraPage ListCameras(int offset, int limit) {
     return page;
 }
 
+std::optional<CameraRecord> FindCamera(int id) {
+    CameraRecord camera;
+    soci::session& session = AppDatabase().Session();
+    session << "select id, owner_rv_id, name, recording_path, rec_storage_status, ip, occupied_mb,"
+               " rotated_by_space, rotation_by_space_mb from camera where id = :id",
+        soci::into(camera.id), soci::into(camera.ownerRvId), soci::into(camera.name),
+        soci::into(camera.recordingPath), soci::into(camera.recStorageStatus), soci::into(camera.ip),
+        soci::into(camera.occupiedMB), soci::into(camera.rotatedBySpace),
+        soci::into(camera.rotationBySpaceMB), soci::use(id);
+    return session.got_data() ? std::optional(camera) : std::nullopt;
+}
+
 // What begins with "/volume1/rec/" stands between that text and "/volume1/rec0", since '0' follows '/' - by
 // bytes, which SQLite always compares and PostgreSQL when told so.
 std::string CamerasOfShareStatement(DatabaseKind kind) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <list>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,8 @@ struct CameraPage {
 
 // The cameras by ascending id: at most `limit`, after skipping `offset`; `total` counts all.
 CameraPage ListCameras(int offset, int limit);
+
+std::optional<CameraRecord> FindCamera(int id);
 
 // The cameras that record into the recording share `shareId`, by ascending id: those of its owner whose
 // folder lies below its own and is in use. Reads no other cameras. None for a share that there isn't.

@@ -3,15 +3,18 @@
 #include <bit>
 #include <exception>
 #include <list>
+#include <optional>
 #include <string>
 
 #include <soci/soci.h>
 
 #include "platform/korv/mount.h"
 #include "platform/pavane/rec_share.h"
+#include "platform/pavane/services.h"
 
 #include "pavane/log_line.h"
 #include "pavane/store/database.h"
+#include "pavane/store/folder_rename.h"
 
 namespace {
 
@@ -183,6 +186,30 @@ bool Update(soci::session& session, ShareRow& row) {
     return statement.get_affected_rows() == 1;
 }
 
+// Where the record's folder was until now: none for a record that there isn't.
+std::optional<pavane::FolderPlace> FindPlace(soci::session& session, int id) {
+    pavane::FolderPlace place;
+    session << "select owner_rv_id, name, path from recording_share where id = :id",
+        soci::into(place.ownerRvId), soci::into(place.name), soci::into(place.path), soci::use(id);
+    return session.got_data() ? std::optional(place) : std::nullopt;
+}
+
+// False when there is no record of that id. What names the folder follows; `linkNames` are the service links
+// to bring up to date afterwards.
+bool UpdateAll(pavane::Database& database, ShareRow& row, std::list<std::string>& linkNames) {
+    const auto before = FindPlace(database.Session(), row.id);
+    if (!before || !Update(database.Session(), row)) {
+        return false;
+    }
+    if (before->ownerRvId == row.ownerRvId && (before->name != row.name || before->path != row.path)) {
+        pavane::FollowRename(database, *before, {row.ownerRvId, row.name, row.path});
+        if (row.ownerRvId == 0) {
+            linkNames = {before->name, row.name};
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 int RecShare::Load(int id) { return LoadOne(*this, "where id = :id", id, nullptr); }
@@ -222,14 +249,17 @@ int RecShare::Save() {
         pavane::Database& database = pavane::AppDatabase();
         pavane::WriteTransaction transaction(database);
         int id = row.id;
+        std::list<std::string> linkNames;
         if (id == 0) {
             id = Insert(database.Session(), row);
-        } else if (!Update(database.Session(), row)) {
+        } else if (!UpdateAll(database, row, linkNames)) {
             PV_LOG_LINE(kSource, "There is no recording share %d to save.\n", id);
             return -1;
         }
         transaction.Commit();
         RecShareAccess::SetId(*this, id);
+        // Who renames the folder has them updated too, but before this record says so.
+        CheckToUpdatePVServiceLink(linkNames);
         return 0;
     } catch (const std::exception& failure) {
         PV_LOG_LINE(kSource, "Failed to save a recording share: %s\n",

@@ -1,5 +1,6 @@
 #include "pavane/webapi/api_call.h"
 
+#include <algorithm>
 #include <exception>
 
 #include "platform/korv/app_privilege.h"
@@ -128,6 +129,23 @@ bool IsPlainText(const std::string& text) {
             return false;
         }
         at += length;
+    }
+    return true;
+}
+
+bool IsCleanPath(const std::string& path) {
+    constexpr std::size_t kLongest = 4096;
+    if (path.empty() || path.front() != '/' || path.size() > kLongest || !IsPlainText(path)) {
+        return false;
+    }
+    std::size_t begin = 1;
+    while (begin <= path.size()) {
+        const std::size_t end = std::min(path.find('/', begin), path.size());
+        const std::string component = path.substr(begin, end - begin);
+        if (component.empty() || component == "." || component == "..") {
+            return false;
+        }
+        begin = end + 1;
     }
     return true;
 }

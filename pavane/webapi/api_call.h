@@ -60,4 +60,8 @@ PageRequest ReadPage(const KORV::APIRequest& request);
 // True for valid UTF-8 without control characters.
 bool IsPlainText(const std::string& text);
 
+// True for an absolute path of plain text, of at most 4096 bytes, in its shortest form: no component empty,
+// "." or "..", no slash at the end. So it must read to be compared byte for byte.
+bool IsCleanPath(const std::string& path);
+
 }  // namespace pavane

@@ -1,9 +1,14 @@
 // "KORV.Pavane.Camera": which cameras record where.
 
-#include <algorithm>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "platform/pavane/camera.h"
+#include "platform/pavane/key_value_file.h"
+
+#include "pavane/recorder/camera_migration.h"
 #include "pavane/recorder/camera_store.h"
 #include "pavane/webapi/api_call.h"
 #include "pavane/webapi/methods.h"
@@ -13,33 +18,11 @@ namespace pavane {
 namespace {
 
 constexpr std::size_t kLongestName = 255;
-constexpr std::size_t kLongestPath = 4096;
 constexpr std::size_t kLongestAddress = 255;
 
 // What is wrong with the value `value` of the camera `index`.
 [[noreturn]] void Refuse(Json::ArrayIndex index, const char* value, const char* why) {
     throw BadParameter("cameras[" + std::to_string(index) + "]." + value, why);
-}
-
-// Absolute, no component empty, "." or "..", no slash at the end: as it must read to be compared byte for
-// byte.
-bool IsCleanPath(const std::string& path) {
-    if (path.empty()) {
-        return true;
-    }
-    if (path.front() != '/' || path.size() > kLongestPath || !IsPlainText(path)) {
-        return false;
-    }
-    std::size_t begin = 1;
-    while (begin <= path.size()) {
-        const std::size_t end = std::min(path.find('/', begin), path.size());
-        const std::string component = path.substr(begin, end - begin);
-        if (component.empty() || component == "." || component == "..") {
-            return false;
-        }
-        begin = end + 1;
-    }
-    return true;
 }
 
 std::string TextMember(const Json::Value& camera, Json::ArrayIndex index, const char* key) {
@@ -85,10 +68,27 @@ CameraRecord ReadCamera(const Json::Value& camera, Json::ArrayIndex index) {
     if (record.name.empty() || record.name.size() > kLongestName || !IsPlainText(record.name)) {
         Refuse(index, "name", "must be 1 to 255 bytes of UTF-8 without control characters");
     }
-    if (!IsCleanPath(record.recordingPath)) {
+    if (!record.recordingPath.empty() && !IsCleanPath(record.recordingPath)) {
         Refuse(index, "recordingPath", "must be empty or an absolute path in its shortest form");
     }
     return record;
+}
+
+// The folder that its recordings are moved out of, empty when they are not.
+std::string MigratingFrom(const CameraRecord& camera) {
+    std::string folder;
+    if (camera.ownerRvId == 0) {
+        PVFileGetVal(GetRecMigrateTmpFilePath(camera.id), "srcDir", folder);
+    }
+    return folder;
+}
+
+CameraRecord WantedCamera(const KORV::APIRequest& request) {
+    const std::optional<CameraRecord> camera = FindCamera(request.GetParam("id", 0).asInt());
+    if (!camera.has_value() || camera->ownerRvId != 0) {
+        throw BadParameter("id", "must be the id of a camera of this server");
+    }
+    return *camera;
 }
 
 }  // namespace
@@ -124,11 +124,35 @@ Json::Value ListCamerasMethod(const KORV::APIRequest& request) {
         element["occupiedMB"] = camera.occupiedMB;
         element["rotatedBySpace"] = camera.rotatedBySpace != 0;
         element["rotationBySpaceMB"] = camera.rotationBySpaceMB;
+        element["migratingFrom"] = MigratingFrom(camera);
         list.append(element);
     }
     Json::Value data(Json::objectValue);
     data["cameras"] = list;
     data["total"] = page.total;
+    return data;
+}
+
+Json::Value StartMigrationMethod(const KORV::APIRequest& request) {
+    const CameraRecord camera = WantedCamera(request);
+    const std::string sourceDir = request.GetParam("sourceDir", camera.recordingPath).asString();
+    if (!IsCleanPath(sourceDir)) {
+        throw BadParameter("sourceDir", "must be an absolute path in its shortest form");
+    }
+    try {
+        StartCameraMigration(camera.id, sourceDir);
+    } catch (const std::invalid_argument& invalid) {
+        throw BadParameter("sourceDir", invalid.what());
+    }
+    Json::Value data(Json::objectValue);
+    data["sourceDir"] = sourceDir;
+    return data;
+}
+
+// Also for a camera that was removed meanwhile: its file has to go all the same.
+Json::Value StopMigrationMethod(const KORV::APIRequest& request) {
+    Json::Value data(Json::objectValue);
+    data["wasMigrating"] = StopCameraMigration(request.GetParam("id", 0).asInt());
     return data;
 }
 

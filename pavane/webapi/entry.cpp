@@ -22,6 +22,7 @@ void Entry(KORV::APIRequest* request, KORV::APIResponse* response) {
     pavane::Serve(Needed, Method, *request, *response);
 }
 
+constexpr const char* kArchive = "KORV.Pavane.Archive";
 constexpr const char* kCamera = "KORV.Pavane.Camera";
 constexpr const char* kCms = pavane::kCmsApi;
 constexpr const char* kEvent = "KORV.Pavane.Event";
@@ -30,8 +31,13 @@ constexpr const char* kService = "KORV.Pavane.Service";
 constexpr std::intptr_t kVersion = 1;
 
 const KORV::APITableRow kTable[] = {
+    {kArchive, kVersion, "list", Entry<Access::kUse, pavane::ListArchiveTasksMethod>},
+    {kArchive, kVersion, "set", Entry<Access::kChange, pavane::SetArchiveTaskMethod>},
+    {kArchive, kVersion, "remove", Entry<Access::kChange, pavane::RemoveArchiveTaskMethod>},
     {kCamera, kVersion, "import", Entry<Access::kChange, pavane::ImportCamerasMethod>},
     {kCamera, kVersion, "list", Entry<Access::kUse, pavane::ListCamerasMethod>},
+    {kCamera, kVersion, "migrate_start", Entry<Access::kChange, pavane::StartMigrationMethod>},
+    {kCamera, kVersion, "migrate_stop", Entry<Access::kChange, pavane::StopMigrationMethod>},
     {kCms, kVersion, "status", Entry<Access::kUse, pavane::CmsStatusMethod>},
     {kCms, kVersion, "set_role", Entry<Access::kChange, pavane::CmsSetRoleMethod>},
     {kCms, kVersion, "fingerprint", Entry<Access::kChange, pavane::CmsFingerprintMethod>},
@@ -53,6 +59,8 @@ const KORV::APITableRow kTable[] = {
     {kLog, kVersion, "set_level", Entry<Access::kChange, pavane::SetLogLevelMethod>},
     {kService, kVersion, "list_links", Entry<Access::kUse, pavane::ListServiceLinksMethod>},
     {kService, kVersion, "list_backup", Entry<Access::kUse, pavane::ListBackupFoldersMethod>},
+    {kService, kVersion, "list_notices", Entry<Access::kUse, pavane::ListServiceNoticesMethod>},
+    {kService, kVersion, "take_notice", Entry<Access::kChange, pavane::TakeServiceNoticeMethod>},
     {nullptr, 0, nullptr, nullptr},
 };
 

@@ -7,8 +7,14 @@
 // The methods of the application's own web APIs; docs/ref/api.md describes their parameters and answers.
 namespace pavane {
 
+Json::Value ListArchiveTasksMethod(const KORV::APIRequest& request);
+Json::Value SetArchiveTaskMethod(const KORV::APIRequest& request);
+Json::Value RemoveArchiveTaskMethod(const KORV::APIRequest& request);
+
 Json::Value ImportCamerasMethod(const KORV::APIRequest& request);
 Json::Value ListCamerasMethod(const KORV::APIRequest& request);
+Json::Value StartMigrationMethod(const KORV::APIRequest& request);
+Json::Value StopMigrationMethod(const KORV::APIRequest& request);
 
 Json::Value CmsStatusMethod(const KORV::APIRequest& request);
 Json::Value CmsSetRoleMethod(const KORV::APIRequest& request);
@@ -34,5 +40,7 @@ Json::Value SetLogLevelMethod(const KORV::APIRequest& request);
 
 Json::Value ListServiceLinksMethod(const KORV::APIRequest& request);
 Json::Value ListBackupFoldersMethod(const KORV::APIRequest& request);
+Json::Value ListServiceNoticesMethod(const KORV::APIRequest& request);
+Json::Value TakeServiceNoticeMethod(const KORV::APIRequest& request);
 
 }  // namespace pavane

@@ -40,6 +40,8 @@ public:
     int LoadByPath(const std::string& path, int ownerRvId);
     // Inserts the record (id 0) or updates it. 0 on success; an insert sets the id. Another record that
     // already holds the pair (owner, path) is a failure and changes nothing.
+    // A new name or path is taken over by all else in the store that names the folder, and by its service
+    // links.
     int Save();
 
     // Key in this server's store; 0 before the first Save.
@@ -114,8 +116,9 @@ std::list<RecShare> LoadRecShareFromDB(int rvId);
 // Deletes the records with these ids, all or none; an id without a record is no failure. 0 on success.
 int DelRecShareById(const std::list<int>& ids);
 
-// Implemented in pavane/recorder/share_status.cpp. Whether the recording share is in order: 0 = its folder is there, mounted if it is remote, unlocked and
-// writable by the recorder; non-zero otherwise, also when there is no such share.
+// Implemented in pavane/recorder/share_status.cpp. Whether the recording share is in order: 0 = its folder is
+// there, mounted if it is remote, unlocked and writable by the recorder; non-zero otherwise, also when there
+// is no such share.
 int CheckRecShareStatus(int id);
 
 // The paths of the recording shares that the server `rvId` owns. Empty on failure.

@@ -5,6 +5,7 @@
 #include <json/json.h>
 
 #include "platform/korv/api_runner.h"
+#include "platform/pavane/archive.h"
 #include "platform/pavane/events.h"
 #include "platform/pavane/log.h"
 #include "platform/pavane/services.h"
@@ -45,10 +46,13 @@ TEST_F(Api, WhoHasNoPrivilegeIsRefused) {
     const struct {
         const char* api;
         const char* method;
-    } methods[] = {{"KORV.Pavane.Camera", "import"},      {"KORV.Pavane.Camera", "list"},
-                   {"KORV.Pavane.Event", "list"},         {"KORV.Pavane.Log", "get_level"},
-                   {"KORV.Pavane.Log", "set_level"},      {"KORV.Pavane.Service", "list_links"},
-                   {"KORV.Pavane.Service", "list_backup"}};
+    } methods[] = {{"KORV.Pavane.Camera", "import"},        {"KORV.Pavane.Camera", "list"},
+                   {"KORV.Pavane.Event", "list"},           {"KORV.Pavane.Log", "get_level"},
+                   {"KORV.Pavane.Log", "set_level"},        {"KORV.Pavane.Service", "list_links"},
+                   {"KORV.Pavane.Service", "list_backup"},  {"KORV.Pavane.Service", "list_notices"},
+                   {"KORV.Pavane.Service", "take_notice"},  {"KORV.Pavane.Archive", "list"},
+                   {"KORV.Pavane.Archive", "set"},          {"KORV.Pavane.Archive", "remove"},
+                   {"KORV.Pavane.Camera", "migrate_start"}, {"KORV.Pavane.Camera", "migrate_stop"}};
     for (const auto& each : methods) {
         const Json::Value answer = Call(each.api, each.method, Json::Value(), "nobody");
         EXPECT_FALSE(answer["success"].asBool()) << each.api << each.method;
@@ -173,3 +177,78 @@ TEST_F(Api, LinksAndBackupFoldersAreListed) {
 }
 
 TEST_F(Api, TheModuleReportsItsHealth) { EXPECT_EQ(korv::FailedHealthCheck(), ""); }
+
+TEST_F(Api, ArchiveTasksAreSetListedAndRemoved) {
+    Json::Value task;
+    task["name"] = "nightly";
+    task["storagePath"] = "/volume1/rec";
+    const Json::Value added = Call("KORV.Pavane.Archive", "set", task);
+    ASSERT_TRUE(added["success"].asBool()) << added.toStyledString();
+    const Json::Value listed = Call("KORV.Pavane.Archive", "list", Json::Value())["data"];
+    EXPECT_EQ(listed["total"].asInt(), 1);
+    EXPECT_EQ(listed["tasks"][0]["id"], added["data"]["id"]);
+    EXPECT_EQ(listed["tasks"][0]["name"].asString(), "nightly");
+    EXPECT_EQ(listed["tasks"][0]["server"].asString(), "");
+    EXPECT_EQ(listed["tasks"][0]["type"].asInt(), 1);
+    EXPECT_EQ(listed["tasks"][0]["storagePath"].asString(), "/volume1/rec");
+    EXPECT_TRUE(Call("KORV.Pavane.Archive", "remove", listed["tasks"][0])["success"].asBool());
+    const Json::Value again = Call("KORV.Pavane.Archive", "remove", listed["tasks"][0]);
+    EXPECT_EQ(again["error"]["code"].asInt(), 401);
+    EXPECT_EQ(again["error"]["errors"]["param1"].asString(), "id");
+    const char* const bad[] = {R"({"storagePath":"/volume1/rec"})",
+                               R"({"name":"a"})",
+                               R"({"name":"a","storagePath":"rec"})",
+                               R"({"name":"a","storagePath":"/rec/"})",
+                               R"({"name":"a","storagePath":"/rec","type":0})",
+                               R"({"name":"a\u0000","storagePath":"/rec"})"};
+    for (const char* text : bad) {
+        Json::Value params;
+        Json::Reader().parse(text, params);
+        EXPECT_EQ(Call("KORV.Pavane.Archive", "set", params)["error"]["code"].asInt(), 401) << text;
+    }
+    EXPECT_EQ(Call("KORV.Pavane.Archive", "list", Json::Value())["data"]["total"].asInt(), 0);
+}
+
+TEST_F(Api, ACameraThatMigratesIsListedSo) {
+    Import(R"([{"name":"door","recordingPath":"/volume1/rec/door"},{"name":"yard","ownerRvId":2}])");
+    const auto cameras = [] { return Call("KORV.Pavane.Camera", "list", Json::Value())["data"]["cameras"]; };
+    Json::Value params;
+    params["id"] = cameras()[0]["id"];
+    Json::Value started = Call("KORV.Pavane.Camera", "migrate_start", params);
+    ASSERT_TRUE(started["success"].asBool()) << started.toStyledString();
+    EXPECT_EQ(started["data"]["sourceDir"].asString(), "/volume1/rec/door");
+    EXPECT_EQ(cameras()[0]["migratingFrom"].asString(), "/volume1/rec/door");
+    EXPECT_EQ(cameras()[1]["migratingFrom"].asString(), "");
+    params["sourceDir"] = "/volume2/old/door";
+    EXPECT_TRUE(Call("KORV.Pavane.Camera", "migrate_start", params)["success"].asBool());
+    EXPECT_EQ(cameras()[0]["migratingFrom"].asString(), "/volume2/old/door");
+    for (const char* source : {"relative", "", "/a/../b", "/it's"}) {
+        params["sourceDir"] = source;
+        EXPECT_EQ(Call("KORV.Pavane.Camera", "migrate_start", params)["error"]["code"].asInt(), 401)
+            << source;
+    }
+    EXPECT_TRUE(Call("KORV.Pavane.Camera", "migrate_stop", params)["data"]["wasMigrating"].asBool());
+    EXPECT_FALSE(Call("KORV.Pavane.Camera", "migrate_stop", params)["data"]["wasMigrating"].asBool());
+    EXPECT_EQ(cameras()[0]["migratingFrom"].asString(), "");
+    params = Json::Value();
+    params["id"] = cameras()[1]["id"];
+    EXPECT_EQ(Call("KORV.Pavane.Camera", "migrate_start", params)["error"]["code"].asInt(), 401);
+    params["id"] = 999999;
+    EXPECT_EQ(Call("KORV.Pavane.Camera", "migrate_start", params)["error"]["code"].asInt(), 401);
+}
+
+TEST_F(Api, NoticesAreListedAndTaken) {
+    TimeLapseApi::NotifyShareUpdate(SHARE_OPERATION_REC_SHARE_REMOVED, "/volume1/rec", "", false);
+    const Json::Value page = Call("KORV.Pavane.Service", "list_notices", Json::Value())["data"];
+    ASSERT_EQ(page["total"].asInt(), 1);
+    const Json::Value notice = page["notices"][0];
+    EXPECT_EQ(notice["service"].asString(), "timelapse");
+    EXPECT_EQ(notice["operation"].asInt(), 6);
+    EXPECT_EQ(notice["path"].asString(), "/volume1/rec");
+    EXPECT_EQ(notice["newPath"].asString(), "");
+    EXPECT_FALSE(notice["afterwards"].asBool());
+    EXPECT_GT(notice["time"].asInt64(), 1600000000);
+    EXPECT_TRUE(Call("KORV.Pavane.Service", "take_notice", notice)["success"].asBool());
+    EXPECT_EQ(Call("KORV.Pavane.Service", "take_notice", notice)["error"]["code"].asInt(), 401);
+    EXPECT_EQ(Call("KORV.Pavane.Service", "list_notices", Json::Value())["data"]["total"].asInt(), 0);
+}

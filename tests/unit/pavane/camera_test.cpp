@@ -188,6 +188,18 @@ TEST_F(ManyCameras, TheSearchForCamerasOfAFolderUsesTheIndex) {
     EXPECT_EQ(CountUsing(3, "/volume1/rec55"), 2);
 }
 
+TEST_F(ManyCameras, TheListOfLocalCamerasIsReadFromAnIndexAlone) {
+    const std::string plan =
+        PlanOf("select id, recording_path from camera where owner_rv_id = 0 order by id");
+    EXPECT_NE(plan.find(IsSqlite() ? "USING COVERING INDEX camera_by_owner (owner_rv_id=?)"
+                                   : "Index Only Scan using camera_by_owner"),
+              std::string::npos)
+        << plan;
+    EXPECT_EQ(plan.find("TEMP B-TREE"), std::string::npos) << plan;
+    EXPECT_EQ(plan.find("Sort"), std::string::npos) << plan;
+    EXPECT_EQ(GetCamLocalList(false, "", "", false, false).size(), kCameras / 10U);
+}
+
 TEST_F(ManyCameras, TheListOfOneServersCamerasIsReadFromAnIndexAlone) {
     const std::string plan =
         PlanOf("select id, owner_rv_id, recording_path from camera where owner_rv_id = 3 order by id");

@@ -64,9 +64,9 @@ pavane::DatabaseAddress TestNode::FreshDatabase() {
 }
 
 StoreTest::StoreTest() {
-    for (const char* table :
-         {"service_link", "recording_share", "camera", "shared_folder_storage", "rec_server", "cms_host",
-          "pair_stamp", "event", "backup_folder", "setting", "application"}) {
+    for (const char* table : {"service_link", "recording_share", "camera", "shared_folder_storage",
+                              "rec_server", "cms_host", "pair_stamp", "event", "backup_folder", "setting",
+                              "application", "archive_task", "service_notice"}) {
         Session() << "delete from " << table;
     }
 }

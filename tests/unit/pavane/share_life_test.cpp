@@ -1,0 +1,189 @@
+// What the application's store does when recording shares are renamed and deleted.
+
+#include <filesystem>
+#include <list>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "platform/pavane/rec_share.h"
+#include "platform/pavane/services.h"
+#include "platform/pavane/shared_folder_storage.h"
+
+#include "pavane/recorder/archive_store.h"
+#include "pavane/recorder/backup_folders.h"
+#include "pavane/recorder/camera_store.h"
+#include "pavane/recorder/service_links.h"
+#include "pavane/store/settings_table.h"
+#include "tests/unit/pavane/test_node.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class ShareLife : public StoreTest {
+protected:
+    ShareLife() { fs::remove_all(Links()); }
+
+    static std::string Links() { return TestNode::Instance().StateDir() + "/links"; }
+
+    static RecShare Saved(const std::string& name, int owner = 0) {
+        RecShare share;
+        share.SetName(name);
+        share.SetPath("/volume1/" + name);
+        share.SetVolume("volume1");
+        share.SetOwnerRvId(owner);
+        EXPECT_EQ(share.Save(), 0);
+        return share;
+    }
+
+    static int Rename(RecShare share, const std::string& name) {
+        share.SetName(name);
+        share.SetPath("/volume1/" + name);
+        return share.Save();
+    }
+
+    static std::list<std::string> CameraPaths() {
+        std::list<std::string> paths;
+        for (const pavane::CameraRecord& camera : pavane::ListCameras(0, 100).cameras) {
+            paths.push_back(camera.recordingPath);
+        }
+        return paths;
+    }
+
+    int Count(const std::string& table) {
+        int count = -1;
+        Session() << "select count(*) from " << table, soci::into(count);
+        return count;
+    }
+};
+
+}  // namespace
+
+TEST_F(ShareLife, ARenameTakesTheCamerasOfItsOwnerAlong) {
+    const RecShare share = Saved(
+        "r\xC3\xA4"
+        "c");
+    Saved(
+        "r\xC3\xA4"
+        "c",
+        2);
+    std::vector<pavane::CameraRecord> cameras{{0, 0, "a",
+                                               "/volume1/r\xC3\xA4"
+                                               "c/a/b",
+                                               0},
+                                              {0, 0, "b",
+                                               "/volume1/r\xC3\xA4"
+                                               "c2/b",
+                                               0},
+                                              {0, 2, "c",
+                                               "/volume1/r\xC3\xA4"
+                                               "c/c",
+                                               0},
+                                              {0, 0, "d", "", 0},
+                                              {0, 0, "e",
+                                               "/volume1/R\xC3\xA4"
+                                               "c/e",
+                                               0}};
+    pavane::ImportCameras(cameras);
+    ASSERT_EQ(Rename(share, "it's %_"), 0);
+    EXPECT_EQ(CameraPaths(), (std::list<std::string>{"/volume1/it's %_/a/b",
+                                                     "/volume1/r\xC3\xA4"
+                                                     "c2/b",
+                                                     "/volume1/r\xC3\xA4"
+                                                     "c/c",
+                                                     "",
+                                                     "/volume1/R\xC3\xA4"
+                                                     "c/e"}));
+    EXPECT_EQ(pavane::ListCamerasOfShare(share.GetId()).size(), 1U);
+}
+
+TEST_F(ShareLife, ARenameTakesAlongWhatElseNamesTheFolder) {
+    const RecShare share = Saved("rec");
+    pavane::SaveArchiveTask({0, "", "whole", 1, "/volume1/rec"});
+    pavane::SaveArchiveTask({0, "", "part", 1, "/volume1/rec/door"});
+    pavane::SaveArchiveTask({0, "", "beside", 1, "/volume1/rec2"});
+    pavane::SaveArchiveTask({0, "elsewhere", "whole", 1, "/volume1/rec"});
+    pavane::SetSetting("snapshot_share", "/volume1/rec");
+    UpdateBackupInfo({"rec", "new", "beside"}, {});
+    Session() << "insert into shared_folder_storage (name, share_id, application_id) values ('rec', 1, 2)";
+    ASSERT_EQ(Rename(share, "new"), 0);
+
+    std::list<std::string> paths;
+    for (const pavane::ArchiveTask& task : pavane::ListArchiveTasks("", 0)) {
+        paths.push_back(task.storagePath);
+    }
+    EXPECT_EQ(paths, (std::list<std::string>{"/volume1/new", "/volume1/new/door", "/volume1/rec2"}));
+    EXPECT_EQ(pavane::ListArchiveTasks("elsewhere", 0).front().storagePath, "/volume1/rec");
+    EXPECT_EQ(GetSnapshotSharePath(false), "/volume1/new");
+    std::list<std::string> folders;
+    for (const pavane::BackupFolder& folder : pavane::ListBackupFolders()) {
+        folders.push_back(folder.name);
+    }
+    EXPECT_EQ(folders, (std::list<std::string>{"beside", "new"}));
+    std::string name;
+    Session() << "select name from shared_folder_storage", soci::into(name);
+    EXPECT_EQ(name, "new");
+}
+
+// Who edits a share has the links updated before the record says its new name.
+TEST_F(ShareLife, ARenameTakesTheServiceLinkAlong) {
+    const RecShare share = Saved("rec");
+    CheckToUpdatePVServiceLink("rec");
+    CheckToUpdatePVServiceLink(std::list<std::string>{"rec", "new"});
+    ASSERT_EQ(Rename(share, "new"), 0);
+    const std::list<pavane::ServiceLink> links = pavane::ListServiceLinks();
+    ASSERT_EQ(links.size(), 1U);
+    EXPECT_EQ(links.front().name, "new");
+    EXPECT_EQ(links.front().path, "/volume1/new");
+    EXPECT_TRUE(links.front().inPlace);
+    EXPECT_FALSE(fs::is_symlink(Links() + "/rec"));
+}
+
+TEST_F(ShareLife, ARenameOntoAnotherSharesFolderChangesNothing) {
+    const RecShare share = Saved("rec");
+    Saved("taken");
+    std::vector<pavane::CameraRecord> cameras{{0, 0, "a", "/volume1/rec/a", 0}};
+    pavane::ImportCameras(cameras);
+    EXPECT_NE(Rename(share, "taken"), 0);
+    EXPECT_EQ(CameraPaths(), std::list<std::string>{"/volume1/rec/a"});
+    RecShare kept;
+    ASSERT_EQ(kept.Load(share.GetId()), 0);
+    EXPECT_EQ(kept.GetName(), "rec");
+}
+
+TEST_F(ShareLife, TenThousandRecordsAreDeletedAtOnceWithTheirLinks) {
+    constexpr int kShares = 10000;
+    Session()
+        << "insert into recording_share (id_on_rec, owner_rv_id, name, path, volume, description, hidden,"
+           " enc_type, fs_type, mount_type, mount_source, mount_status, auto_mount, migrating,"
+           " rec_limit_gb, enable_rec_limit, total_size_mb)"
+           " with recursive n(i) as (select 1 union all select i + 1 from n where i < 10001)"
+           " select 0, 0, 'rec' || i, '/volume1/rec' || i, 'volume1', '', 0, 0, 1, 0, '', 0, 0, 0, 100, 0,"
+           " 0 from n";
+    Session() << "insert into service_link (name, share_id) select name, id from recording_share";
+    int first = 0;
+    Session() << "select min(id) from recording_share", soci::into(first);
+    std::list<int> ids(kShares);
+    std::iota(ids.begin(), ids.end(), first);
+    ids.push_back(-1);
+    ids.push_back(first);
+    EXPECT_EQ(DelRecShareById(ids), 0);
+    EXPECT_EQ(Count("recording_share"), 1);
+    EXPECT_EQ(Count("service_link"), 1);
+    EXPECT_EQ(DelRecShareById({}), 0);
+    EXPECT_EQ(Count("recording_share"), 1);
+}
+
+TEST_F(ShareLife, TheSnapshotShareIsChosenOnceAndForgottenWhenDeleted) {
+    EXPECT_EQ(GetSnapshotSharePath(true), "");
+    Saved("theirs", 2);
+    EXPECT_EQ(GetSnapshotSharePath(true), "");
+    Saved("b");
+    EXPECT_EQ(GetSnapshotSharePath(false), "");
+    EXPECT_EQ(GetSnapshotSharePath(true), "/volume1/b");
+    Saved("a");
+    EXPECT_EQ(GetSnapshotSharePath(true), "/volume1/b");
+    EXPECT_EQ(HandleSnapshotShareDelete(), 0);
+    EXPECT_EQ(GetSnapshotSharePath(false), "");
+}
