@@ -92,10 +92,10 @@ void Run(const std::string& module) {
     soci::session& session = pavane::AppDatabase().Session();
     Fill(session);
     session << "analyze";
-    auto* const backend = dynamic_cast<soci::sqlite3_session_backend*>(session.get_backend());
-    if (backend == nullptr) {
+    if (pavane::AppDatabase().Kind() != pavane::DatabaseKind::kSqlite) {
         throw std::runtime_error("the database is not SQLite");
     }
+    auto* const backend = static_cast<soci::sqlite3_session_backend*>(session.get_backend());
     sqlite_api::sqlite3_trace_v2(backend->conn_, SQLITE_TRACE_STMT, CountStatement, nullptr);
     std::printf("%10s %12s %12s %14s\n", "shares", "statements", "ms", "ms per share");
     for (const int shares : kSizes) {
