@@ -89,7 +89,7 @@ constexpr int kNotStarted = 127;
 
 // In a child that was forked by a process with one thread: becomes the program, with `input` as its standard
 // input. Returns only when that fails.
-void BecomeProgram(const std::string& path, std::vector<std::string> arguments, int input) {
+void BecomeProgram(const std::string& path, std::vector<std::string> arguments, int input, int kept) {
     arguments.insert(arguments.begin(), path);
     std::vector<std::string> environment{"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8"};
     const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -101,6 +101,9 @@ void BecomeProgram(const std::string& path, std::vector<std::string> arguments, 
         return;
     }
     close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+    if (kept >= 0 && fcntl(kept, F_SETFD, 0) != 0) {
+        return;
+    }
     execve(path.c_str(), Pointers(arguments).data(), Pointers(environment).data());
 }
 
@@ -179,7 +182,7 @@ ProgramEnd RunProgram(const std::string& path, const std::vector<std::string>& a
 }
 
 int RunProgramWithInput(const std::string& path, const std::vector<std::string>& arguments,
-                        std::string_view input, std::chrono::milliseconds deadline) {
+                        std::string_view input, std::chrono::milliseconds deadline, int kept) {
     std::array<int, 2> ends{};
     if (input.size() > kLongestInput || pipe2(ends.data(), O_CLOEXEC) != 0) {
         return -1;
@@ -194,7 +197,7 @@ int RunProgramWithInput(const std::string& path, const std::vector<std::string>&
     writing = FileDescriptor();
     const pid_t child = fork();
     if (child == 0) {
-        BecomeProgram(path, arguments, reading.Get());
+        BecomeProgram(path, arguments, reading.Get(), kept);
         _exit(kNotStarted);
     }
     return child > 0 ? WaitUntil(child, Clock::now() + deadline) : -1;
@@ -206,7 +209,8 @@ std::optional<int> RunInChild(const std::function<int()>& work, std::chrono::mil
     if (child == 0) {
         int result = kThrew;
         try {
-            result = BecomeRootForGood() ? work() : kThrew;
+            // A caller that was killed starts over, and late work of this child would undo what it does then.
+            result = BecomeRootForGood() && prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 ? work() : kThrew;
         } catch (...) {
             result = kThrew;
         }

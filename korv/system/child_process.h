@@ -28,13 +28,14 @@ ProgramEnd RunProgram(const std::string& path, const std::vector<std::string>& a
 // behind has ended when it itself has. Returns its exit status; -1 when it could not be started, was killed
 // or missed its deadline.
 //   input  at most kLongestInput bytes; never in arguments, environment or a file
+//   kept   a descriptor that the program and what it leaves behind inherit, beside standard ones; -1 for none
 constexpr std::size_t kLongestInput = 8192;
 int RunProgramWithInput(const std::string& path, const std::vector<std::string>& arguments,
-                        std::string_view input, std::chrono::milliseconds deadline);
+                        std::string_view input, std::chrono::milliseconds deadline, int kept = -1);
 
 // Runs `work`, system calls that may hang, as root in a child of this process. Returns what it returned, 0 to
 // 254; nothing when the child missed its deadline or died. A child that even a signal can't end is left to
-// itself.
+// itself; any other ends with the thread that called.
 std::optional<int> RunInChild(const std::function<int()>& work, std::chrono::milliseconds deadline);
 
 }  // namespace korv

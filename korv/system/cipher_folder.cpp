@@ -11,11 +11,13 @@
 #include <system_error>
 #include <utility>
 
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
 #include "include/run_as_scope.h"
 #include "korv/system/child_process.h"
+#include "korv/system/file_descriptor.h"
 #include "korv/system/mount_table.h"
 
 namespace korv {
@@ -49,11 +51,11 @@ enum ToolExit {
     kToolOpenConf = 23,
 };
 
-CipherEnd RunTool(const std::vector<std::string>& arguments, std::string input) {
+CipherEnd RunTool(const std::vector<std::string>& arguments, std::string input, int kept = -1) {
     if (!CipherFolder::IsPossible()) {
         return CipherEnd::kToolMissing;
     }
-    const int status = RunProgramWithInput(kTool, arguments, input, kToolDeadline);
+    const int status = RunProgramWithInput(kTool, arguments, input, kToolDeadline, kept);
     explicit_bzero(input.data(), input.size());
     switch (status) {
         case kToolDone:
@@ -162,7 +164,7 @@ CipherEnd CipherFolder::Init(const std::string& password) const {
     return end;
 }
 
-CipherEnd CipherFolder::Mount(const std::string& password) const {
+CipherEnd CipherFolder::Mount(const std::string& password, CipherUse use) const {
     const RunAsScope root = IF_RUN_AS;
     if (!IsPassword(password)) {
         return CipherEnd::kBadPassword;
@@ -173,12 +175,37 @@ CipherEnd CipherFolder::Mount(const std::string& password) const {
     if (!fs::exists(m_cipherPath + "/" + kToolsRootName)) {
         return fs::exists(m_cipherPath) ? CipherEnd::kNotCipher : CipherEnd::kNoFolder;
     }
-    const CipherEnd place = LookForEmpty(m_mountPath);
-    if (place != CipherEnd::kDone) {
-        return place;
+    const FileDescriptor files(open(m_cipherPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+    if (!files) {
+        return CipherEnd::kNoFolder;
+    }
+    CipherEnd end = use == CipherUse::kProve ? CipherEnd::kDone : WaitForTurn(files.Get());
+    if (end == CipherEnd::kDone) {
+        end = LookForEmpty(m_mountPath);
+    }
+    if (end != CipherEnd::kDone) {
+        return end;
     }
     return RunTool({"-q", "-nosyslog", "-acl", "-allow_other", "--", m_cipherPath, m_mountPath},
-                   password + "\n");
+                   password + "\n", files.Get());
+}
+
+CipherEnd CipherFolder::WaitForTurn(int files) const {
+    constexpr useconds_t kPause_us = 20'000;
+    const auto deadline = std::chrono::steady_clock::now() + kToolDeadline;
+    while (flock(files, LOCK_EX | LOCK_NB) != 0) {
+        if (IsMounted()) {
+            return CipherEnd::kMounted;
+        }
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            return CipherEnd::kFailed;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return CipherEnd::kTimeout;
+        }
+        usleep(kPause_us);
+    }
+    return IsMounted() ? CipherEnd::kMounted : CipherEnd::kDone;
 }
 
 CipherEnd CipherFolder::Unmount(std::chrono::milliseconds patience, bool isLazy) const {

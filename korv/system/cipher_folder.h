@@ -29,6 +29,12 @@ enum class CipherState {
     kBroken,    // mounted, but what mounted it is gone or hangs; unmounting lazily helps
 };
 
+// What encrypted files are mounted for.
+enum class CipherUse {
+    kServe,
+    kProve,  // to see whether a password opens them, while they may be mounted elsewhere
+};
+
 // A folder of encrypted files and the place where their plain form is mounted, by gocryptfs. The passwords go
 // through a pipe: never into arguments, the environment, a file or a log. Every call becomes root for its own
 // length, blocks at most for its deadline and a little, and never throws.
@@ -51,8 +57,10 @@ public:
     // alone. The password opens it from now on. After a failure nothing of it is left.
     CipherEnd Init(const std::string& password) const;
 
-    // Mounts the plain form at the mount path, an empty folder. All users see it, as its ACLs allow.
-    CipherEnd Mount(const std::string& password) const;
+    // Mounts the plain form at the mount path, an empty folder. All users see it, as its ACLs allow. Only one
+    // process serves a folder's files at a time: what it inherits holds a lock on the folder while it lives.
+    // One that is still starting, by a caller that was killed meanwhile, is waited for, and is then kMounted.
+    CipherEnd Mount(const std::string& password, CipherUse use = CipherUse::kServe) const;
 
     // Unmounts; waits up to `patience` for those who use it. Then kBusy, or, with `isLazy`, detached: out of
     // sight at once, gone when its last user is.
@@ -68,6 +76,8 @@ public:
 
 private:
     bool IsMounted() const;
+    // kDone once the lock on the open cipher folder is had.
+    CipherEnd WaitForTurn(int files) const;
 
     std::string m_cipherPath;
     std::string m_mountPath;

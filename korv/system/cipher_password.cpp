@@ -24,7 +24,7 @@ CipherEnd ProvePassword(const CipherFolder& folder, const std::string& token, co
         return CipherEnd::kFailed;
     }
     const CipherFolder proof(folder.CipherPath(), place);
-    const CipherEnd end = proof.Mount(password);
+    const CipherEnd end = proof.Mount(password, CipherUse::kProve);
     if (end == CipherEnd::kDone) {
         proof.Unmount(kPatience, true);
     }

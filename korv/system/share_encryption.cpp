@@ -207,7 +207,11 @@ void EncryptPlaces::MountView() {
         HideView();
         state = CipherState::kLocked;
     }
-    if (state != CipherState::kUnlocked && m_atView.Mount(m_password) != CipherEnd::kDone) {
+    if (state == CipherState::kUnlocked) {
+        return;
+    }
+    const CipherEnd end = m_atView.Mount(m_password);
+    if (end != CipherEnd::kDone && end != CipherEnd::kMounted) {
         FailLocked();
     }
 }

@@ -9,6 +9,7 @@
 
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include "korv/system/child_process.h"
 #include "tests/unit/korv/private_machine.h"
@@ -165,6 +166,28 @@ TEST_F(Cipher, AProcessThatDiedIsBrokenAndCanBeMountedAnew) {
     EXPECT_EQ(m_folder.State(), CipherState::kBroken);
     EXPECT_EQ(m_folder.Unmount(kPatience, true), CipherEnd::kDone);
     EXPECT_EQ(m_folder.Mount("a secret"), CipherEnd::kDone);
+}
+
+TEST_F(Cipher, IsServedOnceThoughACallerDiedWhileItMounted) {
+    ASSERT_EQ(m_folder.Init("a secret"), CipherEnd::kDone);
+    constexpr useconds_t kStep_us = 10'000;
+    int finished = 0;
+    for (useconds_t patience_us = kStep_us; finished < 3; patience_us += kStep_us) {
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(m_folder.Mount("a secret") == CipherEnd::kDone ? 0 : 1);
+        }
+        usleep(patience_us);
+        kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        finished += WIFEXITED(status) ? 1 : 0;
+        const CipherEnd end = m_folder.Mount("a secret");
+        EXPECT_TRUE(end == CipherEnd::kDone || end == CipherEnd::kMounted) << static_cast<int>(end);
+        EXPECT_EQ(m_folder.State(), CipherState::kUnlocked);
+        EXPECT_EQ(m_folder.Unmount(kPatience, false), CipherEnd::kDone);
+        ASSERT_EQ(m_folder.Unmount(kPatience, false), CipherEnd::kNotMounted) << patience_us;
+    }
 }
 
 TEST_F(Cipher, WorksForAProcessThatIsNotEffectivelyRoot) {
