@@ -187,8 +187,7 @@ MountEnd TryAgain(MountRow& row, long long now_s) {
     }
     row = *current;
     const MountSight sight = LookAtMount(row.mountPoint).sight;
-    MountEnd end =
-        sight == MountSight::kAlive ? Failed(MountFailure::kNone) : MountAnew(row, *place, sight);
+    MountEnd end = sight == MountSight::kAlive ? Failed(MountFailure::kNone) : MountAnew(row, *place, sight);
     NoteAttempt(row, end.failure, now_s);
     SaveMountRow(row);
     return end;

@@ -15,7 +15,7 @@ constexpr std::size_t kLongestName = 255;
 
 // A name of at most 255 bytes; may be empty only where `isOptional`.
 std::string ReadName(const KORV::APIRequest& request, const char* parameter, bool isOptional) {
-    const std::string name = request.GetParam(parameter, "").asString();
+    std::string name = request.GetParam(parameter, "").asString();
     if ((name.empty() && !isOptional) || name.size() > kLongestName || !IsPlainText(name)) {
         throw BadParameter(parameter, "must be at most 255 bytes of UTF-8 without control characters");
     }

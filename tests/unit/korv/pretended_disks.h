@@ -3,8 +3,8 @@
 #include <map>
 #include <string>
 
-// Disks that aren't there, for this process only: the program runs with umockdev's library preloaded, and with
-// a /run of its own, where the device manager would note what it knows.
+// Disks that aren't there, for this process only: the program runs with umockdev's library preloaded, and
+// with a /run of its own, where the device manager would note what it knows.
 class PretendedDisks {
 public:
     PretendedDisks();

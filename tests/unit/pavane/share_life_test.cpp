@@ -61,40 +61,17 @@ protected:
 }  // namespace
 
 TEST_F(ShareLife, ARenameTakesTheCamerasOfItsOwnerAlong) {
-    const RecShare share = Saved(
-        "r\xC3\xA4"
-        "c");
-    Saved(
-        "r\xC3\xA4"
-        "c",
-        2);
-    std::vector<pavane::CameraRecord> cameras{{0, 0, "a",
-                                               "/volume1/r\xC3\xA4"
-                                               "c/a/b",
-                                               0},
-                                              {0, 0, "b",
-                                               "/volume1/r\xC3\xA4"
-                                               "c2/b",
-                                               0},
-                                              {0, 2, "c",
-                                               "/volume1/r\xC3\xA4"
-                                               "c/c",
-                                               0},
+    const RecShare share = Saved("räc");
+    Saved("räc", 2);
+    std::vector<pavane::CameraRecord> cameras{{0, 0, "a", "/volume1/räc/a/b", 0},
+                                              {0, 0, "b", "/volume1/räc2/b", 0},
+                                              {0, 2, "c", "/volume1/räc/c", 0},
                                               {0, 0, "d", "", 0},
-                                              {0, 0, "e",
-                                               "/volume1/R\xC3\xA4"
-                                               "c/e",
-                                               0}};
+                                              {0, 0, "e", "/volume1/Räc/e", 0}};
     pavane::ImportCameras(cameras);
     ASSERT_EQ(Rename(share, "it's %_"), 0);
-    EXPECT_EQ(CameraPaths(), (std::list<std::string>{"/volume1/it's %_/a/b",
-                                                     "/volume1/r\xC3\xA4"
-                                                     "c2/b",
-                                                     "/volume1/r\xC3\xA4"
-                                                     "c/c",
-                                                     "",
-                                                     "/volume1/R\xC3\xA4"
-                                                     "c/e"}));
+    EXPECT_EQ(CameraPaths(), (std::list<std::string>{"/volume1/it's %_/a/b", "/volume1/räc2/b",
+                                                     "/volume1/räc/c", "", "/volume1/Räc/e"}));
     EXPECT_EQ(pavane::ListCamerasOfShare(share.GetId()).size(), 1U);
 }
 
