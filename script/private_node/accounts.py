@@ -1,4 +1,4 @@
-"""The private copies of the account files: the machine's own accounts and, added to them, the demo accounts."""
+"""The node's account files: the machine's own accounts and, added to them, the demo accounts."""
 
 import os
 import secrets
@@ -10,7 +10,6 @@ SERVICE_USER = "Pavane"
 ADMINISTRATORS = "administrators"
 PEOPLE = ("admin", "viewer")  # those with a password
 
-_FILES = ("passwd", "group", "shadow", "gshadow")
 _PASSWORD_LENGTH = 20
 
 # The ids are fixed, since files on the volumes keep them from one start to the next.
@@ -88,9 +87,8 @@ def _refuse_taken_ids(file_name, own, added):
             raise AccountError(f"/etc/{file_name}: '{fields[0]}' has the id {fields[2]}, which the node needs")
 
 
-def write_files(folder, passwords):
-    """Fills `folder` with copies of the account files and of pam.d, made anew from the machine's at each start."""
-    os.makedirs(folder, mode=0o755, exist_ok=True)
+def _write_files(folder, passwords):
+    """Fills `folder` with what the node's /etc has beyond the machine's."""
     for file_name, added in _added_lines(passwords).items():
         own = _machine_lines(file_name, {line.split(":", 1)[0] for line in added})
         if file_name in ("passwd", "group"):
@@ -98,15 +96,35 @@ def write_files(folder, passwords):
         mode = 0o600 if file_name.endswith("shadow") else 0o644
         _write_private(os.path.join(folder, file_name), "\n".join(own + added) + "\n", mode)
     pam = os.path.join(folder, "pam.d")
-    shutil.rmtree(pam, ignore_errors=True)
-    shutil.copytree("/etc/pam.d", pam)
+    os.mkdir(pam)
     # Without `nodelay` a wrong password would block a worker for two seconds.
     _write_private(os.path.join(pam, "korv"),
                    "auth required pam_unix.so nodelay\naccount required pam_unix.so\n", 0o644)
 
 
-def bind_files(folder):
-    """Lays the copies over the machine's files; only for this mount namespace."""
-    for name in (*_FILES, "pam.d"):
-        if os.path.exists(f"/etc/{name}"):
-            subprocess.run(["mount", "--bind", os.path.join(folder, name), f"/etc/{name}"], check=True)
+def _mounts_below_etc():
+    """What is mounted at single files of /etc, as containers do."""
+    with open("/proc/self/mountinfo", encoding="utf-8") as file:
+        return [place for place in (line.split()[4] for line in file) if place.startswith("/etc/")]
+
+
+def lay_over_etc(folder, passwords):
+    """Lays the account files, made anew from the machine's at each start, over /etc; only for this mount namespace.
+
+    An overlay of the folder, since a file that is mounted upon alone gets bare again as soon as anybody on the machine
+    replaces it, say by adding an account. The layer is in memory: copies of shadow don't belong on the disk.
+    """
+    shutil.rmtree(folder, ignore_errors=True)
+    os.makedirs(folder, mode=0o700)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=16m,mode=700", "tmpfs", folder], check=True)
+    for name in ("upper", "work", "machine"):
+        os.mkdir(os.path.join(folder, name), mode=0o755)
+    _write_files(os.path.join(folder, "upper"), passwords)
+    below = _mounts_below_etc()
+    subprocess.run(["mount", "--rbind", "/etc", os.path.join(folder, "machine")], check=True)
+    # Relative names, since the folder's may have a comma or colon in it.
+    subprocess.run(["mount", "-t", "overlay", "-o", "lowerdir=machine,upperdir=upper,workdir=work", "overlay", "/etc"],
+                   cwd=folder, check=True)
+    for place in below:
+        subprocess.run(["mount", "--bind", os.path.join(folder, "machine", os.path.relpath(place, "/etc")), place],
+                       check=True)

@@ -1,5 +1,8 @@
 """Who may do what in a share's folder, tried by processes that have the ids."""
 
+import os
+import shutil
+
 import pytest
 
 VOLUMES = ["/volume1", "/volume2"]
@@ -53,3 +56,11 @@ def test_an_adopted_folder_gets_the_rights_and_keeps_what_it_holds(node, admin):
     assert admin.create("adopted", blAddExistShare=True)["success"]
     assert runs_as(node, "Pavane", "touch", "/volume1/adopted/new")
     assert node.inside("cat", "/volume1/adopted/old") == "old\n"
+
+
+def test_accounts_that_the_machine_gets_meanwhile_take_none_away(node, admin):
+    for name in ("/etc/passwd", "/etc/group"):
+        shutil.copy2(name, f"{name}.copy")
+        os.replace(f"{name}.copy", name)  # as programs that add accounts do
+    assert runs_as(node, "Pavane", "true")
+    assert admin.create("after-accounts")["success"]
