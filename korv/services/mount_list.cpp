@@ -150,6 +150,8 @@ int GetMntPointFSInfo(const std::string& mountPoint, _tag_FSTYPE& fsType, std::u
     }
 }
 
+bool IsMountPoint(const std::string& path) { return korv::IsMounted(path); }
+
 int GetRemoteMountStatus(const std::string& path) {
     try {
         return static_cast<int>(korv::LookAtMount(path).sight);

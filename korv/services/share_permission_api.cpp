@@ -9,6 +9,7 @@
 #include <soci/soci.h>
 
 #include "platform/korv/api_table.h"
+#include "platform/korv/filesystem.h"
 
 #include "korv/framework/builtin_tables.h"
 #include "korv/framework/log.h"
@@ -16,6 +17,7 @@
 #include "korv/services/share_error.h"
 #include "korv/services/share_recovery.h"
 #include "korv/system/accounts.h"
+#include "korv/system/bounded_call.h"
 #include "korv/system/database.h"
 #include "korv/system/share_rights.h"
 #include "korv/system/share_store.h"
@@ -123,6 +125,11 @@ void Set(KORV::APIRequest* request, KORV::APIResponse* response) {
     }
     if (refusal) {
         response->SetError(refusal->code, refusal->data);
+        return;
+    }
+    // The folder is opened with korv.db locked: one that doesn't answer would hold everybody up.
+    if (IsExistDir(share->Path()) && korv::IsSilent(share->Path())) {
+        response->SetError(korv::kShareVolumeUnusable, Json::Value());
         return;
     }
     if (const int failure = Grant(*share, grants); failure != 0) {

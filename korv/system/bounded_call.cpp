@@ -53,7 +53,12 @@ bool IsEnded(pid_t child) {
     return ended == child || (ended < 0 && errno != EINTR);
 }
 
-bool IsSilent(const std::string& key) {
+std::string KeyOf(const std::string& question, const std::string& path) {
+    const auto along = MountsAlong(path);
+    return question + " " + (along.empty() ? path : along.back()->mountPoint);
+}
+
+bool IsUnanswered(const std::string& key) {
     auto& silences = ProcessSilences();
     const auto found = silences.find(key);
     if (found == silences.end()) {
@@ -119,12 +124,13 @@ bool IsPathPrompt(const std::string& path) {
     });
 }
 
+bool IsSilent(const std::string& path) { return IsUnanswered(KeyOf(kIsItThere, path)); }
+
 bool CallInChild(const std::string& question, const std::string& path, const std::function<bool(void*)>& work,
                  void* answer, std::size_t size) {
-    const auto along = MountsAlong(path);
-    const std::string key = question + " " + (along.empty() ? path : along.back()->mountPoint);
+    const std::string key = KeyOf(question, path);
     std::array<int, 2> ends{};
-    if (IsSilent(key) || pipe2(ends.data(), O_CLOEXEC) != 0) {
+    if (IsUnanswered(key) || IsSilent(path) || pipe2(ends.data(), O_CLOEXEC) != 0) {
         return false;
     }
     const FileDescriptor reading(ends[0]);

@@ -14,15 +14,23 @@ namespace korv {
 inline constexpr std::chrono::seconds kAnswerDeadline(3);
 inline constexpr std::chrono::seconds kSilencePause(30);
 
+// The question whether something is there: a file system that leaves it unanswered answers no other either.
+inline constexpr const char* kIsItThere = "stat";
+
 // True when every file system along `path` answers from this machine's own disks or memory.
 bool IsPathPrompt(const std::string& path);
 
 // Runs `work` in a child with this process's ids; false when it had no answer of `size` bytes within the
 // deadline. A question that missed it isn't put again to that mount for kSilencePause, nor while the child
-// hangs on; other questions are. Needs that nobody else waits for this process's children.
+// hangs on; other questions are, unless it was kIsItThere. Needs that nobody else waits for this process's
+// children.
 //   question  what is asked, so that one that hangs doesn't keep others from being asked
 bool CallInChild(const std::string& question, const std::string& path, const std::function<bool(void*)>& work,
                  void* answer, std::size_t size);
+
+// True while the mount that `path` lies on isn't asked because kIsItThere missed the deadline. All that is
+// known of it then is what the kernel's list of mounts says.
+bool IsSilent(const std::string& path);
 
 // What `work` gives; nothing when it gives nothing, or not in time. It runs in this process where the path is
 // prompt, else in a child, and must not depend on the difference.

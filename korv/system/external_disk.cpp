@@ -6,8 +6,12 @@
 #include <array>
 #include <cctype>
 #include <cstdlib>
+#include <optional>
 #include <stdexcept>
 
+#include <sys/vfs.h>
+
+#include "korv/system/bounded_call.h"
 #include "korv/system/device_manager.h"
 #include "korv/system/file_system_probe.h"
 #include "korv/system/mount_table.h"
@@ -90,6 +94,15 @@ std::string MountPathOf(const std::string& device) {
     return "";
 }
 
+// Whoever lists disks asks what is mounted for its size without a deadline of their own.
+bool IsAnswering(const std::string& path) {
+    const auto ask = [&path] {
+        struct statfs64 size {};
+        return std::optional(statfs64(path.c_str(), &size) == 0);
+    };
+    return CallBounded("statfs", path, ask).has_value();
+}
+
 bool IsHidden(const FileSystemFacts& facts) {
     const bool isHiddenType = std::any_of(
         kHiddenPartitionTypes.begin(), kHiddenPartitionTypes.end(),
@@ -122,9 +135,9 @@ ExternalPartition ReadPartition(udev_device& device, int number) {
     partition.fsType = facts.type;
     partition.label = facts.label;
     partition.mountPath = MountPathOf(partition.device);
-    if (!partition.mountPath.empty()) {
+    if (!partition.mountPath.empty() && IsAnswering(partition.mountPath)) {
         partition.state = PartitionState::kReady;
-    } else if (IsHidden(facts)) {
+    } else if (!partition.mountPath.empty() || IsHidden(facts)) {
         partition.state = PartitionState::kHidden;
     }
     return partition;

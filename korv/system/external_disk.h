@@ -15,7 +15,8 @@ enum class ExternalDiskKind : int {
 enum class PartitionState : int {
     kReady = 0,     // mounted
     kUnusable = 1,  // no file system that is known, or not mounted
-    kHidden = 2,    // not meant for files: swap, a boot partition, a member of something else
+    // Not meant for files (swap, a boot partition, a member of something else), or mounted but silent.
+    kHidden = 2,
 };
 
 struct ExternalPartition {

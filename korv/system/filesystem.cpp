@@ -13,7 +13,7 @@ std::optional<mode_t> ModeOf(const std::string& path) {
     if (path.find('\0') != std::string::npos) {
         return std::nullopt;
     }
-    return korv::CallBounded("stat", path, [&path] {
+    return korv::CallBounded(korv::kIsItThere, path, [&path] {
         struct stat status {};
         return stat(path.c_str(), &status) == 0 ? std::optional(status.st_mode) : std::nullopt;
     });
@@ -23,7 +23,7 @@ std::optional<mode_t> ModeOf(const std::string& path) {
 
 bool IsExistDir(const std::string& path) {
     const auto mode = ModeOf(path);
-    return mode && S_ISDIR(*mode);
+    return mode ? S_ISDIR(*mode) : korv::IsSilent(path);
 }
 
 bool IsFileExist(const std::string& path) {

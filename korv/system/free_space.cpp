@@ -9,6 +9,7 @@
 #include <limits>
 #include <system_error>
 
+#include <linux/magic.h>
 #include <linux/quota.h>
 #include <sys/statfs.h>
 #include <sys/syscall.h>
@@ -27,11 +28,7 @@ namespace {
 constexpr std::uint64_t kBytesPerMB = std::uint64_t{1} << 20;
 constexpr std::int32_t kUnknown = -1;
 
-std::optional<std::uint64_t> FreeBytesOn(int folder) {
-    struct statfs facts {};
-    if (fstatfs(folder, &facts) != 0) {
-        return std::nullopt;
-    }
+std::uint64_t FreeBytes(const struct statfs& facts) {
     return facts.f_bavail * static_cast<std::uint64_t>(facts.f_frsize);
 }
 
@@ -73,23 +70,44 @@ int KORVQuotaGet(const char* user, const char* volume, KORVQUOTA* quota) {
     return 0;
 }
 
+namespace {
+
+struct BtrfsAnswer {
+    std::int32_t free_mb;
+    int error;  // an errno where it can't be told
+};
+
+// An unlocked share is another file system on top, which passes on what is free but has no limit of its own.
+BtrfsAnswer ReadBtrfsFree(const std::string& path) {
+    const korv::FileDescriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct statfs facts {};
+    if (!folder || fstatfs(folder.Get(), &facts) != 0) {
+        return {kUnknown, errno};
+    }
+    std::uint64_t freeBytes = FreeBytes(facts);
+    try {
+        if (facts.f_type == BTRFS_SUPER_MAGIC) {
+            freeBytes = std::min(freeBytes, korv::BtrfsLimitRest(folder.Get()).value_or(freeBytes));
+        }
+    } catch (const std::system_error& failure) {
+        return {kUnknown, failure.code().value()};
+    }
+    constexpr std::uint64_t kLargest = std::numeric_limits<std::int32_t>::max();
+    return {static_cast<std::int32_t>(std::min(freeBytes / kBytesPerMB, kLargest)), 0};
+}
+
+}  // namespace
+
 // Btrfs limits subvolumes, not users: every user has the same answer.
 std::int32_t SDKFuncData::GetBtrfsFreeMB(const std::string& path, uid_t /*uid*/) {
     const RunAsScope root = IF_RUN_AS;
     if (!root) {
         return kUnknown;
     }
-    const korv::FileDescriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    const auto freeBytes = folder ? FreeBytesOn(folder.Get()) : std::nullopt;
-    if (!freeBytes) {
-        return kUnknown;
+    const auto answer = korv::CallBounded("size", path, [&] { return std::optional(ReadBtrfsFree(path)); });
+    if (!answer || answer->error != 0) {
+        korv::LogLine("the free space of " + path + " can't be told: " +
+                      (answer ? std::generic_category().message(answer->error) : "it doesn't answer"));
     }
-    try {
-        const std::uint64_t rest = korv::BtrfsLimitRest(folder.Get()).value_or(*freeBytes);
-        constexpr std::uint64_t kLargest = std::numeric_limits<std::int32_t>::max();
-        return static_cast<std::int32_t>(std::min(std::min(rest, *freeBytes) / kBytesPerMB, kLargest));
-    } catch (const std::system_error& failure) {
-        korv::LogLine("the free space of " + path + " can't be told: " + failure.what());
-        return kUnknown;
-    }
+    return answer ? answer->free_mb : 0;
 }

@@ -13,8 +13,10 @@
 
 #include <sys/stat.h>
 
+#include "platform/korv/configuration.h"
 #include "platform/korv/key_value_file.h"
 
+#include "korv/system/accounts.h"
 #include "korv/system/file_descriptor.h"
 
 namespace korv {
@@ -71,6 +73,20 @@ void WriteAll(int file, const std::string& text) {
     }
 }
 
+bool IsInAnybodysFolder(const std::string& path) {
+    const std::string folder = path.substr(0, path.rfind('/') + 1);
+    struct stat status {};
+    return stat(folder.empty() ? "." : folder.c_str(), &status) == 0 && (status.st_mode & S_IWOTH) != 0;
+}
+
+bool IsTrusted(uid_t owner) {
+    if (owner == 0 || owner == geteuid()) {
+        return true;
+    }
+    const auto service = FindUser(KORV::GetConfiguration().serviceUser);
+    return service && service->uid == owner;
+}
+
 }  // namespace
 
 KeyValues ParseKeyValues(const std::string& text) {
@@ -103,9 +119,12 @@ std::string KeyValueText(const KeyValues& values) {
 
 std::optional<KeyValues> ReadKeyValues(const std::string& path) {
     // Anything may lie there: what isn't a file must not block.
-    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    const bool isAnybodys = IsInAnybodysFolder(path);
+    const int noLink = isAnybodys ? O_NOFOLLOW : 0;
+    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | noLink));
     struct stat status {};
-    if (!file || fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (!file || fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        (isAnybodys && !IsTrusted(status.st_uid))) {
         return std::nullopt;
     }
     constexpr std::size_t kBlock = 4096;

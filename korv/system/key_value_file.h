@@ -16,7 +16,9 @@ KeyValues ParseKeyValues(const std::string& text);
 // refused with std::invalid_argument.
 std::string KeyValueText(const KeyValues& values);
 
-// The pairs of the regular file `path`, a megabyte at most; nothing when it can't be read.
+// The pairs of the regular file `path`, a megabyte at most; nothing when it can't be read. In a folder where
+// anybody may make files, as /tmp, only one of root's, this process's or the service user's counts, and no
+// link.
 std::optional<KeyValues> ReadKeyValues(const std::string& path);
 
 // Replaces the file in one step, readable for everybody; throws std::system_error. In a folder that others

@@ -80,6 +80,17 @@ std::optional<FolderAccess> AccessTo(const std::string& path, const Identity& wh
 
 }  // namespace korv
 
+namespace {
+
+constexpr int kAllRights = KORV_SHARE_RIGHT_READ | KORV_SHARE_RIGHT_WRITE;
+
+// Every share admits the administrators, so that theirs are known also while a folder doesn't answer.
+bool IsToldWithoutTheFolder(const korv::UserAccount& account, const std::string& path) {
+    return korv::IsSilent(path) && korv::IsAdministrator(account.name);
+}
+
+}  // namespace
+
 int KLIBShareUserRightGet(const char* user, const KORVSHARE* share) {
     try {
         const auto account = korv::FindUser(user);
@@ -88,7 +99,7 @@ int KLIBShareUserRightGet(const char* user, const KORVSHARE* share) {
         }
         const auto access = korv::AccessTo(share->path, {account->uid, korv::GroupsOf(*account)});
         if (!access) {
-            return -1;
+            return IsToldWithoutTheFolder(*account, share->path) ? kAllRights : -1;
         }
         return (access->canChange ? KORV_SHARE_RIGHT_WRITE : 0) |
                (access->canList ? KORV_SHARE_RIGHT_READ : 0);

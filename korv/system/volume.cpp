@@ -41,7 +41,7 @@ FileSystemType TypeOf(std::uint32_t magic) {
     }
 }
 
-bool IsMountPoint(const std::string& path) {
+bool IsMountRoot(const std::string& path) {
     struct statx status {};
     return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) == 0 &&
            S_ISDIR(status.stx_mode) && (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
@@ -57,8 +57,10 @@ std::optional<struct statfs> ReadFacts(const std::string& path) {
 Volume ProbeVolume(const std::string& path) {
     Volume volume;
     volume.path = path;
-    const auto facts =
-        CallBounded("statfs", path, [&path] { return IsMountPoint(path) ? ReadFacts(path) : std::nullopt; });
+    const auto isThere = CallBounded(kIsItThere, path, [&path] { return std::optional(IsMountRoot(path)); });
+    const auto facts = isThere.value_or(false)
+                           ? CallBounded("statfs", path, [&path] { return ReadFacts(path); })
+                           : std::nullopt;
     if (!facts) {
         return volume;
     }

@@ -1,13 +1,10 @@
 // Whether a recording share can be recorded into.
 
-#include <fcntl.h>
-
 #include <string>
-
-#include <sys/stat.h>
 
 #include "platform/korv/configuration.h"
 #include "platform/korv/filesystem.h"
+#include "platform/korv/mount.h"
 #include "platform/korv/share.h"
 #include "platform/pavane/cms.h"
 #include "platform/pavane/rec_share.h"
@@ -19,12 +16,6 @@ namespace {
 
 constexpr int kInOrder = 0;
 constexpr int kNotInOrder = -1;
-
-bool IsMountRoot(const std::string& path) {
-    struct statx facts {};
-    return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &facts) == 0 &&
-           (facts.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
-}
 
 bool CanRecorderWrite(const RecShare& share) {
     const RunAsScope root = IF_RUN_AS;
@@ -39,7 +30,7 @@ bool CanRecorderWrite(const RecShare& share) {
 
 bool IsFolderInOrder(const RecShare& share) {
     const bool isRemote = share.GetMountType() != SHARE_MOUNT_LOCAL;
-    return IsExistDir(share.GetPath()) && (!isRemote || IsMountRoot(share.GetPath())) &&
+    return IsExistDir(share.GetPath()) && (!isRemote || IsMountPoint(share.GetPath())) &&
            CanRecorderWrite(share);
 }
 

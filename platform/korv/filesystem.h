@@ -5,7 +5,8 @@
 // Paths and folders of this machine. Implemented in korv/system/filesystem.cpp.
 
 // True when `path` is an existing directory, a symbolic link to one included. False also when it can't be
-// read.
+// read; true also when the file system mounted there doesn't answer within the platform's deadline, since
+// nothing says then that the directory has gone.
 bool IsExistDir(const std::string& path);
 
 // True when `path` exists and is no directory. False also when it can't be read.

@@ -4,8 +4,8 @@
 
 // Text files of lines `key=value`, `key="value"` or `key='value'`. Blanks around keys and values don't count,
 // a line that begins with # is a comment; of a key that stands there twice the last one counts. Between
-// double quotes \" and \\ stand for the character behind the backslash. Implemented in
-// korv/system/key_value_file.cpp.
+// double quotes \" and \\ stand for the character behind the backslash. In a folder where anybody may make
+// files only one of root's or the service user's is read. Implemented in korv/system/key_value_file.cpp.
 
 // Copies the value of `key` in the file `path` to `value`, NUL-terminated; unchanged after a failure.
 //   size   bytes at `value`; a value that doesn't fit is a failure

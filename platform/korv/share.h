@@ -29,7 +29,8 @@ int KORVShareGet(const char* name, KORVSHARE** share);
 void KORVShareFree(KORVSHARE* share);
 
 // The rights of `user` on a shared folder as the kernel would judge them (KORV_SHARE_RIGHT bits, 0 = none),
-// -1 on failure. Needs root.
+// -1 on failure. Needs root. A folder that doesn't answer within the platform's deadline is open to
+// administrators, whom every share admits, and a failure for others.
 int KLIBShareUserRightGet(const char* user, const KORVSHARE* share);
 
 // The system's list of shared folders: an array of objects with "name", "vol_path" and "enable_share_cow".

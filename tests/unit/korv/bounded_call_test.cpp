@@ -89,12 +89,32 @@ TEST_F(BoundedCallTest, AnsweringNothingIsAFailureWithinTheDeadlineAndThenAtOnce
     const std::string path = MakeMountPoint("dead");
     const SilentFileSystem dead(path, SilentFileSystem::Silence::kEverything);
     bool isThere = true;
-    const milliseconds first = TimeOf([&] { isThere = IsExistDir(path); });
+    const milliseconds first = TimeOf([&] { isThere = IsFileExist(path); });
     EXPECT_FALSE(isThere);
     EXPECT_GE(first, korv::kAnswerDeadline);
     EXPECT_LT(first, korv::kAnswerDeadline + kSlack);
-    EXPECT_LT(TimeOf([&] { isThere = IsExistDir(path); }), kAtOnce);
+    EXPECT_TRUE(korv::IsSilent(path));
+    EXPECT_FALSE(korv::IsSilent(machine::Volume()));
+    EXPECT_LT(TimeOf([&] { isThere = IsFileExist(path); }), kAtOnce);
     EXPECT_FALSE(isThere);
+}
+
+TEST_F(BoundedCallTest, WhatDoesNotSayWhetherItIsThereIsAskedNothingElse) {
+    const std::string path = MakeMountPoint("dead");
+    const SilentFileSystem dead(path, SilentFileSystem::Silence::kEverything);
+    const KORVSHARE share{"dead", path.c_str()};
+    KORVVOLUME volume{};
+    // Nothing says that the folder has gone, and administrators may use every share.
+    EXPECT_TRUE(IsExistDir(path + "/below"));
+    EXPECT_LT(TimeOf([&] {
+                  EXPECT_TRUE(IsExistDir(path));
+                  EXPECT_EQ(KORVMountVolInfoGet(path.c_str(), &volume), -1);
+                  EXPECT_EQ(SDKFuncData::GetBtrfsFreeMB(path, 0), 0);
+                  EXPECT_EQ(KLIBShareUserRightGet("alice", &share), -1);
+                  EXPECT_EQ(KLIBShareUserRightGet("boss", &share),
+                            KORV_SHARE_RIGHT_READ | KORV_SHARE_RIGHT_WRITE);
+              }),
+              kAtOnce);
 }
 
 TEST_F(BoundedCallTest, AVolumeWithoutASizeStillHasItsFolderAndRights) {

@@ -1,5 +1,7 @@
 #include "korv/system/key_value_file.h"
 
+#include <unistd.h>
+
 #include <array>
 #include <filesystem>
 #include <fstream>
@@ -8,8 +10,10 @@
 
 #include <sys/stat.h>
 
+#include "platform/korv/configuration.h"
 #include "platform/korv/key_value_file.h"
 
+#include "korv/system/accounts.h"
 #include "tests/unit/korv/private_machine.h"
 
 namespace {
@@ -93,6 +97,32 @@ TEST_F(KeyValueFileTest, RefusesWhatWouldReadAsSomethingElse) {
     EXPECT_THROW(korv::KeyValueText({{"a b", "c"}}), std::invalid_argument);
     EXPECT_THROW(korv::KeyValueText({{"#a", "c"}}), std::invalid_argument);
     EXPECT_THROW(korv::KeyValueText({{"", "c"}}), std::invalid_argument);
+}
+
+TEST_F(KeyValueFileTest, WhereAnybodyMayMakeFilesOnlyTrustedOnesCount) {
+    constexpr uid_t kSomebody = 54321;
+    const auto service = korv::FindUser(KORV::GetConfiguration().serviceUser);
+    ASSERT_TRUE(service);
+    ASSERT_EQ(chmod(machine::Volume().c_str(), 01777), 0);
+    Write("key=value\n");
+    EXPECT_EQ(Get("key"), "5:value");
+    ASSERT_EQ(chown(Path().c_str(), service->uid, 0), 0);
+    EXPECT_EQ(Get("key"), "5:value");
+    ASSERT_EQ(chown(Path().c_str(), kSomebody, 0), 0);
+    EXPECT_EQ(Get("key"), "-1:unchanged");
+    EXPECT_FALSE(Has("key", "value"));
+    ASSERT_EQ(chmod(machine::Volume().c_str(), 0755), 0);
+    EXPECT_EQ(Get("key"), "5:value");
+}
+
+TEST_F(KeyValueFileTest, ALinkCountsOnlyWhereNotAnybodyCanMakeIt) {
+    const std::string target = machine::Volume() + "/target";
+    std::ofstream(target) << "key=value\n";
+    std::filesystem::create_symlink(target, Path());
+    EXPECT_EQ(Get("key"), "5:value");
+    ASSERT_EQ(chmod(machine::Volume().c_str(), 01777), 0);
+    EXPECT_EQ(Get("key"), "-1:unchanged");
+    ASSERT_EQ(chmod(machine::Volume().c_str(), 0755), 0);
 }
 
 TEST_F(KeyValueFileTest, ReplacesALinkInsteadOfFollowingIt) {
