@@ -45,6 +45,17 @@ bool HasMapped(const fs::path& process, const std::string& prefix) {
     return false;
 }
 
+// A process in a mount namespace of its own may have something else at this place: another volume of the same
+// name in a container. A process that can't be asked any more has nothing open.
+bool HasFolder(const fs::path& process, const std::string& path) {
+    std::error_code error;
+    const fs::path itsNamespace = fs::read_symlink(process / "ns/mnt", error);
+    if (!error && itsNamespace == fs::read_symlink("/proc/self/ns/mnt", error) && !error) {
+        return true;
+    }
+    return fs::equivalent(process.string() + "/root" + path, path, error) && !error;
+}
+
 bool IsProcess(const std::string& name) {
     return std::all_of(name.begin(), name.end(),
                        [](char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; });
@@ -59,7 +70,8 @@ bool IsFileOpenBeneath(const std::string& path) {
     std::error_code error;
     for (fs::directory_iterator each("/proc", error), end; !error && each != end; each.increment(error)) {
         if (IsProcess(each->path().filename().string()) &&
-            (HasOpen(each->path(), prefix) || HasMapped(each->path(), prefix))) {
+            (HasOpen(each->path(), prefix) || HasMapped(each->path(), prefix)) &&
+            HasFolder(each->path(), path)) {
             return true;
         }
     }

@@ -2,6 +2,7 @@
 add_executable(korv_life_test
     encrypted_share_test.cpp
     move_job_test.cpp
+    open_files_test.cpp
     private_machine.cpp
     share_life.cpp
     share_removal_test.cpp
