@@ -124,7 +124,9 @@ bool IsPathPrompt(const std::string& path) {
     });
 }
 
-bool IsSilent(const std::string& path) { return IsUnanswered(KeyOf(kIsItThere, path)); }
+bool IsSilent(const std::string& path) {
+    return !IsPathPrompt(path) && IsUnanswered(KeyOf(kIsItThere, path));
+}
 
 bool CallInChild(const std::string& question, const std::string& path, const std::function<bool(void*)>& work,
                  void* answer, std::size_t size) {

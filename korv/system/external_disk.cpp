@@ -96,6 +96,9 @@ std::string MountPathOf(const std::string& device) {
 
 // Whoever lists disks asks what is mounted for its size without a deadline of their own.
 bool IsAnswering(const std::string& path) {
+    if (IsPathPrompt(path)) {
+        return true;
+    }
     const auto ask = [&path] {
         struct statfs64 size {};
         return std::optional(statfs64(path.c_str(), &size) == 0);

@@ -1,326 +1,161 @@
-"""What can become a share and what uses one, as a user sees it."""
+"""What can become a recording share, as each account sees it, and how much room there is."""
 
+import contextlib
 import json
-import os
-import sqlite3
-import subprocess
-import sys
-import threading
-import time
 
 import pytest
 
-from node import BUILD, SHARE_API, wait_until
+from candidates import MB, CommandLine, candidates, core_share, permit
+from life import delete, find
+from node import SHARE_API
 
-_MB = 1 << 20
 _VIEWER = "7111"
-_HERE = os.path.dirname(os.path.realpath(__file__))
-
-
-def core_share(client, name, volume):
-    answer = client.call("KORV.Core.Share", "create", name=name, shareinfo={"name": name, "vol_path": volume})
-    assert answer["success"], answer
-    return f"{volume}/{name}"
-
-
-def permit(client, name, user, right):
-    answer = client.call("KORV.Core.Share.Permission", "set", name=name, user_group_type="local_user",
-                         permissions=[{"name": user, "is_writable": right == "write",
-                                       "is_readonly": right == "read"}])
-    assert answer["success"], answer
-
-
-def candidates(client, mask=1, **parameters):
-    answer = client.call(SHARE_API, "List", sharePriv=mask, **parameters)
-    assert answer["success"], answer
-    assert answer["data"]["total"] == len(answer["data"]["sharelist"])
-    return {share["value"]: share for share in answer["data"]["sharelist"]}
-
-
-class CommandLine:
-    """`pavane` in a home of its own, logged in."""
-
-    def __init__(self, node, account, home):
-        self.environment = dict(os.environ, PAVANE_URL=node.url, HOME=str(home), LC_ALL="C.UTF-8", TZ="UTC")
-        self.environment.pop("XDG_CONFIG_HOME", None)
-        passwords = dict(line.split() for line in node.read("accounts.txt").splitlines())
-        self.run("login", account, "--password-stdin", input=passwords[account])
-
-    def run(self, *arguments, status=0, **options):
-        done = subprocess.run([os.path.join(BUILD, "bin/pavane"), *arguments], env=self.environment,
-                              capture_output=True, text=True, timeout=60, check=False, **options)
-        assert done.returncode == status, done.stderr
-        return done.stdout if status == 0 else done.stderr
-
-
-@pytest.fixture(name="folders", scope="module")
-def fixture_folders(shared_node):
-    """Three folders: one that nobody but administrators may use, one that viewer may read, one to write into."""
-    admin = shared_node.client("admin")
-    closed = core_share(admin, "closed", "/volume1")
-    core_share(admin, "readable", "/volume1")
-    writable = core_share(admin, "writable", "/volume2")
-    permit(admin, "readable", "viewer", "read")
-    permit(admin, "writable", "viewer", "write")
-    answer = admin.call("KORV.Core.AppPriv", "grant", user="viewer", app="KORV.KRX.Pavane")
-    assert answer["success"], answer
-    return {"closed": closed, "writable": writable}
+_APP_PRIVILEGE = {"user": "viewer", "app": "KORV.KRX.Pavane"}
 
 
 @pytest.fixture(name="viewer")
-def fixture_viewer(node, folders):
-    del folders
-    return node.client("viewer")
+def fixture_viewer(node, admin):
+    """An account without an administrator's rights that may use the application."""
+    assert admin.call("KORV.Core.AppPriv", "grant", **_APP_PRIVILEGE)["success"]
+    yield node.client("viewer")
+    assert admin.call("KORV.Core.AppPriv", "revoke", **_APP_PRIVILEGE)["success"]
+
+
+@pytest.fixture(name="folders")
+def fixture_folders(admin):
+    """The paths of three folders: viewer may not enter the first, read the second and write into the third."""
+    with contextlib.ExitStack() as stack:
+        paths = {name: stack.enter_context(core_share(admin, name, volume))
+                 for name, volume in (("closed", "/volume1"), ("readable", "/volume1"), ("writable", "/volume2"))}
+        permit(admin, "readable", "viewer", write=False)
+        permit(admin, "writable", "viewer", write=True)
+        yield paths
 
 
 def write_until_full(node, folder):
-    """How many MB `viewer` can write there; frees them again."""
+    """How many MB viewer can write there; frees them again."""
     path = f"{folder}/filler"
-    node.inside("setpriv", f"--reuid={_VIEWER}", f"--regid={_VIEWER}", "--clear-groups", "dd", "if=/dev/urandom",
-                f"of={path}", "bs=64K", "conv=fsync", check=False)
+    ended = node.inside("setpriv", f"--reuid={_VIEWER}", f"--regid={_VIEWER}", "--clear-groups", "dd",
+                        "if=/dev/urandom", f"of={path}", "bs=64K", "conv=fsync", check=False)
+    assert ended.returncode != 0, "it did not become full"
     size = int(node.inside("stat", "-c", "%s", path))
     node.inside("rm", path)
     node.inside("sync", "-f", folder)
-    return size / _MB
+    return size / MB
 
 
-def test_each_account_sees_what_it_may_use(admin, viewer, folders):
-    assert set(candidates(admin)) == {"closed", "readable", "writable"}
-    assert set(candidates(viewer, 1)) == {"writable"}
-    assert set(candidates(viewer, 2)) == {"readable", "writable"}
-    assert set(candidates(viewer, 3)) == {"readable", "writable"}
-    assert set(candidates(admin, 3)) == set(folders) | {"readable"}
+def fill(node, folder, size_mb):
+    node.inside("dd", "if=/dev/urandom", f"of={folder}/part", "bs=1M", f"count={size_mb}", "conv=fsync")
 
 
-@pytest.mark.parametrize("mask", [0, 4, -1, 1 << 31 - 1])
-def test_a_mask_of_no_right_is_refused(admin, folders, mask):
-    del folders
-    answer = admin.call(SHARE_API, "List", sharePriv=mask)
-    assert answer == {"success": False, "error": {"code": 401}}
-
-
-@pytest.mark.parametrize("mask", ["1x", [], {}, 1e300, 4294967297])
-def test_a_mask_of_another_kind_is_a_malformed_request(node, admin, folders, mask):
-    del folders
-    node.allow(r"KORV\.Pavane\.Share List threw: ")
-    answer = admin.call(SHARE_API, "List", sharePriv=mask)
-    assert answer["error"]["code"] in (101, 401)
-
-
-def test_a_recording_share_can_be_left_out(admin, viewer):
-    answer = admin.create("writable", "/volume2", blAddExistShare=True)
-    assert answer["success"], answer
-    try:
-        assert set(candidates(viewer, blIncShareInDB=False)) == set()
-        assert set(candidates(viewer)) == {"writable"}
-    finally:
-        admin.call(SHARE_API, "DelRecShare", list=[{"shareId": answer["data"]["id"], "shareRvId": 0,
-                                                    "sharePath": "/volume2/writable"}], blKeepShare=True)
-
-
-def test_the_free_size_on_ext4_is_what_can_be_written(node, admin, folders):
-    permit(admin, "closed", "viewer", "write")
-    told = candidates(node.client("viewer"))["closed"]["freesize"]
-    assert write_until_full(node, folders["closed"]) == pytest.approx(told, abs=2)
-
-
-def test_the_free_size_on_btrfs_is_what_the_limit_admits(node, viewer, folders):
-    path = folders["writable"]
+@contextlib.contextmanager
+def limited(node, path, limit):
+    """A Btrfs share under a limit of its own."""
     node.inside("btrfs", "quota", "enable", "/volume2")
-    node.inside("btrfs", "qgroup", "limit", "40M", path)
     try:
-        told = candidates(viewer)["writable"]["freesize"]
-        written = write_until_full(node, path)
-        assert told == int(written) == 39
-        node.inside("dd", "if=/dev/urandom", f"of={path}/half", "bs=1M", "count=20")
-        assert candidates(viewer)["writable"]["freesize"] in (19, 18)
+        node.inside("btrfs", "qgroup", "limit", limit, path)
+        yield
     finally:
-        node.inside("rm", "-f", f"{path}/half")
         node.inside("btrfs", "quota", "disable", "/volume2")
 
 
-def test_the_command_line_shows_readable_sizes_and_exact_data(node, folders, tmp_path):
-    del folders
-    viewer = CommandLine(node, "viewer", tmp_path)
-    rows = viewer.run("candidates").splitlines()
-    assert rows[0].split() == ["NAME", "VOLUME", "FREE", "COPY", "ON", "WRITE"]
-    exact = json.loads(viewer.run("candidates", "--json"))
-    by_name = {row.split()[0]: row for row in rows[1:]}
-    for share in exact["sharelist"]:
-        assert f"{share['freesize']} MB" in by_name[share["value"]]
-    assert exact["total"] == len(rows) - 1
-    assert "closed" in viewer.run("candidates", "--right", "any")
-    assert "usage" in viewer.run("candidates", "--right", "all", status=2).lower() or True
+def test_each_account_sees_what_it_may_use(admin, viewer, folders):
+    for mask in (1, 2, 3):
+        assert list(candidates(admin, mask)) == ["closed", "readable", "writable"] == sorted(folders)
+    assert list(candidates(viewer, 1)) == ["writable"]
+    assert list(candidates(viewer, 2)) == ["readable", "writable"]
+    assert list(candidates(viewer, 3)) == ["readable", "writable"]
 
 
-class Disk:
-    """A loop device that the device manager's data present as a USB disk, mounted for the node alone."""
-
-    place = "/srv/usb"
-
-    def __init__(self, node):
-        self.node = node
-        self.image = os.path.join(node.folder, "usb.img")
-        with open(self.image, "wb") as file:
-            file.truncate(64 * _MB)
-        node.inside("mkfs.ext4", "-q", self.image)
-        self.device = node.inside("losetup", "--find", "--show", self.image).strip()
-        self.number = int(self.device.removeprefix("/dev/loop"))
-        self.share = f"usbshare{self.number + 1}"
-        node.inside("mkdir", "-p", "/run/udev", self.place)
-        node.inside("mount", "-t", "tmpfs", "tmpfs", "/run/udev")
-        node.inside("mkdir", "/run/udev/data")
-        self.know("E:KORV_EXTERNAL_DISK=usb\nI:1\n")
-        node.inside("mount", self.device, self.place)
-        node.inside("chmod", "755", self.place)
-
-    def know(self, text):
-        self.node.inside("tee", f"/run/udev/data/b7:{self.number}", input=text)
-
-    def pull(self):
-        self.node.inside("umount", "-l", self.place, check=False)
-        self.know("I:1\n")
-        self.node.inside("losetup", "-d", self.device, check=False)
-
-    def remove(self):
-        self.pull()
-        self.node.inside("umount", "/run/udev", check=False)
-        self.node.inside("rm", "-f", "/tmp/usbdiskapplying")
-
-
-@pytest.fixture(name="disk")
-def fixture_disk(node, folders):
-    del folders
-    if os.path.exists("/tmp/usbdiskapplying"):
-        pytest.fail("this machine has a file of disk states of its own")
-    disk = Disk(node)
-    yield disk
-    disk.remove()
-
-
-def test_an_attached_disk_appears_and_disappears(admin, viewer, disk):
-    facts = candidates(admin, 2)[disk.share]
-    size = os.statvfs(disk.image)
-    assert size
-    assert set(facts) == {"value", "freesize", "display"}
-    assert 40 < facts["freesize"] < 64
-    used, total = facts["display"].removeprefix(disk.share + "(").removesuffix(" MB)").split("/")
-    assert int(total) - int(used) == facts["freesize"]
-    # Nobody but root may write at the root of a fresh file system; everybody may read.
-    assert disk.share in candidates(viewer, 2)
-    assert disk.share not in candidates(viewer, 1)
-    assert disk.share not in candidates(viewer, 2, blLocalOnly=True)
-    disk.pull()
-    assert disk.share not in candidates(admin, 2)
-
-
-def test_a_disk_that_is_being_checked_is_not_offered(node, admin, disk):
-    node.inside("bash", "-c", f"sed -i 's/done/fail/' /tmp/usbdiskapplying; ls {disk.place}", check=False)
-    candidates(admin, 2)
-    node.inside("sed", "-i", "s/done/fail/", "/tmp/usbdiskapplying")
-    assert disk.share not in candidates(admin, 2)
-
-
-def test_a_disk_may_be_pulled_while_it_is_listed(node, admin, disk):
-    node.allow("Failed to get usb disk|Unable to get share name|external disk")
-    answers = []
-    stopped = threading.Event()
-
-    def ask():
-        client = node.client("admin")
-        while not stopped.is_set():
-            answers.append(client.call(SHARE_API, "List", sharePriv=2)["success"])
-
-    asking = [threading.Thread(target=ask) for _ in range(3)]
-    for each in asking:
-        each.start()
-    wait_until(lambda: len(answers) > 20, "some lists were read")
-    disk.pull()
-    count = len(answers)
-    wait_until(lambda: len(answers) > count + 20, "more lists were read")
-    stopped.set()
-    for each in asking:
-        each.join()
-    assert all(answers)
-    assert disk.share not in candidates(admin, 2)
-
-
-def test_a_share_whose_volume_is_gone_is_not_offered(node, viewer):
-    node.inside("umount", "-l", "/volume2")
+def test_an_element_says_what_the_folder_is(admin, folders):
+    assert "writable" in folders
+    admin.call("KORV.Core.Share", "create", name="plain", shareinfo={"vol_path": "/volume2",
+                                                                     "enable_share_cow": False})
     try:
-        assert set(candidates(viewer)) == {"closed"}
+        listed = candidates(admin)
     finally:
-        node.inside("mount", "-o", "loop,nosuid,nodev", f"{node.state}/volume2.img", "/volume2")
-    assert "writable" in candidates(viewer)
+        assert admin.call("KORV.Core.Share", "delete", name="plain")["success"]
+    sizes = {name: share.pop("freesize") for name, share in listed.items()}
+    assert listed["plain"] == {"value": "plain", "display": "plain", "vol_path": "/volume2",
+                               "enable_share_cow": False}
+    assert listed["writable"] == {"value": "writable", "display": "writable", "vol_path": "/volume2",
+                                  "enable_share_cow": True}
+    assert sizes["closed"] == sizes["readable"] > 0
+    assert sizes["plain"] == sizes["writable"] > 0
 
 
-def test_a_volume_that_hangs_holds_nobody_up(single_worker_node):
-    node = single_worker_node
-    admin = node.client("admin")
-    core_share(admin, "here", "/volume1")
-    core_share(admin, "hanging", "/volume2")
-    server = subprocess.Popen(["nsenter", "-t", str(node.korvd), "-m", "--", sys.executable,
-                               f"{_HERE}/silent_file_system.py", "/volume2"], stdout=subprocess.PIPE, text=True)
+def test_whoever_may_not_use_the_application_sees_nothing(node, folders):
+    assert folders
+    for client in (node.client("viewer"), node.client()):
+        assert client.call(SHARE_API, "List", sharePriv=3) == {"success": False, "error": {"code": 105}}
+
+
+@pytest.mark.parametrize("parameters", [{}, *({"sharePriv": mask} for mask in (
+    None, 0, 4, 5, -1, (1 << 31) - 1, -(1 << 31), False, 0.5, 4.9))], ids=str)
+def test_a_mask_of_no_right_is_refused(admin, parameters):
+    answer = admin.call(SHARE_API, "List", **parameters)
+    assert answer == {"success": False, "error": {"code": 401}}
+
+
+@pytest.mark.parametrize("mask", ["", "1", "1x", [], [1], {}, {"mask": 1}, 1e300, 1 << 31, (1 << 32) + 1,
+                                  -(1 << 63)], ids=str)
+def test_a_mask_that_is_no_number_of_32_bits_is_a_malformed_request(node, admin, mask):
+    node.allow(r"KORV\.Pavane\.Share List threw: ")
+    response = admin.post(json.dumps({"api": SHARE_API, "version": 1, "method": "List", "sharePriv": mask}))
+    assert response.status_code == 400
+    assert response.json() == {"success": False, "error": {"code": 101}}
+
+
+def test_a_recording_share_can_be_left_out(admin, viewer, folders):
+    answer = admin.create("writable", "/volume2", blAddExistShare=True)
+    assert answer["success"], answer
     try:
-        assert server.stdout.readline() == "mounted\n"
-        node.allow(r"Failed to get volume \[/volume2\] info")
-        start = time.monotonic()
-        first = candidates(admin)
-        took = time.monotonic() - start
-        assert first["hanging"]["freesize"] == 0
-        assert first["here"]["freesize"] > 0
-        assert 3 <= took < 6
-        lines = node.read("log/pavane.log").count("Failed to get volume [/volume2] info.")
-        assert lines == 1
-        start = time.monotonic()
-        assert candidates(admin)["hanging"]["freesize"] == 0
-        assert time.monotonic() - start < 1
+        assert list(candidates(viewer, blIncShareInDB=False)) == []
+        assert list(candidates(viewer)) == ["writable"]
+        assert list(candidates(admin, blIncShareInDB=False)) == ["closed", "readable"]
     finally:
-        server.kill()
-        server.wait()
-        server.stdout.close()
-        node.inside("umount", "-l", "/volume2", check=False)
+        assert delete(admin, find(admin, "writable"), keep=True)["success"]
+    assert list(candidates(viewer, blIncShareInDB=False)) == ["writable"]
+    assert list(candidates(admin, blIncShareInDB=False)) == sorted(folders)
 
 
-@pytest.fixture(name="recording", scope="module")
-def fixture_recording(shared_node, folders):
-    """A recording share with a thousand cameras, and rows of applications that use folders."""
-    del folders
-    admin = shared_node.client("admin")
-    answer = admin.create("recording", "/volume1")
-    assert answer["success"], answer
-    share = answer["data"]["id"]
-    cameras = [{"name": f"camera {i:04}", "recordingPath": f"/volume1/recording/{i}", "ip": f"192.0.2.{i % 256}",
-                "occupiedMB": i, "rotatedBySpace": i % 2 == 0, "rotationBySpaceMB": 2048} for i in range(1000)]
-    answer = admin.call("KORV.Pavane.Camera", "import", cameras=cameras)
-    assert answer["success"], answer
-    with sqlite3.connect(f"{shared_node.state}/state/pavane.db") as database:
-        database.executemany("insert into shared_folder_storage (name, share_id, application_id) values (?, ?, ?)",
-                             [("recording", share, 0), ("recording", share, 99), ("gone", 4711, 2)])
-    return share
+@pytest.mark.parametrize("filled_mb", [0, 100])
+def test_the_free_size_on_ext4_is_what_can_be_written(node, admin, viewer, folders, filled_mb):
+    permit(admin, "closed", "viewer", write=True)
+    fill(node, folders["closed"], filled_mb)
+    told = candidates(viewer)["closed"]["freesize"]
+    assert candidates(admin)["closed"]["freesize"] == told
+    # What the file system needs for a file's own records is told as free.
+    assert write_until_full(node, folders["closed"]) == pytest.approx(told, abs=1)
 
 
-def test_a_thousand_cameras_of_a_share_are_listed(node, recording, tmp_path):
-    admin = CommandLine(node, "admin", tmp_path)
-    exact = json.loads(admin.run("share", "cameras", str(recording), "--json"))
-    assert exact["total"] == 1000
-    assert exact["camList"][7] == {"name": "camera 0007", "occupied": 7, "ip": "192.0.2.7",
-                                   "is_rotated_by_space": False, "rotation_by_space": 2048}
-    rows = admin.run("share", "cameras", str(recording)).splitlines()
-    assert len(rows) == 1001
-    assert rows[8].split() == ["camera", "0007", "192.0.2.7", "7", "MB", "-"]
-    assert rows[9].split() == ["camera", "0008", "192.0.2.8", "8", "MB", "2.0", "GB"]
-    assert admin.run("share", "cameras", "999").splitlines() == ["NAME  ADDRESS  OCCUPIED  KEEPS FREE"]
+@pytest.mark.parametrize("filled_mb", [0, 20])
+def test_the_free_size_on_btrfs_is_what_a_limit_leaves(node, admin, viewer, folders, filled_mb):
+    path = folders["writable"]
+    with limited(node, path, "40M"):
+        fill(node, path, filled_mb)
+        told = candidates(viewer)["writable"]["freesize"]
+        assert candidates(admin)["writable"]["freesize"] == told
+        assert told == pytest.approx(40 - filled_mb, abs=1)
+        assert write_until_full(node, path) == pytest.approx(told, abs=1)
+    assert candidates(viewer)["writable"]["freesize"] > told
 
 
-def test_usage_tells_of_one_share_or_of_all_that_are_not_in_order(node, recording, tmp_path):
-    admin = CommandLine(node, "admin", tmp_path)
-    rows = admin.run("share", "usage", str(recording)).splitlines()
-    assert rows[0].split() == ["FOLDER", "SHARE", "SERVER", "APPLICATION", "ENABLED"]
-    assert [row.split()[:4] for row in rows[1:]] == [["recording", str(recording), "0", "Recording"],
-                                                     ["recording", str(recording), "0", "unknown"]]
-    rows = admin.run("share", "usage").splitlines()
-    assert [row.split() for row in rows[1:]] == [["gone", "4711", "0", "Time", "lapse", "yes"]]
-    exact = json.loads(admin.run("share", "usage", "--json"))
-    assert exact["usage"][0]["app"] == {"enabled": True, "name": {"enu": "Time lapse", "ger": "Zeitraffer"}}
-    assert "400" in admin.run("share", "usage", "4712", status=1)
+def test_a_limit_that_is_exceeded_leaves_nothing(node, viewer, folders):
+    fill(node, folders["writable"], 20)
+    with limited(node, folders["writable"], "10M"):
+        node.inside("btrfs", "quota", "rescan", "-w", "/volume2")
+        assert candidates(viewer)["writable"]["freesize"] == 0
+
+
+def test_the_command_line_shows_readable_sizes_and_exact_data(node, viewer, folders, tmp_path):
+    pavane = CommandLine(node, "viewer", tmp_path)
+    exact = json.loads(pavane.run("candidates", "--right", "any", "--json"))
+    assert {share["value"]: share for share in exact["sharelist"]} == candidates(viewer, 3)
+    rows = pavane.run("candidates", "--right", "any").splitlines()
+    assert [row.split() for row in rows] == [
+        ["NAME", "VOLUME", "FREE", "COPY", "ON", "WRITE"],
+        *([name, folders[name].rpartition("/")[0], str(candidates(viewer, 3)[name]["freesize"]), "MB", "yes"]
+          for name in ("readable", "writable"))]
+    assert [row.split()[0] for row in pavane.run("candidates").splitlines()[1:]] == ["writable"]
+    assert "--right" in pavane.run("candidates", "--right", "all", status=2)
