@@ -1,0 +1,207 @@
+"""External disks among the candidates: they come, are used and are pulled."""
+
+import contextlib
+import os
+import subprocess
+import threading
+
+import pytest
+
+from candidates import CommandLine, candidates
+from external_disk import STATE_FILE, attached, device_manager
+from node import SHARE_API, wait_until
+
+_APP_PRIVILEGE = {"user": "viewer", "app": "KORV.KRX.Pavane"}
+_UNUSABLE = "Unable to get share name of external device"
+
+
+@pytest.fixture(scope="module", autouse=True)
+def fixture_device_manager(shared_node):
+    with device_manager(shared_node):
+        yield
+
+
+@pytest.fixture(name="viewer")
+def fixture_viewer(node, admin):
+    assert admin.call("KORV.Core.AppPriv", "grant", **_APP_PRIVILEGE)["success"]
+    yield node.client("viewer")
+    assert admin.call("KORV.Core.AppPriv", "revoke", **_APP_PRIVILEGE)["success"]
+
+
+@pytest.fixture(name="disk")
+def fixture_disk(node):
+    """A USB disk that is mounted; everybody may read what is on it."""
+    with attached(node) as disk:
+        disk.mount()
+        yield disk
+
+
+@contextlib.contextmanager
+def traced(node, disk, fault):
+    """The workers' questions for the size of what is mounted from `disk` fare as `fault` says."""
+    workers = [option for pid in node.workers() for option in ("-p", str(pid))]
+    with subprocess.Popen(["strace", "-qq", *workers, "-o", "/dev/null", "-P", disk.place, "-e", "trace=statfs", "-e",
+                           f"inject=statfs:{fault}"], stderr=subprocess.DEVNULL) as tracer:
+        wait_until(lambda: all(is_traced(pid) for pid in node.workers()), "the workers are traced")
+        try:
+            yield
+        finally:
+            tracer.terminate()
+            tracer.wait(20)
+
+
+def is_traced(pid):
+    with open(f"/proc/{pid}/status", encoding="utf-8") as file:
+        return "TracerPid:\t0\n" not in file.read()
+
+
+def state_of(node, disk):
+    lines = dict(line.split("=") for line in node.inside("cat", STATE_FILE).splitlines())
+    return lines[disk.name].strip('"')
+
+
+def set_state(node, disk, state):
+    node.inside("sh", "-c", f"echo '{disk.name}={state}' > {STATE_FILE}")
+
+
+def test_an_attached_disk_appears_and_disappears(node, admin, viewer):
+    assert candidates(admin, 3) == {}
+    with attached(node) as disk:
+        node.allow(_UNUSABLE)
+        assert candidates(admin, 3) == {}  # not mounted yet
+        disk.mount()
+        total, free = disk.size_mb()
+        element = {"value": disk.share, "freesize": free, "display": f"{disk.share}({total - free}/{total} MB)"}
+        assert 40 < free < total < 64
+        # Nobody but root may write there; everybody may read.
+        assert candidates(admin, 2) == candidates(viewer, 2) == {disk.share: element}
+        assert candidates(admin, 1) == candidates(viewer, 1) == {}
+        assert candidates(admin, 3, blLocalOnly=True) == {}
+        assert state_of(node, disk) == "done"
+    assert candidates(admin, 3) == candidates(viewer, 3) == {}
+    assert node.inside("cat", STATE_FILE) == ""
+
+
+def test_a_disk_of_more_than_a_gigabyte_is_shown_in_gigabytes(node, admin):
+    with attached(node, size_mb=1100) as disk:
+        disk.mount()
+        total, free = disk.size_mb()
+        assert total > 1024
+        assert candidates(admin, 2)[disk.share]["display"] == \
+            f"{disk.share}({(total - free) / 1024:.2f}/{total / 1024:.2f} GB)"
+
+
+def test_disks_of_both_kinds_are_offered_usb_first(node, admin, disk):
+    with attached(node, kind="esata") as other:
+        other.mount()
+        assert list(candidates(admin, 2)) == [disk.share, other.share]
+        assert other.share.startswith("satashare")
+
+
+def test_what_people_write_counts(node, viewer, disk):
+    node.inside("chmod", "777", disk.place)
+    before = candidates(viewer, 1)[disk.share]["freesize"]
+    node.inside("dd", "if=/dev/urandom", f"of={disk.place}/recording", "bs=1M", "count=10", "conv=fsync")
+    assert candidates(viewer, 1)[disk.share]["freesize"] == before - 10
+
+
+def test_the_command_line_shows_disks(node, disk, tmp_path):
+    rows = CommandLine(node, "admin", tmp_path).run("candidates", "--right", "read").splitlines()
+    total, free = disk.size_mb()
+    assert rows[1].split() == [f"{disk.share}({total - free}/{total}", "MB)", "external", "disk", str(free), "MB"]
+    assert len(CommandLine(node, "admin", tmp_path).run("candidates", "--right", "read", "--local").splitlines()) == 1
+
+
+def test_a_disk_that_failed_is_not_offered_until_it_comes_back(node, admin, disk):
+    assert disk.share in candidates(admin, 2)
+    set_state(node, disk, "fail")
+    assert candidates(admin, 2) == candidates(admin, 2) == {}
+    disk.pull()
+    assert candidates(admin, 2) == {}
+    assert node.inside("cat", STATE_FILE) == ""
+
+
+@pytest.mark.parametrize("program", ["mkfs.ext4", "fsck.ext4"])
+def test_a_disk_at_work_is_not_offered(node, admin, disk, program):
+    """What counts is the command line of whatever runs."""
+    state = "formatting" if program == "mkfs.ext4" else "fsck"
+    with subprocess.Popen(["sh", "-c", "read wait", disk.device], executable="/bin/sh", stdin=subprocess.PIPE) as other:
+        assert disk.share in candidates(admin, 2)
+        other.stdin.close()
+        other.wait()
+    with subprocess.Popen([program, "-c", "read wait", disk.device], executable="/bin/sh",
+                          stdin=subprocess.PIPE) as work:
+        try:
+            assert candidates(admin, 2) == {}
+            assert state_of(node, disk) == state
+        finally:
+            work.stdin.close()
+            work.wait()
+    assert disk.share in candidates(admin, 2)
+
+
+def test_states_that_somebody_else_wrote_do_not_count(node, admin, disk):
+    set_state(node, disk, "fail")
+    node.inside("chown", "viewer", STATE_FILE)
+    assert disk.share in candidates(admin, 2)
+    assert state_of(node, disk) == "done"
+    assert node.inside("stat", "-c", "%U %a", STATE_FILE) == "root 644\n"
+    set_state(node, disk, "fail")
+    node.inside("chown", "Pavane", STATE_FILE)
+    assert candidates(admin, 2) == {}
+
+
+def test_a_disk_may_be_pulled_while_it_is_listed(node, admin, disk):
+    node.allow(f"{_UNUSABLE}|Failed to get usb disk")
+    answers = []
+    stopped = threading.Event()
+
+    def ask():
+        client = node.client("admin")
+        while not stopped.is_set():
+            answers.append(client.call(SHARE_API, "List", sharePriv=2))
+
+    asking = [threading.Thread(target=ask) for _ in range(3)]
+    for each in asking:
+        each.start()
+    try:
+        wait_until(lambda: len(answers) > 20, "some lists were read")
+        disk.pull()
+        count = len(answers)
+        wait_until(lambda: len(answers) > count + 20, "more lists were read")
+    finally:
+        stopped.set()
+        for each in asking:
+            each.join()
+    assert all(answer["success"] for answer in answers)
+    assert answers[0]["data"]["total"] == 1
+    assert answers[-1]["data"]["total"] == 0
+    assert candidates(admin, 2) == {}
+
+
+def test_a_disk_that_cannot_tell_its_size_is_offered_without_one(node, admin, disk):
+    with traced(node, disk, "error=ENODEV"):
+        assert candidates(admin, 2) == {
+            disk.share: {"value": disk.share, "freesize": 0, "display": f"{disk.share}(0/0 MB)"}}
+
+
+def test_a_disk_that_vanishes_before_its_size_is_read_is_not_offered(node, admin, disk):
+    with traced(node, disk, "delay_enter=2000000"):
+        answers = []
+        asking = threading.Thread(target=lambda: answers.append(admin.call(SHARE_API, "List", sharePriv=2)))
+        asking.start()
+        wait_until(lambda: any(is_waiting(pid, disk) for pid in node.workers()), "a worker asks for the size")
+        disk.pull()
+        asking.join()
+    assert answers == [{"success": True, "data": {"sharelist": [], "total": 0}}]
+
+
+def is_waiting(pid, disk):
+    """A worker whose call for the size is held up: its argument is the disk's place."""
+    with contextlib.suppress(OSError, ValueError), open(f"/proc/{pid}/syscall", encoding="utf-8") as file:
+        number, address = file.read().split()[:2]
+        if int(number) == 137:
+            with open(f"/proc/{pid}/mem", "rb") as memory:
+                memory.seek(int(address, 16))
+                return memory.read(len(disk.place)) == os.fsencode(disk.place)
+    return False

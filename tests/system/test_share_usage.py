@@ -1,0 +1,150 @@
+"""What uses a recording share: cameras and applications, as a user sees it."""
+
+import contextlib
+import json
+import sqlite3
+
+import pytest
+
+from candidates import CommandLine
+from life import delete, make
+from node import SHARE_API
+
+_CAMERAS = 1000
+
+
+@pytest.fixture(name="database")
+def fixture_database(node):
+    """The application's database; rows of applications are gone afterwards."""
+    with contextlib.closing(sqlite3.connect(f"{node.state}/state/pavane.db", timeout=20)) as database:
+        yield database
+        database.execute("delete from shared_folder_storage")
+        database.execute("delete from application")
+        database.execute("delete from camera")
+        database.commit()
+
+
+@pytest.fixture(name="share")
+def fixture_share(admin, database):
+    """A recording share that nothing uses yet."""
+    share = make(admin, "recording")
+    yield share
+    database.execute("delete from camera")
+    database.commit()
+    answer = delete(admin, share)
+    assert answer["success"], answer
+
+
+def store(database, *rows):
+    database.executemany("insert into shared_folder_storage (name, share_id, application_id) values (?, ?, ?)", rows)
+    database.commit()
+
+
+def usage(client, **parameters):
+    answer = client.call(SHARE_API, "ListShareUsage", **parameters)
+    assert answer["success"], answer
+    assert set(answer["data"]) == {"usage"}
+    return answer["data"]["usage"]
+
+
+def register(admin, count):
+    cameras = [{"name": f"camera {i:04}", "recordingPath": f"/volume1/recording/{i}", "ip": f"192.0.2.{i % 256}",
+                "occupiedMB": i, "rotatedBySpace": i % 2 == 0, "rotationBySpaceMB": 2048} for i in range(count)]
+    cameras.append({"name": "elsewhere", "recordingPath": "/volume1/recording2/1"})
+    cameras.append({"name": "unused", "recordingPath": "/volume1/recording/unused", "recStorageStatus": 1})
+    answer = admin.call("KORV.Pavane.Camera", "import", cameras=cameras)
+    assert answer == {"success": True, "data": {"imported": count + 2}}
+
+
+def test_the_cameras_of_a_share_are_listed_and_no_others(node, admin, share, tmp_path):
+    register(admin, _CAMERAS)
+    number = str(share["shareId"])
+    pavane = CommandLine(node, "admin", tmp_path)
+    exact = json.loads(pavane.run("share", "cameras", number, "--json"))
+    assert exact["total"] == _CAMERAS
+    assert exact["camList"] == [
+        {"name": f"camera {i:04}", "occupied": i, "ip": f"192.0.2.{i % 256}", "is_rotated_by_space": i % 2 == 0,
+         "rotation_by_space": 2048} for i in range(_CAMERAS)]
+    rows = [row.split() for row in pavane.run("share", "cameras", number).splitlines()]
+    assert rows[0] == ["NAME", "ADDRESS", "OCCUPIED", "KEEPS", "FREE"]
+    assert len(rows) == _CAMERAS + 1
+    assert rows[8] == ["camera", "0007", "192.0.2.7", "7", "MB", "-"]
+    assert rows[9] == ["camera", "0008", "192.0.2.8", "8", "MB", "2.0", "GB"]
+
+
+def test_a_share_without_cameras_has_no_list_of_them(admin, share):
+    for number in (share["shareId"], 4711):
+        assert admin.call(SHARE_API, "ListUsingCam", shareId=number) == {"success": True, "data": {"total": 0}}
+
+
+@pytest.mark.parametrize("parameters", [{}, {"shareId": -1}, {"shareId": -(1 << 31), "blCheckMigrating": True}],
+                         ids=str)
+def test_cameras_of_no_share_are_refused(admin, parameters):
+    answer = admin.call(SHARE_API, "ListUsingCam", **parameters)
+    assert answer["error"] == {"code": 401, "errors": {"param1": "", "param2": ""}}
+
+
+def test_a_check_for_moves_wants_a_share_that_there_is(admin):
+    answer = admin.call(SHARE_API, "ListUsingCam", shareId=4711, blCheckMigrating=True)
+    assert answer["error"] == {"code": 400, "errors": {"param1": "", "param2": ""}}
+
+
+def test_a_share_that_recordings_are_moved_out_of_can_be_told(admin, share):
+    register(admin, 3)
+    cameras = admin.call("KORV.Pavane.Camera", "list")["data"]["cameras"]
+    moving = next(camera["id"] for camera in cameras if camera["name"] == "camera 0001")
+    assert admin.call("KORV.Pavane.Camera", "migrate_start", id=moving)["success"]
+    try:
+        answer = admin.call(SHARE_API, "ListUsingCam", shareId=share["shareId"], blCheckMigrating=True)
+        assert answer["error"] == {"code": 449, "errors": {"param1": "1", "param2": ""}}
+        assert admin.call(SHARE_API, "ListUsingCam", shareId=share["shareId"])["data"]["total"] == 3
+    finally:
+        assert admin.call("KORV.Pavane.Camera", "migrate_stop", id=moving)["success"]
+    answer = admin.call(SHARE_API, "ListUsingCam", shareId=share["shareId"], blCheckMigrating=True)
+    assert answer["data"]["total"] == 3
+
+
+def test_usage_of_one_share_names_its_applications(node, admin, share, database, tmp_path):
+    number = share["shareId"]
+    store(database, ("recording", number, 0), ("recording", number, 99), ("other", 4711, 2))
+    assert usage(admin, shareId=number) == [
+        {"name": "recording", "share_id": number, "application_id": 0, "rvId": 0,
+         "app": {"enabled": True, "name": {"enu": "Recording", "ger": "Aufnahme"}}},
+        {"name": "recording", "share_id": number, "application_id": 99, "rvId": 0}]
+    rows = CommandLine(node, "admin", tmp_path).run("share", "usage", str(number)).splitlines()
+    assert [row.split() for row in rows] == [["FOLDER", "SHARE", "SERVER", "APPLICATION", "ENABLED"],
+                                             ["recording", str(number), "0", "Recording", "yes"],
+                                             ["recording", str(number), "0", "unknown", "(99)"]]
+
+
+def test_usage_of_all_tells_of_shares_that_are_not_in_order(admin, share, database):
+    store(database, ("fine", share["shareId"], 1), ("gone", 4711, 2), ("loose", -1, 3))
+    assert [(entry["name"], entry["app"]["name"]["enu"]) for entry in usage(admin)] == [
+        ("gone", "Time lapse"), ("loose", "Archive")]
+    assert usage(admin, shareId=-1) == usage(admin)
+
+
+def test_applications_can_be_switched_off_or_unable_to_run(admin, database):
+    store(database, ("off", -1, 0), ("unable", -1, 1), ("on", -1, 25))
+    database.executemany("insert into application values (?, ?, ?)", [(0, 1, 0), (1, 0, 1)])
+    database.commit()
+    assert [(entry["name"], entry["app"]["enabled"]) for entry in usage(admin)] == [("off", False), ("on", True)]
+
+
+def test_usage_of_a_share_that_there_is_not_is_an_error(node, admin, tmp_path):
+    answer = admin.call(SHARE_API, "ListShareUsage", shareId=4711)
+    assert answer["error"] == {"code": 400, "errors": {"param1": "", "param2": ""}}
+    assert "error 400" in CommandLine(node, "admin", tmp_path).run("share", "usage", "4711", status=1)
+
+
+@pytest.mark.parametrize("method", ["ListShareUsage", "ListUsingCam"])
+@pytest.mark.parametrize("share", ["1", [], {}, 1 << 31], ids=str)
+def test_a_share_id_of_another_kind_is_a_malformed_request(node, admin, method, share):
+    node.allow(rf"KORV\.Pavane\.Share {method} threw: ")
+    assert admin.call(SHARE_API, method, shareId=share) == {"success": False, "error": {"code": 101}}
+
+
+@pytest.mark.parametrize("method", ["ListShareUsage", "ListUsingCam"])
+def test_nobody_is_told_what_uses_shares(node, method):
+    for client in (node.client(), node.client("viewer")):
+        assert client.call(SHARE_API, method, shareId=1) == {"success": False, "error": {"code": 105}}
