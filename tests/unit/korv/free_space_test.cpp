@@ -350,7 +350,11 @@ TEST_F(BtrfsTest, ALimitAboveTheFreeSpaceIsNoFreeSpace) {
     EXPECT_EQ(FreeMB(large), static_cast<std::int32_t>(volume.freeBytes / kMB));
 }
 
-TEST_F(BtrfsTest, WhatCannotBeToldIsNegative) {
-    EXPECT_EQ(FreeMB(machine::BtrfsVolume() + "/gone"), -1);
-    EXPECT_EQ(FreeMB(machine::ReadOnlyVolume()), -1);
+TEST_F(BtrfsTest, WhatCannotBeToldIsNegative) { EXPECT_EQ(FreeMB(machine::BtrfsVolume() + "/gone"), -1); }
+
+// As the files of an unlocked share have.
+TEST_F(BtrfsTest, AnotherFileSystemUponItHasNoLimit) {
+    KORVVOLUME volume{};
+    ASSERT_EQ(KORVMountVolInfoGet(machine::ReadOnlyVolume().c_str(), &volume), 0);
+    EXPECT_EQ(FreeMB(machine::ReadOnlyVolume()), static_cast<std::int32_t>(volume.freeBytes / kMB));
 }
