@@ -1,6 +1,8 @@
 """What "List" and "ListShareUsage" answer when accounts, volumes or mounts fail under them."""
 
 import contextlib
+import os
+import shutil
 import sqlite3
 import time
 
@@ -8,7 +10,7 @@ import pytest
 
 from candidates import candidates, core_share, permit, silent_mount, stop
 from life import delete, find, wait_for_freed
-from node import SHARE_API
+from node import BUILD, SHARE_API, Node
 
 _APP_PRIVILEGE = {"user": "viewer", "app": "KORV.KRX.Pavane"}
 _ANSWER_DEADLINE_S = 3  # the longest that one question to a file system takes
@@ -76,6 +78,29 @@ def test_a_share_whose_folder_is_gone_is_not_offered(node, admin, folders):
         assert list(candidates(admin, 3)) == ["second"]
     finally:
         node.inside("mv", "/volume1/elsewhere", folders["first"])
+
+
+@pytest.fixture(name="build")
+def fixture_build(tmp_path):
+    """The programs under test, but for a platform that gives a broken list of shared folders."""
+    (tmp_path / "bin").mkdir()
+    shutil.copytree(os.path.join(BUILD, "lib"), tmp_path / "lib")  # a link would lead where only root may go
+    tmp_path.chmod(0o755)
+    korvd = tmp_path / "bin/korvd"
+    korvd.write_text("#!/bin/sh\nexport LD_PRELOAD=/srv/build/lib/broken_share_list.so\n"
+                     "export ASAN_OPTIONS=$ASAN_OPTIONS:verify_asan_link_order=0\n"
+                     f"exec {BUILD}/bin/korvd \"$@\"\n", encoding="utf-8")
+    korvd.chmod(0o755)
+    yield str(tmp_path)
+    shutil.rmtree(tmp_path / "lib")
+
+
+def test_a_list_of_shares_that_breaks_its_schema_is_an_error(build):
+    with Node("--build", build) as node:
+        answer = node.client("admin").call(SHARE_API, "List", sharePriv=1)
+        assert answer == {"success": False, "error": {"code": 400}}
+        (line,) = [line for line in node.read("log/pavane.log").splitlines() if "LocalSharesEnum" in line]
+        assert line.endswith('Failed to validate webapi share list response data[[{"name":7,"vol_path":"/volume1"}]].')
 
 
 def test_a_list_of_shares_that_cannot_be_read_is_an_error(node, admin, folders):
