@@ -88,7 +88,7 @@ TEST_F(OpenFilesTest, TellsAFileThatAContainerHasOpen) {
 }
 
 TEST_F(OpenFilesTest, LeavesOutAnotherFolderThatAContainerHasAtThePlace) {
-    const Reader reader(m_folder, [this] {
+    const Reader reader(m_folder, [] {
         return HasNamespace() && mount("none", machine::Volume().c_str(), "tmpfs", 0, "") == 0;
     });
     ASSERT_TRUE(reader.IsOpen());
