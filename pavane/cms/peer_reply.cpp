@@ -12,13 +12,15 @@ bool IsObjectOrNothing(const Json::Value& value) { return value.isNull() || valu
 bool IsText(const Json::Value& value) { return value.isNull() || value.isString(); }
 
 bool IsAnswer(const Json::Value& value) {
-    if (!value.isObject() || !value.isMember("error")) {
-        return value.isObject();
+    if (!value.isObject() || !IsObjectOrNothing(value["data"])) {
+        return false;
+    }
+    if (!value.isMember("error")) {
+        return true;
     }
     const Json::Value& error = value["error"];
     return error.isObject() && error["code"].isInt() && IsObjectOrNothing(error["errors"]) &&
-           IsText(error["errors"]["param1"]) && IsText(error["errors"]["param2"]) &&
-           IsObjectOrNothing(value["data"]);
+           IsText(error["errors"]["param1"]) && IsText(error["errors"]["param2"]);
 }
 
 }  // namespace

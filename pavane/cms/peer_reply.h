@@ -6,10 +6,9 @@
 
 namespace pavane {
 
-// Reads the answer of another server: a JSON object with the members of a web API's answer, whose "error"
-// holds a number as "code" and an object or nothing as "errors", and whose "data" beside an error is an
-// object or nothing. False for anything else, and `reply` is unchanged then: what relays look at has its
-// right type.
+// Reads the answer of another server: a JSON object with the members of a web API's answer, whose "data" is
+// an object or nothing and whose "error" holds a number as "code" and an object or nothing as "errors". False
+// for anything else, and `reply` is unchanged then: what relays look at has its right type.
 bool ParsePeerReply(const std::string& body, Json::Value& reply);
 
 }  // namespace pavane

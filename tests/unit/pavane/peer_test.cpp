@@ -106,7 +106,8 @@ TEST_F(Peers, WhatIsNoAnswerOfAWebApiIsAFailedSend) {
           std::string(R"({"error":{}})"), std::string(R"({"error":{"code":"443"}})"),
           std::string(R"({"error":{"code":443,"errors":[1]}})"),
           std::string(R"({"error":{"code":443,"errors":{"param1":{}}}})"),
-          std::string(R"({"error":{"code":443},"data":[1]})")}) {
+          std::string(R"({"error":{"code":443},"data":[1]})"), std::string(R"({"success":true,"data":[1]})"),
+          std::string(R"({"success":true,"data":"1"})")}) {
         const HttpStandIn host(OkAnswer(body));
         Session() << "delete from cms_host";
         AddHost(host.Address());
