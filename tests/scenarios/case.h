@@ -26,6 +26,12 @@ struct ExpectedLog {
     bool anyLine = true;
 };
 
+// An answer that must be given: {"success": data} or {"error": {"code": n, "data": data}}.
+struct ExpectedAnswer {
+    Json::Value answer;
+    std::string after;  // the function of the line of the script that stands before it; empty = not looked at
+};
+
 // A call whose failure the method gets over: the `nth` one of a function (from 1), or each.
 struct Tolerated {
     std::string function;
@@ -55,7 +61,7 @@ struct Case {
     std::vector<std::string> never;  // background functions that must not be called
     std::optional<std::vector<Json::Value>> reads;
     std::vector<ExpectedLog> log;
-    std::vector<Json::Value> answers;
+    std::vector<ExpectedAnswer> answers;
     std::optional<std::string> throws;  // the exception's type
     Json::Value returns;
     ErrorState error;

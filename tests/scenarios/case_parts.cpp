@@ -46,9 +46,21 @@ ExpectedLog ReadLogLine(const YamlNode& node) {
     return expected;
 }
 
-Json::Value ReadAnswer(const YamlNode& node) {
-    Json::Value answer;
+std::string ReadFunctionName(const YamlNode& node) {
+    if (fake::FindFunction(node.Text()) == nullptr) {
+        node.Fail("there is no platform function '" + node.Text() + "'");
+    }
+    return node.Text();
+}
+
+ExpectedAnswer ReadAnswer(const YamlNode& node) {
+    ExpectedAnswer expected;
+    Json::Value& answer = expected.answer;
     node.ForEachMember([&](const std::string& name, const YamlNode& value) {
+        if (name == "after") {
+            expected.after = ReadFunctionName(value);
+            return;
+        }
         if (name == "success") {
             answer["success"] = value.ToJson();
             return;
@@ -74,7 +86,7 @@ Json::Value ReadAnswer(const YamlNode& node) {
     if (answer.size() != 1) {
         node.Fail("a response is success or error");
     }
-    return answer;
+    return expected;
 }
 
 Tolerated ReadTolerated(const YamlNode& node) {
@@ -172,8 +184,8 @@ std::vector<ExpectedLog> ReadLog(const YamlNode& node) {
     return lines;
 }
 
-std::vector<Json::Value> ReadAnswers(const YamlNode& node) {
-    std::vector<Json::Value> answers;
+std::vector<ExpectedAnswer> ReadAnswers(const YamlNode& node) {
+    std::vector<ExpectedAnswer> answers;
     if (node.raw().IsSequence()) {
         node.ForEachItem([&answers](const YamlNode& item) { answers.push_back(ReadAnswer(item)); });
     } else if (node.raw().IsMap()) {

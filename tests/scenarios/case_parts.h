@@ -15,7 +15,7 @@ std::vector<ScriptedCall> ReadCalls(const YamlNode& node);
 std::vector<std::string> ReadNever(const YamlNode& node);
 std::vector<Json::Value> ReadReads(const YamlNode& node);
 std::vector<ExpectedLog> ReadLog(const YamlNode& node);
-std::vector<Json::Value> ReadAnswers(const YamlNode& node);
+std::vector<ExpectedAnswer> ReadAnswers(const YamlNode& node);
 ErrorState ReadErrorState(const YamlNode& node);
 std::vector<Tolerated> ReadTolerates(const YamlNode& node);
 

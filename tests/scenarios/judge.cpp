@@ -84,6 +84,21 @@ std::string CompareThrown(const Case& script, const Outcome& outcome) {
                       {outcome.thrown.empty() ? "none" : outcome.thrown});
 }
 
+std::string CompareAnswers(const Case& script, const ScriptDirector& run) {
+    std::vector<Json::Value> expected;
+    expected.reserve(script.answers.size());
+    for (const ExpectedAnswer& one : script.answers) {
+        expected.push_back(one.answer);
+    }
+    std::string report = CompareJson("response", expected, run.answers);
+    for (std::size_t i = 0; report.empty() && i < script.answers.size(); ++i) {
+        if (!script.answers[i].after.empty()) {
+            report += Difference("answered after", {script.answers[i].after}, {run.answeredAfter[i]});
+        }
+    }
+    return report;
+}
+
 std::string Compare(const Case& script, const Outcome& outcome) {
     const ScriptDirector& run = outcome.director;
     std::string report = Difference("calls", CallLines(script.calls), CallLines(run.made));
@@ -92,7 +107,7 @@ std::string Compare(const Case& script, const Outcome& outcome) {
     }
     report += CompareLog(script.log, run.log);
     report += CompareThrown(script, outcome);
-    report += CompareJson("response", script.answers, run.answers);
+    report += CompareAnswers(script, run);
     if (!script.isEntry && !script.throws) {
         if (FindRoutine(script.routine)->returnsSomething) {
             report += CompareJson("returns", {script.returns}, {outcome.returns});

@@ -1,5 +1,7 @@
 #include "tests/scenarios/script_director.h"
 
+#include <algorithm>
+
 #include "tests/scenarios/compare.h"
 
 namespace scenario {
@@ -30,6 +32,13 @@ Json::Value ScriptDirector::Reply(const fake::FunctionTraits& function, const Js
     SwitchIds(function, args, call.reply);
     made.push_back(call);
     return call.reply;
+}
+
+void ScriptDirector::Answer(const Json::Value& answer) {
+    const auto last =
+        std::find_if(made.rbegin(), made.rend(), [](const MadeCall& call) { return !call.fromWorld; });
+    answeredAfter.push_back(last != made.rend() ? last->function->name : "nothing");
+    answers.push_back(answer);
 }
 
 // The next line of the script, or else a later one: after a difference the rest is followed as far as it

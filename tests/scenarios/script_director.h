@@ -26,7 +26,7 @@ public:
     Json::Value Reply(const fake::FunctionTraits& function, const Json::Value& args) override;
     void Read(const Json::Value& read) override { reads.push_back(read); }
     void Log(const fake::LogLine& line) override { log.push_back(line); }
-    void Answer(const Json::Value& answer) override { answers.push_back(answer); }
+    void Answer(const Json::Value& answer) override;
     void Misuse(const std::string& what) override { misuse.push_back(what); }
 
     // The effective ids follow the switches that are made.
@@ -35,6 +35,7 @@ public:
     std::vector<Json::Value> reads;
     std::vector<fake::LogLine> log;
     std::vector<Json::Value> answers;
+    std::vector<std::string> answeredAfter;  // by answer: the last scripted function before it, or "nothing"
     std::vector<std::string> misuse;
 
 private:
