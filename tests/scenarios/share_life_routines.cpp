@@ -1,4 +1,4 @@
-// Routines of a share's later life: edit, deletion, migration check, unlocking.
+// Routines of a share's later life: edit, deletion, migration check, usage, unlocking.
 
 #include <cstdlib>
 #include <list>
@@ -80,6 +80,23 @@ Json::Value CountMigrating(RoutineContext& context) {
     return count;
 }
 
+Json::Value ListLocalUsage(OpenHandler& handler, Args args) {
+    Json::Value returned;
+    returned["data"] = args["before"];
+    returned["result"] = handler.HandleLocalListShareUsage(returned["data"], args["shareId"].asInt());
+    return returned;
+}
+
+Json::Value ListRemoteUsage(OpenHandler& handler, Args args) {
+    Json::Value returned;
+    returned["data"] = args["before"];
+    returned["result"] =
+        handler.HandleRemoteListShareUsage(returned["data"], args["rvId"].asInt(), args["shareId"].asInt());
+    return returned;
+}
+
+bool IsResultTrue(const Json::Value& returned) { return returned["result"].asBool(); }
+
 // Answers the request and returns what is left of the variables that were set before.
 Json::Value DecryptWithEnvironment(OpenHandler& handler, Args args) {
     for (const std::string& name : args["environment"].getMemberNames()) {
@@ -115,6 +132,10 @@ std::vector<Routine> ShareLifeRoutines() {
          kHandled<DeleteAndUnmount>, nullptr},
         {"CountMigratingCamsOnShares", Defaults(R"({"count": 0, "sharePaths": []})"), kReturns, false,
          CountMigrating, nullptr},
+        {"HandleLocalListShareUsage", Defaults(R"({"shareId": 0, "before": {}})"), kReturns, false,
+         kHandled<ListLocalUsage>, IsResultTrue},
+        {"HandleRemoteListShareUsage", Defaults(R"({"rvId": 0, "shareId": 0, "before": {}})"), kReturns,
+         false, kHandled<ListRemoteUsage>, IsResultTrue},
         {"HandleDecryptByFile", Defaults(R"({"environment": {}})"), kReturns, kAnswers,
          kHandled<DecryptWithEnvironment>, nullptr},
     };

@@ -61,7 +61,8 @@ void ShareHandler::InitDelDataList(const Json::Value& list, const CmsRelayParams
                                    std::list<std::string>& ownPaths, std::map<int, Json::Value>& requestByRv,
                                    std::list<std::string>& shareNames, Json::Value& remoteMounts) {
     TaskCounts tasks = CountArchiveTasksByPath();
-    for (const Json::Value& item : list) {
+    for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
+        const Json::Value& item = list[i];  // throws for an object: its members are no list of shares
         const int shareId = item["shareId"].asInt();
         const int shareRvId = item["shareRvId"].asInt();
         const std::string sharePath = item["sharePath"].asString();
