@@ -4,6 +4,7 @@
 #include "platform/pavane/services.h"
 
 #include "pavane/log_line.h"
+#include "pavane/recorder/share_state.h"
 
 namespace {
 
@@ -56,6 +57,7 @@ int GetShareMovingTaskId(const std::string& name, std::string& taskId) {
         return -1;
     }
     taskId = answer["data"]["task_id"].asString();
+    pavane::NoteMove(name);
     return 0;
 }
 

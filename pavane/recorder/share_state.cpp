@@ -1,5 +1,6 @@
 #include "pavane/recorder/share_state.h"
 
+#include <algorithm>
 #include <exception>
 #include <map>
 #include <string>
@@ -12,6 +13,7 @@
 
 #include "pavane/log_line.h"
 #include "pavane/store/database.h"
+#include "pavane/store/rec_share_store.h"
 
 namespace pavane {
 
@@ -42,13 +44,16 @@ std::map<std::string, Json::Value> FoldersByPath() {
     return folders;
 }
 
+bool IsLocal(const RecShare& share) {
+    return share.GetOwnerRvId() == 0 && share.GetMountType() == SHARE_MOUNT_LOCAL;
+}
+
 bool Refresh() {
     const auto folders = FoldersByPath();
     bool hasChanged = false;
-    for (const RecShare& share : LoadRecShareFromDB(0)) {
+    for (const RecShare& share : LoadRecShares(0)) {
         const auto folder = folders.find(share.GetPath());
-        if (share.GetOwnerRvId() != 0 || share.GetMountType() != SHARE_MOUNT_LOCAL ||
-            folder == folders.end()) {
+        if (!IsLocal(share) || folder == folders.end()) {
             continue;
         }
         const int encType = folder->second["encryption"].asInt();
@@ -63,15 +68,41 @@ bool Refresh() {
 
 }  // namespace
 
-void RefreshShareStates() {
+bool RefreshShareStates() {
     try {
-        if (Refresh()) {
+        const bool hasChanged = Refresh();
+        if (hasChanged) {
             PVClientNotify::Notify(CLIENT_NOTIFY_REC_SHARE);
         }
+        return hasChanged;
     } catch (const std::exception& failure) {
         PV_LOG_LINE(kSource, "Failed to refresh the states of shares: %s\n",
                     DescribeFailure(failure).c_str());
+        return false;
+    }
+}
+
+void NoteMove(const std::string& name) {
+    try {
+        Database& database = AppDatabase();
+        WriteTransaction transaction(database);
+        database.Session()
+            << "update recording_share set migrating = 1 where name = :name and owner_rv_id = 0"
+               " and mount_type = 0",
+            soci::use(name);
+        transaction.Commit();
+    } catch (const std::exception& failure) {
+        PV_LOG_LINE(kSource, "Failed to note that a share is moved: %s\n", DescribeFailure(failure).c_str());
     }
 }
 
 }  // namespace pavane
+
+// A move ends by itself, and whoever sees its end must not be told of the share as it was before.
+std::list<RecShare> LoadRecShareFromDB(int rvId) {
+    std::list<RecShare> shares = pavane::LoadRecShares(rvId);
+    const bool isMoving = std::any_of(shares.begin(), shares.end(), [](const RecShare& share) {
+        return pavane::IsLocal(share) && share.GetMigrating();
+    });
+    return isMoving && pavane::RefreshShareStates() ? pavane::LoadRecShares(rvId) : shares;
+}

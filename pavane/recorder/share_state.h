@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 namespace pavane {
 
 // How often RefreshShareStates should run.
@@ -7,7 +9,11 @@ constexpr int kShareStateInterval_s = 3;
 
 // Brings what this server's records say about encryption and about data being moved in step with the shared
 // folders: those change by themselves, when a job ends or somebody locks a folder. Tells connected clients
-// when something has changed. Failures are logged.
-void RefreshShareStates();
+// when something has changed. Returns whether it has; failures are logged.
+bool RefreshShareStates();
+
+// Notes that data of this server's local share `name` is being moved, until a refresh finds that over; until
+// then every load of the records begins with a refresh. A failure is logged.
+void NoteMove(const std::string& name);
 
 }  // namespace pavane

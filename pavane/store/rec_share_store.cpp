@@ -1,5 +1,7 @@
 // Recording share records in the application database.
 
+#include "pavane/store/rec_share_store.h"
+
 #include <bit>
 #include <exception>
 #include <list>
@@ -289,7 +291,7 @@ int DelRecShareById(const std::list<int>& ids) {
     }
 }
 
-std::list<RecShare> LoadRecShareFromDB(int rvId) {
+std::list<RecShare> pavane::LoadRecShares(int rvId) {
     std::list<RecShare> shares;
     try {
         soci::session& session = pavane::AppDatabase().Session();
