@@ -5,6 +5,7 @@
 #include "korv/framework/api_registry.h"
 #include "korv/framework/error_code.h"
 #include "korv/framework/log.h"
+#include "korv/framework/request_scope.h"
 #include "korv/framework/request_state.h"
 
 namespace korv {
@@ -38,6 +39,7 @@ CallEnd CallMethod(std::unique_ptr<KORV::APIRequest::State> state, Answer& answe
         answer.Error(found.hasApi ? kErrorNoSuchMethod : kErrorNoSuchApi, Json::Value());
         return found.hasApi ? CallEnd::kNoSuchMethod : CallEnd::kNoSuchApi;
     }
+    const RequestScope scope;
     const std::string name = state->api + " " + state->method;
     KORV::APIRequest request(std::move(state));
     KORV::APIResponse response(std::make_unique<KORV::APIResponse::State>(KORV::APIResponse::State{answer}));

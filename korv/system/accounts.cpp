@@ -5,11 +5,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <system_error>
 
 #include "platform/korv/volume.h"
 
 #include "korv/framework/log.h"
+#include "korv/framework/request_scope.h"
 
 namespace korv {
 
@@ -73,6 +75,20 @@ std::vector<gid_t> GroupsOf(const UserAccount& user) {
     return groups;
 }
 
+const std::optional<Membership>& FindMembership(const std::string& user) {
+    static std::uint64_t request = 0;
+    static std::string name;
+    static std::optional<Membership> membership;
+    if (request == 0 || request != CurrentRequest() || name != user) {
+        request = 0;  // what was known is forgotten also when asking fails
+        const auto account = FindUser(user);
+        membership = account ? std::optional(Membership{*account, GroupsOf(*account)}) : std::nullopt;
+        name = user;
+        request = CurrentRequest();
+    }
+    return membership;
+}
+
 bool IsAdministrator(const std::string& user) {
     const auto account = FindUser(user);
     const auto administrators = FindGroup(kAdministratorsGroup);
@@ -87,13 +103,13 @@ bool IsAdministrator(const std::string& user) {
 
 int KORVUserGetUGID(const char* user, uid_t* uid, gid_t* gid) {
     try {
-        const auto account = korv::FindUser(user);
-        if (!account) {
+        const auto& membership = korv::FindMembership(user);
+        if (!membership) {
             return -1;
         }
-        *uid = account->uid;
+        *uid = membership->account.uid;
         if (gid != nullptr) {
-            *gid = account->primaryGid;
+            *gid = membership->account.primaryGid;
         }
         return 0;
     } catch (const std::system_error& failure) {

@@ -31,6 +31,17 @@ std::optional<GroupAccount> FindGroup(const std::string& name);
 // Ids of all groups that the user belongs to, the primary group included.
 std::vector<gid_t> GroupsOf(const UserAccount& user);
 
+// An account with all its groups.
+struct Membership {
+    UserAccount account;
+    std::vector<gid_t> groups;
+};
+
+// FindUser and GroupsOf in one. A request asks the name service once for its user, however many shares it
+// looks at; what changes meanwhile counts from the next request on. The reference is valid until the next
+// call.
+const std::optional<Membership>& FindMembership(const std::string& user);
+
 // True when the account `user` exists and belongs to the group `administrators`. Nothing but membership
 // counts here: that a call made in-process as "admin" is an administrator's is for the framework to say,
 // since it alone knows where a call comes from.

@@ -42,25 +42,31 @@ Udev OpenUdev() {
     return context;
 }
 
-// A port that disks are pulled from marks them as removable.
-bool IsOfKind(udev_device& disk, ExternalDiskKind kind) {
-    const std::string declared = Property(disk, kDeclaration);
-    if (!declared.empty()) {
-        return declared == (kind == ExternalDiskKind::kUsb ? "usb" : "esata");
-    }
-    if (Property(disk, "ID_TYPE") == "cd") {
-        return false;
-    }
-    const std::string bus = Property(disk, "ID_BUS");
-    if (kind == ExternalDiskKind::kUsb) {
-        return bus == "usb" || (bus.empty() && udev_device_get_parent_with_subsystem_devtype(
-                                                   &disk, "usb", "usb_device") != nullptr);
-    }
-    return bus == "ata" && Attribute(disk, "removable") == "1";
+bool IsBehindUsb(udev_device& disk) {
+    const bool isVirtual =
+        std::string(udev_device_get_syspath(&disk)).find("/devices/virtual/") != std::string::npos;
+    return !isVirtual && udev_device_get_parent_with_subsystem_devtype(&disk, "usb", "usb_device") != nullptr;
 }
 
-// A card reader's empty slot is a disk of size 0.
-bool HasMedium(udev_device& disk) { return Attribute(disk, "size") != "0"; }
+// Nothing for the machine's own disks. A port that disks are pulled from marks them as removable.
+std::optional<ExternalDiskKind> KindOf(udev_device& disk) {
+    const std::string declared = Property(disk, kDeclaration);
+    if (declared == "usb") {
+        return ExternalDiskKind::kUsb;
+    }
+    if (declared == "esata") {
+        return ExternalDiskKind::kEsata;
+    }
+    if (!declared.empty() || Property(disk, "ID_TYPE") == "cd") {
+        return std::nullopt;
+    }
+    const std::string bus = Property(disk, "ID_BUS");
+    if (bus == "usb" || (bus.empty() && IsBehindUsb(disk))) {
+        return ExternalDiskKind::kUsb;
+    }
+    const bool isPulled = bus == "ata" && Attribute(disk, "removable") == "1";
+    return isPulled ? std::optional(ExternalDiskKind::kEsata) : std::nullopt;
+}
 
 // "sdb" is 2, "sdaa" 27, "loop0" 1.
 int NumberOf(const std::string& name) {
@@ -152,13 +158,13 @@ int PartitionNumber(udev_device& device) {
 }
 
 // One partition that holds files is known by the disk's own name; several add their numbers.
-void NameShares(ExternalDisk& disk, ExternalDiskKind kind) {
+void NameShares(ExternalDisk& disk) {
     const auto isForFiles = [](const ExternalPartition& each) {
         return each.state != PartitionState::kHidden;
     };
     const bool isOne = std::count_if(disk.partitions.begin(), disk.partitions.end(), isForFiles) <= 1;
     const std::string stem =
-        (kind == ExternalDiskKind::kUsb ? "usbshare" : "satashare") + std::to_string(disk.number);
+        (disk.kind == ExternalDiskKind::kUsb ? "usbshare" : "satashare") + std::to_string(disk.number);
     for (ExternalPartition& partition : disk.partitions) {
         if (partition.state == PartitionState::kReady) {
             partition.shareName = isOne ? stem : stem + "-" + std::to_string(partition.number);
@@ -166,36 +172,50 @@ void NameShares(ExternalDisk& disk, ExternalDiskKind kind) {
     }
 }
 
+std::optional<ExternalDisk> Describe(udev_device& device) {
+    const char* node = udev_device_get_devnode(&device);
+    const auto kind = KindOf(device);
+    if (node == nullptr || !kind) {
+        return std::nullopt;
+    }
+    ExternalDisk disk;
+    disk.kind = *kind;
+    disk.name = udev_device_get_sysname(&device);
+    disk.device = node;
+    disk.number = NumberOf(disk.name);
+    disk.isSettled = udev_device_get_is_initialized(&device) > 0;
+    return disk;
+}
+
 }  // namespace
 
-std::vector<ExternalDisk> ListExternalDisks(ExternalDiskKind kind) {
+std::vector<ExternalDisk> ListExternalDisks() {
     const Udev context = OpenUdev();
     std::vector<ExternalDisk> disks;
-    for (const UdevDevice& device : ListBlockDevices(*context, "disk", nullptr)) {
-        const char* node = udev_device_get_devnode(device.get());
-        if (node == nullptr || !IsOfKind(*device, kind) || !HasMedium(*device)) {
-            continue;
+    for (const UdevDevice& device : ListDisks(*context)) {
+        if (auto disk = Describe(*device)) {
+            disks.push_back(std::move(*disk));
         }
-        ExternalDisk& disk = disks.emplace_back();
-        disk.name = udev_device_get_sysname(device.get());
-        disk.device = node;
-        disk.number = NumberOf(disk.name);
-        disk.isSettled = udev_device_get_is_initialized(device.get()) > 0;
     }
     std::sort(disks.begin(), disks.end(),
               [](const ExternalDisk& left, const ExternalDisk& right) { return left.name < right.name; });
     return disks;
 }
 
-void ReadPartitions(ExternalDisk& disk, ExternalDiskKind kind) {
+std::optional<ExternalDisk> FindExternalDisk(const std::string& name) {
+    const Udev context = OpenUdev();
+    const UdevDevice device = FindDisk(*context, name);
+    return device != nullptr ? Describe(*device) : std::nullopt;
+}
+
+void ReadPartitions(ExternalDisk& disk) {
     disk.partitions.clear();
     const Udev context = OpenUdev();
-    const UdevDevice device(
-        udev_device_new_from_subsystem_sysname(context.get(), "block", disk.name.c_str()));
+    const UdevDevice device = FindDisk(*context, disk.name);
     if (device == nullptr) {
         return;
     }
-    for (const UdevDevice& partition : ListBlockDevices(*context, "partition", device.get())) {
+    for (const UdevDevice& partition : ListPartitions(*context, *device)) {
         disk.partitions.push_back(ReadPartition(*partition, PartitionNumber(*partition)));
     }
     std::sort(disk.partitions.begin(), disk.partitions.end(),
@@ -205,7 +225,7 @@ void ReadPartitions(ExternalDisk& disk, ExternalDiskKind kind) {
     if (disk.partitions.empty()) {
         disk.partitions.push_back(ReadPartition(*device, 0));
     }
-    NameShares(disk, kind);
+    NameShares(disk);
 }
 
 }  // namespace korv

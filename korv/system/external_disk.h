@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,7 @@ struct ExternalPartition {
 };
 
 struct ExternalDisk {
+    ExternalDiskKind kind = ExternalDiskKind::kUsb;
     std::string name;    // "sdb"
     std::string device;  // "/dev/sdb"
     int number = 0;      // of its name: 2 for "sdb"; stays while the disk is attached
@@ -37,12 +39,15 @@ struct ExternalDisk {
     std::vector<ExternalPartition> partitions;
 };
 
-// The attached disks of one kind by name, without their partitions. `isSettled` is false while the device
+// The attached disks of both kinds by name, without their partitions. `isSettled` is false while the device
 // manager still looks at one. Throws std::runtime_error when the device manager's data can't be read.
-std::vector<ExternalDisk> ListExternalDisks(ExternalDiskKind kind);
+std::vector<ExternalDisk> ListExternalDisks();
+
+// The same of one disk; nothing when it is gone or no external disk.
+std::optional<ExternalDisk> FindExternalDisk(const std::string& name);
 
 // Fills the partitions of `disk` by number, or the disk itself where it holds a file system unpartitioned.
 // Reads from the disk, so it needs root. A disk that is gone has none.
-void ReadPartitions(ExternalDisk& disk, ExternalDiskKind kind);
+void ReadPartitions(ExternalDisk& disk);
 
 }  // namespace korv

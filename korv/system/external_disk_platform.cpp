@@ -32,12 +32,10 @@ std::optional<ExternalDiskKind> KindOf(int type) {
 
 // The disks of `kind`; notes the state of all that are attached.
 std::vector<ExternalDisk> ListAndNoteDisks(ExternalDiskKind kind) {
-    std::vector<ExternalDisk> usb = korv::ListExternalDisks(ExternalDiskKind::kUsb);
-    std::vector<ExternalDisk> esata = korv::ListExternalDisks(ExternalDiskKind::kEsata);
-    std::vector<ExternalDisk> all = usb;
-    all.insert(all.end(), esata.begin(), esata.end());
-    korv::UpdateDiskStates(all);
-    return kind == ExternalDiskKind::kUsb ? usb : esata;
+    std::vector<ExternalDisk> disks = korv::ListExternalDisks();
+    korv::UpdateDiskStates(disks);
+    std::erase_if(disks, [kind](const ExternalDisk& disk) { return disk.kind != kind; });
+    return disks;
 }
 
 std::size_t SizeOf(const ExternalDisk& disk) { return sizeof(char*) + disk.name.size() + 1; }
@@ -74,13 +72,12 @@ void FillPartition(const korv::ExternalPartition& from, KORVEXTPARTITION& to) {
 }
 
 std::optional<ExternalDisk> FindDisk(const std::string& name, ExternalDiskKind kind) {
-    for (ExternalDisk& disk : korv::ListExternalDisks(kind)) {
-        if (disk.name == name) {
-            korv::ReadPartitions(disk, kind);
-            return disk;
-        }
+    auto disk = korv::FindExternalDisk(name);
+    if (!disk || disk->kind != kind) {
+        return std::nullopt;
     }
-    return std::nullopt;
+    korv::ReadPartitions(*disk);
+    return disk;
 }
 
 }  // namespace

@@ -47,13 +47,11 @@ std::optional<std::string> ExternalSharePath(const std::string& name) {
     const auto isWanted = [&name](const ExternalPartition& partition) {
         return strcasecmp(partition.shareName.c_str(), name.c_str()) == 0;
     };
-    for (const ExternalDiskKind kind : {ExternalDiskKind::kUsb, ExternalDiskKind::kEsata}) {
-        for (ExternalDisk& disk : ListExternalDisks(kind)) {
-            ReadPartitions(disk, kind);
-            const auto found = std::find_if(disk.partitions.begin(), disk.partitions.end(), isWanted);
-            if (found != disk.partitions.end()) {
-                return found->mountPath;
-            }
+    for (ExternalDisk& disk : ListExternalDisks()) {
+        ReadPartitions(disk);
+        const auto found = std::find_if(disk.partitions.begin(), disk.partitions.end(), isWanted);
+        if (found != disk.partitions.end()) {
+            return found->mountPath;
         }
     }
     return std::nullopt;

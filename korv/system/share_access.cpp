@@ -26,13 +26,22 @@ FileDescriptor OpenFolder(int parent, const std::string& name) {
     return FileDescriptor(openat(parent, name.c_str(), kFolderOnly));
 }
 
-bool IsAllowed(int folder, const Identity& who, unsigned wanted) {
+// Who may do what with a folder.
+struct FolderRights {
+    Acl acl;
+    FolderOwner owner;
+
+    bool Allow(const Identity& who, unsigned wanted) const {
+        return Permits(acl, owner, {false, who.uid, who.groups}, wanted);
+    }
+};
+
+FolderRights ReadRights(int folder) {
     struct stat status {};
     if (fstat(folder, &status) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot look at a folder");
     }
-    return Permits(ReadAcl(folder, ACL_TYPE_ACCESS), {status.st_uid, status.st_gid},
-                   {false, who.uid, who.groups}, wanted);
+    return {ReadAcl(folder, ACL_TYPE_ACCESS), {status.st_uid, status.st_gid}};
 }
 
 // From the list of mounts, since a file system that has stopped answering for its size may still serve files.
@@ -46,7 +55,7 @@ FileDescriptor Walk(const std::string& path, const Identity& who) {
     FileDescriptor folder = OpenFolder(AT_FDCWD, "/");
     std::size_t begin = path.find_first_not_of('/');
     while (folder && begin != std::string::npos) {
-        if (!IsAllowed(folder.Get(), who, kAclExecute)) {
+        if (!ReadRights(folder.Get()).Allow(who, kAclExecute)) {
             return FileDescriptor();
         }
         const std::size_t end = path.find('/', begin);
@@ -62,9 +71,10 @@ std::optional<FolderAccess> ReadAccess(const std::string& path, const Identity& 
         if (!folder) {
             return FolderAccess{};
         }
+        const FolderRights rights = ReadRights(folder.Get());
         FolderAccess access;
-        access.canList = IsAllowed(folder.Get(), who, kAclRead) && IsAllowed(folder.Get(), who, kAclExecute);
-        access.canChange = IsAllowed(folder.Get(), who, kAclWrite | kAclExecute) && !IsReadOnly(path);
+        access.canList = rights.Allow(who, kAclRead) && rights.Allow(who, kAclExecute);
+        access.canChange = rights.Allow(who, kAclWrite | kAclExecute) && !IsReadOnly(path);
         return access;
     } catch (const std::system_error& failure) {
         LogLine("the rights on " + path + " can't be read: " + failure.what());
@@ -85,21 +95,21 @@ namespace {
 constexpr int kAllRights = KORV_SHARE_RIGHT_READ | KORV_SHARE_RIGHT_WRITE;
 
 // Every share admits the administrators, so that theirs are known also while a folder doesn't answer.
-bool IsToldWithoutTheFolder(const korv::UserAccount& account, const std::string& path) {
-    return korv::IsSilent(path) && korv::IsAdministrator(account.name);
+bool IsToldWithoutTheFolder(const std::string& user, const std::string& path) {
+    return korv::IsSilent(path) && korv::IsAdministrator(user);
 }
 
 }  // namespace
 
 int KLIBShareUserRightGet(const char* user, const KORVSHARE* share) {
     try {
-        const auto account = korv::FindUser(user);
-        if (!account) {
+        const auto& membership = korv::FindMembership(user);
+        if (!membership) {
             return -1;
         }
-        const auto access = korv::AccessTo(share->path, {account->uid, korv::GroupsOf(*account)});
+        const auto access = korv::AccessTo(share->path, {membership->account.uid, membership->groups});
         if (!access) {
-            return IsToldWithoutTheFolder(*account, share->path) ? kAllRights : -1;
+            return IsToldWithoutTheFolder(user, share->path) ? kAllRights : -1;
         }
         return (access->canChange ? KORV_SHARE_RIGHT_WRITE : 0) |
                (access->canList ? KORV_SHARE_RIGHT_READ : 0);

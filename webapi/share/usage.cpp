@@ -1,8 +1,10 @@
 // "ListShareUsage": which applications keep data in which shared folders.
 
+#include <array>
 #include <list>
 #include <map>
 #include <string>
+#include <utility>
 
 #include <json/json.h>
 
@@ -34,6 +36,37 @@ private:
     std::map<int, bool> m_inOrder;
 };
 
+// What an entry says of its application; made once however many rows an application has.
+class ApplicationTexts {
+public:
+    // Null for an application that can't run; nothing at all is said of one that isn't known.
+    const Json::Value* Of(int applicationId) const {
+        const auto index = static_cast<unsigned int>(applicationId);
+        return index < m_texts.size() ? &m_texts[index] : nullptr;
+    }
+
+    ApplicationTexts() {
+        const auto traits = ApplicationTraits();
+        for (std::size_t i = 0; i < traits.size(); ++i) {
+            if (traits[i].IsCompatible()) {
+                m_texts[i]["enabled"] = traits[i].IsEnabled();
+                m_texts[i]["name"] =
+                    PVJson::JsonConverter<MultilangString, void>::ToJson(traits[i].GetName());
+            }
+        }
+    }
+
+private:
+    std::array<Json::Value, kApplicationCount> m_texts;
+};
+
+// JsonCpp copies other keys for every entry.
+const Json::StaticString kApp("app");
+const Json::StaticString kApplicationId("application_id");
+const Json::StaticString kName("name");
+const Json::StaticString kRvId("rvId");
+const Json::StaticString kShareId("share_id");
+
 std::string ConditionFor(int shareId) {
     return shareId == kAllShares ? "" : " WHERE share_id = " + std::to_string(shareId) + " ";
 }
@@ -45,26 +78,26 @@ bool ShareHandler::HandleLocalListShareUsage(Json::Value& result, int shareId) {
     if (SharedFolderStorage::m_DBAccess.Enum(rows, ConditionFor(shareId), "", "") != 0) {
         return false;
     }
-    const auto traits = ApplicationTraits();
+    const ApplicationTexts applications;
     ShareStatusCache status;
+    Json::Value& usage = result["usage"];
     for (const SharedFolderStorage& row : rows) {
         if (shareId == kAllShares && row.shareId >= 0 && status.IsInOrder(row.shareId)) {
             continue;
         }
-        Json::Value entry(Json::objectValue);
-        entry["name"] = row.name;
-        entry["share_id"] = row.shareId;
-        entry["application_id"] = Json::Int64{row.applicationId};
-        entry["rvId"] = 0;
-        if (static_cast<unsigned int>(row.applicationId) < traits.size()) {
-            const ApplicationTrait& trait = traits[static_cast<std::size_t>(row.applicationId)];
-            if (!trait.IsCompatible()) {
-                continue;
-            }
-            entry["app"]["enabled"] = trait.IsEnabled();
-            entry["app"]["name"] = PVJson::JsonConverter<MultilangString, void>::ToJson(trait.GetName());
+        const Json::Value* application = applications.Of(row.applicationId);
+        if (application != nullptr && application->isNull()) {
+            continue;
         }
-        result["usage"].append(entry);
+        Json::Value entry(Json::objectValue);
+        entry[kName] = row.name;
+        entry[kShareId] = row.shareId;
+        entry[kApplicationId] = Json::Int64{row.applicationId};
+        entry[kRvId] = 0;
+        if (application != nullptr) {
+            entry[kApp] = *application;
+        }
+        usage.append(std::move(entry));
     }
     return true;
 }

@@ -53,20 +53,22 @@ protected:
 
     static std::vector<std::string> Names(ExternalDiskKind kind) {
         std::vector<std::string> names;
-        for (const korv::ExternalDisk& disk : korv::ListExternalDisks(kind)) {
+        for (const korv::ExternalDisk& disk : korv::ListExternalDisks()) {
+            if (disk.kind != kind) {
+                continue;
+            }
             names.push_back(disk.name + "/" + std::to_string(disk.number));
         }
         return names;
     }
 
     static std::vector<korv::ExternalPartition> Partitions(ExternalDiskKind kind, const std::string& name) {
-        for (korv::ExternalDisk& disk : korv::ListExternalDisks(kind)) {
-            if (disk.name == name) {
-                korv::ReadPartitions(disk, kind);
-                return disk.partitions;
-            }
+        auto disk = korv::FindExternalDisk(name);
+        if (!disk || disk->kind != kind) {
+            return {};
         }
-        return {};
+        korv::ReadPartitions(*disk);
+        return disk->partitions;
     }
 
     static std::string StateOf(const std::string& disk) {
