@@ -29,12 +29,12 @@ def free_port():
 
 
 @contextlib.contextmanager
-def node(root, build, folder):
+def node(root, build, folder, settings=_NODE_SETTINGS):
     """A private node with the benchmark's module; gives its address."""
     os.makedirs(f"{folder}/static")
     os.chmod(folder, 0o755)
     with open(f"{folder}/extra.yaml", "w", encoding="utf-8") as file:
-        file.write(_NODE_SETTINGS.format(folder=folder))
+        file.write(settings.format(folder=folder))
     process = subprocess.Popen(
         [f"{root}/script/node", "--state", f"{folder}/node", "--build", build, "--port", str(free_port()),
          "--module", f"{build}/lib/bench_ready.so", "--settings", f"{folder}/extra.yaml"],
@@ -50,14 +50,14 @@ def node(root, build, folder):
 
 
 class Client:
-    """A session of the administrator."""
+    """A session of an account."""
 
-    def __init__(self, url, folder):
+    def __init__(self, url, folder, account="admin"):
         self.url = url
         self.headers = {"Content-Type": "application/json"}
         with open(f"{folder}/node/accounts.txt", encoding="utf-8") as file:
-            password = dict(line.split() for line in file)["admin"]
-        answer, cookie = self.send("KORV.Core.Session", "login", account="admin", passwd=password)
+            password = dict(line.split() for line in file)[account]
+        answer, cookie = self.send("KORV.Core.Session", "login", account=account, passwd=password)
         self.headers["Cookie"] = cookie.split(";")[0]
         self.headers["X-Korv-Csrf"] = json.loads(answer)["data"]["csrf"]
 
