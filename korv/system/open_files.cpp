@@ -18,14 +18,28 @@ bool IsBeneath(const std::string& file, const std::string& prefix) {
     return file.compare(0, prefix.size(), prefix) == 0;
 }
 
-// The links of /proc/PID/fd can be asked for their targets' kinds without opening anything.
-bool HasOpen(const fs::path& process, const std::string& prefix) {
+// A process in a mount namespace of its own may have something else at this place: another volume of the same
+// name in a container. A process that can't be asked any more has nothing open.
+bool HasFolder(const fs::path& process, const std::string& path) {
+    std::error_code error;
+    const fs::path itsNamespace = fs::read_symlink(process / "ns/mnt", error);
+    if (!error && itsNamespace == fs::read_symlink("/proc/self/ns/mnt", error) && !error) {
+        return true;
+    }
+    return fs::equivalent(process.string() + "/root" + path, path, error) && !error;
+}
+
+// The links of /proc/PID/fd can be asked for their targets' kinds without opening anything. A process
+// elsewhere may also reach the very folder by another way: then its file is the one that is found here.
+bool HasOpen(const fs::path& process, const std::string& path) {
+    const std::string prefix = path + "/";
     std::error_code error;
     for (fs::directory_iterator each(process / "fd", error), end; !error && each != end;
          each.increment(error)) {
         std::error_code ignored;
         const std::string target = fs::read_symlink(each->path(), ignored).string();
-        if (IsBeneath(target, prefix) && !fs::is_directory(each->path(), ignored)) {
+        if (IsBeneath(target, prefix) && !fs::is_directory(each->path(), ignored) &&
+            (HasFolder(process, path) || fs::equivalent(each->path(), target, ignored))) {
             return true;
         }
     }
@@ -45,17 +59,6 @@ bool HasMapped(const fs::path& process, const std::string& prefix) {
     return false;
 }
 
-// A process in a mount namespace of its own may have something else at this place: another volume of the same
-// name in a container. A process that can't be asked any more has nothing open.
-bool HasFolder(const fs::path& process, const std::string& path) {
-    std::error_code error;
-    const fs::path itsNamespace = fs::read_symlink(process / "ns/mnt", error);
-    if (!error && itsNamespace == fs::read_symlink("/proc/self/ns/mnt", error) && !error) {
-        return true;
-    }
-    return fs::equivalent(process.string() + "/root" + path, path, error) && !error;
-}
-
 bool IsProcess(const std::string& name) {
     return std::all_of(name.begin(), name.end(),
                        [](char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; });
@@ -66,12 +69,11 @@ bool IsProcess(const std::string& name) {
 // Processes come and go meanwhile, so that what can't be read is passed over.
 bool IsFileOpenBeneath(const std::string& path) {
     const RunAsScope root = IF_RUN_AS;
-    const std::string prefix = path + "/";
     std::error_code error;
     for (fs::directory_iterator each("/proc", error), end; !error && each != end; each.increment(error)) {
         if (IsProcess(each->path().filename().string()) &&
-            (HasOpen(each->path(), prefix) || HasMapped(each->path(), prefix)) &&
-            HasFolder(each->path(), path)) {
+            (HasOpen(each->path(), path) ||
+             (HasMapped(each->path(), path + "/") && HasFolder(each->path(), path)))) {
             return true;
         }
     }

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <string>
 
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -94,6 +95,16 @@ TEST_F(OpenFilesTest, LeavesOutAnotherFolderThatAContainerHasAtThePlace) {
     ASSERT_TRUE(reader.IsOpen());
     EXPECT_FALSE(std::filesystem::exists(m_folder + "/cam")) << "it is the container's own";
     EXPECT_FALSE(korv::IsFileOpenBeneath(m_folder));
+}
+
+TEST_F(OpenFilesTest, TellsAFileThatAContainerReachesByAnotherWay) {
+    const std::string otherWay = "/proc/" + std::to_string(getpid()) + "/root" + m_folder;
+    const Reader reader(otherWay, [] {
+        return HasNamespace() && mount("none", machine::Volume().c_str(), "tmpfs", 0, "") == 0;
+    });
+    ASSERT_TRUE(reader.IsOpen());
+    EXPECT_TRUE(std::filesystem::exists(m_folder + "/cam")) << "it is this one";
+    EXPECT_TRUE(korv::IsFileOpenBeneath(m_folder));
 }
 
 }  // namespace
