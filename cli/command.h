@@ -35,6 +35,7 @@ void AddArchiveCommands(CLI::App& app, Context& context);
 void AddCameraCommands(CLI::App& app, Context& context);
 void AddEventCommands(CLI::App& app, Context& context);
 void AddLogCommands(CLI::App& app, Context& context);
+void AddMountCommands(CLI::App& app, Context& context);
 void AddServerCommands(CLI::App& app, Context& context);
 void AddServiceCommands(CLI::App& app, Context& context);
 

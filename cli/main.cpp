@@ -33,6 +33,7 @@ int Run(int argc, char** argv) {
     cli::AddCameraCommands(app, context);
     cli::AddEventCommands(app, context);
     cli::AddLogCommands(app, context);
+    cli::AddMountCommands(app, context);
     cli::AddServerCommands(app, context);
     cli::AddServiceCommands(app, context);
     try {

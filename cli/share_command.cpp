@@ -1,4 +1,4 @@
-// `pavane share list` and `create`.
+// `pavane share list`, `create` and `create-remote`.
 
 #include <array>
 #include <cstdio>
@@ -10,6 +10,7 @@
 
 #include "cli/command.h"
 #include "cli/password.h"
+#include "cli/remote_folder.h"
 
 namespace cli {
 
@@ -141,6 +142,54 @@ void Create(const Context& context, const CreateOptions& options) {
     }
 }
 
+// "mountPath" is what the mount service reads, "mountPoint" what becomes the share.
+void CreateRemote(const Context& context, const RemoteFolder& folder, bool isMounted, int server) {
+    constexpr int kNfs = 1;
+    constexpr int kCifs = 2;
+    Json::Value parameters(Json::objectValue);
+    parameters["mountType"] = folder.IsNfs() ? kNfs : kCifs;
+    parameters["mountSource"] = folder.source;
+    parameters["mountPoint"] = folder.mountPoint;
+    parameters["mountPath"] = folder.mountPoint;
+    parameters["blAutoMount"] = folder.isAutomatic;
+    parameters["auto_mount"] = folder.isAutomatic;
+    parameters["blNeedMount"] = !isMounted;
+    parameters["adv_opt"] = folder.options;
+    parameters["nfs_version"] = folder.nfsVersion;
+    parameters["protocol"] = folder.protocol;
+    parameters["rvId"] = server;
+    if (!isMounted && !folder.IsNfs()) {
+        parameters["account"] = folder.account;
+        parameters["passwd"] = folder.ReadPassword();
+    }
+    const Json::Value data = context.MakeClient().Call(kApi, "CreateRemoteRecShare", parameters);
+    if (context.json) {
+        PrintJson(data);
+    } else {
+        PrintLine("recording share " + Cell(data, "id") + ": " + folder.mountPoint);
+    }
+}
+
+void AddCreateRemote(CLI::App& share, Context& context) {
+    struct Options {
+        RemoteFolder folder;
+        bool isMounted = false;
+        int server = 0;
+    };
+    const auto options = std::make_shared<Options>();
+    CLI::App* const create =
+        share.add_subcommand("create-remote", "Make a folder of another machine a recording share");
+    options->folder.AddOptions(*create);
+    create->add_flag("--mounted", options->isMounted, "It is mounted there already");
+    create->add_option("--server", options->server, "Id of the recording server that is to own it")
+        ->check(CLI::NonNegativeNumber);
+    create->callback([&context, options] {
+        context.chosen = [&context, options] {
+            CreateRemote(context, options->folder, options->isMounted, options->server);
+        };
+    });
+}
+
 void AddList(CLI::App& share, Context& context) {
     const auto options = std::make_shared<ListOptions>();
     CLI::App* const list = share.add_subcommand("list", "List the recording shares");
@@ -181,6 +230,7 @@ void AddShareCommands(CLI::App& app, Context& context) {
     share->require_subcommand(1);
     AddList(*share, context);
     AddCreate(*share, context);
+    AddCreateRemote(*share, context);
     AddShareUseCommands(*share, context);
     AddShareChangeCommands(*share, context);
     AddShareKeyCommands(*share, context);

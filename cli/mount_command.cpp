@@ -1,0 +1,107 @@
+// `pavane mount add`, `list`, `remove` and `reconnect`.
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "cli/command.h"
+#include "cli/remote_folder.h"
+
+namespace cli {
+
+namespace {
+
+constexpr const char* kMountApi = "KORV.Tarsel.Mount";
+constexpr const char* kListApi = "KORV.Tarsel.Mount.List";
+
+void Add(const Context& context, const RemoteFolder& folder) {
+    Json::Value parameters(Json::objectValue);
+    parameters["mount_type"] = folder.IsNfs() ? "NFS" : "CIFS";
+    parameters["server_ip"] = folder.source;
+    parameters["mount_point"] = folder.mountPoint;
+    parameters["auto_mount"] = folder.isAutomatic;
+    parameters["adv_opt"] = folder.options;
+    if (folder.IsNfs()) {
+        parameters["nfs_version"] = folder.nfsVersion;
+        parameters["protocol"] = folder.protocol;
+    } else {
+        parameters["account"] = folder.account;
+        parameters["passwd"] = folder.ReadPassword();
+    }
+    context.MakeClient().Call(kMountApi, "mount_remote", parameters);
+    if (!context.json) {
+        PrintLine(folder.source + " is mounted at " + folder.mountPoint);
+    }
+}
+
+std::string StateOf(const Json::Value& mount) {
+    if (!mount["mounted"].asBool()) {
+        return "not mounted";
+    }
+    return mount["status"].asInt() == 0 ? "normal" : "does not answer";
+}
+
+void List(const Context& context) {
+    const Json::Value data = context.MakeClient().Call(kListApi, "list");
+    if (context.json) {
+        PrintJson(data);
+        return;
+    }
+    Table table({{"MOUNT POINT"}, {"SOURCE"}, {"TYPE"}, {"AUTO"}, {"STATE"}, {"ERROR", Align::kRight}});
+    for (const Json::Value& mount : data["mounts"]) {
+        table.Add({Cell(mount, "mount_point"), Cell(mount, "source"), Cell(mount, "type"),
+                   Cell(mount, "auto_mount"), StateOf(mount),
+                   mount["last_error"].asInt() == 0 ? "" : Cell(mount, "last_error")});
+    }
+    PrintTable(table);
+}
+
+void Remove(const Context& context, const std::string& mountPoint) {
+    Json::Value parameters(Json::objectValue);
+    parameters["mount_type"] = "remote";
+    parameters["is_mount_point"] = true;
+    parameters["mount_point"] = mountPoint;
+    context.MakeClient().Call(kMountApi, "unmount", parameters);
+    if (!context.json) {
+        PrintLine(mountPoint + " is no longer mounted");
+    }
+}
+
+void Reconnect(const Context& context, const std::string& mountPoint) {
+    Json::Value parameters(Json::objectValue);
+    parameters["mount_point"].append(mountPoint);
+    context.MakeClient().Call(kListApi, "reconnect", parameters);
+    if (!context.json) {
+        PrintLine(mountPoint + " is mounted");
+    }
+}
+
+void AddForOne(CLI::App& mount, Context& context, const char* name, const char* description,
+               void (*action)(const Context&, const std::string&)) {
+    const auto mountPoint = std::make_shared<std::string>();
+    CLI::App* const command = mount.add_subcommand(name, description);
+    command->add_option("mount-point", *mountPoint, "Folder on which it is mounted")->required();
+    command->callback([&context, mountPoint, action] {
+        context.chosen = [&context, mountPoint, action] { action(context, *mountPoint); };
+    });
+}
+
+}  // namespace
+
+void AddMountCommands(CLI::App& app, Context& context) {
+    CLI::App* const mount = app.add_subcommand("mount", "Remote folders mounted inside shared folders");
+    mount->require_subcommand(1);
+    const auto folder = std::make_shared<RemoteFolder>();
+    CLI::App* const add = mount->add_subcommand("add", "Mount a remote folder");
+    folder->AddOptions(*add);
+    add->callback([&context, folder] { context.chosen = [&context, folder] { Add(context, *folder); }; });
+    mount->add_subcommand("list", "List the mounts")->callback([&context] {
+        context.chosen = [&context] { List(context); };
+    });
+    AddForOne(*mount, context, "remove", "Unmount a remote folder and forget it", Remove);
+    AddForOne(*mount, context, "reconnect", "Mount a remote folder again that is known", Reconnect);
+}
+
+}  // namespace cli

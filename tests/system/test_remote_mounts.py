@@ -1,0 +1,134 @@
+"""Remote folders as recording shares: mounted, lost, found again, with a real Samba server."""
+
+import os
+
+import pytest
+
+import samba
+from node import SHARE_API, Node, wait_until
+
+MOUNT_API = "KORV.Tarsel.Mount"
+LIST_API = "KORV.Tarsel.Mount.List"
+POINT = "/volume1/video/nas"
+
+
+@pytest.fixture(scope="module")
+def server_and_node():
+    with Node() as node:
+        server = samba.Samba(node.folder)
+        server.start()
+        samba.put_helpers_in_place(node)
+        node.client("admin").create("video")
+        yield server, node
+        server.kill()
+
+
+@pytest.fixture
+def server(server_and_node):
+    return server_and_node[0]
+
+
+@pytest.fixture
+def node(server_and_node):
+    node = server_and_node[1]
+    node.allowed.clear()
+    node.unexpected_lines()
+    yield node
+    assert node.unexpected_lines() == []
+
+
+@pytest.fixture
+def admin(node):
+    return node.client("admin")
+
+
+def wanted(server, **more):
+    return {"mountType": 2, "mountSource": "//127.0.0.1/data", "mountPoint": POINT, "mountPath": POINT,
+            "blNeedMount": True, "account": samba.ACCOUNT, "passwd": samba.PASSWORD,
+            "adv_opt": f"port={server.port}", "blAutoMount": True, **more}
+
+
+def state(admin, **filters):
+    return {share["sharePath"]: share["mountStatus"] for share in admin.list(**filters)}.get(POINT)
+
+
+def mounts(admin):
+    return admin.call(LIST_API, "list")["data"]["mounts"]
+
+
+@pytest.mark.parametrize("change, code", [
+    ({"passwd": "wrong"}, 492),
+    ({"mountSource": "//127.0.0.1/nosuch"}, 496),
+    ({"mountSource": "//no-such-host.invalid/data"}, 493),
+    ({"adv_opt": "port=1"}, 495),
+    ({"adv_opt": "suid"}, 502),
+    ({"mountSource": "//127.0.0.1/data,uid=0"}, 491),
+    ({"mountPath": "/volume1/video"}, 485),
+    ({"mountPoint": "/volume1/video"}, 485),
+    ({"mountPath": "/volume1/nosuch/nas"}, 485),
+    ({"mountPath": "/volume1/video/a/b"}, 498),
+    ({"account": "a\nb"}, 484),
+    ({"mountPath": "/volume1/video/../nas"}, 484),
+    ({"mountType": 1}, 491),
+])
+def test_a_failure_tells_its_cause_and_leaves_nothing(node, server, admin, change, code):
+    node.allow("mounting at|Error response|Failed to execute function after relay")
+    answer = admin.call(SHARE_API, "CreateRemoteRecShare", **{**wanted(server), **change})
+    assert answer.get("error", {}).get("code") == code, answer
+    assert mounts(admin) == []
+    assert node.inside("ls", "-A", "/volume1/video") == ""
+
+
+def test_a_remote_folder_becomes_a_share_and_survives_its_server(node, server, admin):
+    node.allow("the mount at|mounting at|reconnecting|korvd ends|korvd serves on|public.sock failed")
+    answer = admin.call(SHARE_API, "CreateRemoteRecShare", **wanted(server))
+    assert answer["success"], answer
+    assert answer["data"]["fsType"] == 11 and answer["data"]["totalSize"] > 0
+    assert state(admin) == 0
+    node.inside("setpriv", "--reuid", "Pavane", "--regid", "Pavane", "--init-groups", "touch", f"{POINT}/recording")
+    assert os.path.exists(f"{server.data}/recording")
+    assert [mount["status"] for mount in mounts(admin)] == [0]
+
+    server.kill()
+    wait_until(lambda: state(admin, blIncldRemoteAbnormal=True) == 1, "the share is abnormal", 30)
+    assert state(admin) is None
+    assert node.inside("touch", f"{POINT}/unseen", check=False).returncode != 0
+    answer = admin.call(SHARE_API, "ReconnetRemoteMount", mount_point=POINT)
+    assert answer["error"]["code"] == 425, answer
+
+    server.start()
+    answer = admin.call(SHARE_API, "ReconnetRemoteMount", mount_point=POINT)
+    assert answer["success"], answer
+    assert state(admin) == 0
+    assert "recording" in node.inside("ls", POINT)
+
+    node.stop()
+    node.start()
+    samba.put_helpers_in_place(node)
+    admin = node.client("admin")
+    wait_until(lambda: [mount["status"] for mount in mounts(admin) if mount["mounted"]] == [0],
+               "the automatic mount is back", 60)
+    wait_until(lambda: state(admin) == 0, "the share is normal again", 30)
+
+
+def test_a_mount_is_offered_until_it_is_a_share(node, server, admin):
+    node.allow("the mount at|unmounting")
+    point = "/volume1/video/second"
+    answer = admin.call(MOUNT_API, "mount_remote", mount_type="CIFS", account=samba.ACCOUNT, passwd=samba.PASSWORD,
+                        server_ip="//127.0.0.1/data", mount_point="/video/second", adv_opt=f"port={server.port}")
+    assert answer["success"], answer
+    offered = admin.call(SHARE_API, "ListMountedFolder")["data"]["remoteList"]
+    assert offered == [{"blAutoMount": False, "mountType": 2, "mountPoint": point, "mountSource": "//127.0.0.1/data"}]
+    answer = admin.call(SHARE_API, "CreateRemoteRecShare",
+                        **wanted(server, mountPoint=point, blNeedMount=False, blAutoMount=False))
+    assert answer["success"], answer
+    assert admin.call(SHARE_API, "ListMountedFolder") == {"success": True}
+    answer = admin.call(MOUNT_API, "unmount", mount_type="remote", is_mount_point=True, mount_point="/video/second")
+    assert answer["success"], answer
+    assert node.client("viewer").call(MOUNT_API, "unmount", mount_point="/video/nas")["error"]["code"] == 432
+
+
+def test_nobody_mounts_without_a_session(node):
+    for api, method in ((MOUNT_API, "mount_remote"), (MOUNT_API, "unmount"), (LIST_API, "list"),
+                        (LIST_API, "reconnect")):
+        assert node.client().call(api, method)["error"]["code"] == 105
