@@ -14,6 +14,7 @@
 #include "cli/input_error.h"
 #include "cli/job_progress.h"
 #include "cli/password.h"
+#include "cli/share_lookup.h"
 
 namespace cli {
 
@@ -22,9 +23,15 @@ namespace {
 constexpr const char* kApi = "KORV.Pavane.Share";
 constexpr const char* kNasApi = "KORV.Core.Share";
 
+struct MigratingOptions {
+    int share = 0;
+    std::optional<int> server;
+};
+
 // What is to change; the rest stays.
 struct EditOptions {
     int share = 0;
+    std::optional<int> server;
     std::optional<std::string> name;
     std::optional<std::string> description;
     bool hidden = false;
@@ -39,23 +46,10 @@ struct EditOptions {
 
 struct DeleteOptions {
     std::vector<int> shares;
+    std::optional<int> server;
     bool keepFolder = false;
     bool yes = false;
 };
-
-Json::Value FindShare(Client& client, int id) {
-    Json::Value parameters(Json::objectValue);
-    parameters["blIncldMigrating"] = true;
-    parameters["blIncldEncUnmount"] = true;
-    parameters["blIncldRemoteAbnormal"] = true;
-    const Json::Value data = client.Call(kApi, "ListRecShare", parameters);
-    for (const Json::Value& share : data["sharelist"]) {
-        if (share["shareId"].asInt() == id) {
-            return share;
-        }
-    }
-    throw InputError("there is no recording share " + std::to_string(id) + "; see `pavane share list`");
-}
 
 // Of this server's own folder as it is now: the list may be a few seconds old.
 bool IsEncrypted(Client& client, const Json::Value& share) {
@@ -101,7 +95,7 @@ std::string MovingJob(Client& client, const std::string& name) {
 
 void Edit(Context& context, const EditOptions& options) {
     Client client = context.MakeClient();
-    const Json::Value share = FindShare(client, options.share);
+    const Json::Value share = FindShare(client, options.share, options.server);
     const Json::Value parameters = EditParameters(client, options, share);
     const Json::Value data = client.Call(kApi, "EditRecShare", parameters);
     if (context.json) {
@@ -141,7 +135,7 @@ void Delete(const Context& context, const DeleteOptions& options) {
     Table table(
         {{"ID", Align::kRight}, {"NAME"}, {"PATH"}, {"SERVER", Align::kRight}, {"CAMERAS", Align::kRight}});
     for (const int id : options.shares) {
-        const Json::Value share = FindShare(client, id);
+        const Json::Value share = FindShare(client, id, options.server);
         Json::Value item(Json::objectValue);
         item["shareId"] = share["shareId"];
         item["shareRvId"] = share["shareRvId"];
@@ -164,14 +158,19 @@ void Delete(const Context& context, const DeleteOptions& options) {
     }
 }
 
-void ShowMigrating(const Context& context, int share) {
+// Only a share's owner knows what is moved out of it; of another server's share this one asks the owner.
+void ShowMigrating(const Context& context, const MigratingOptions& options) {
+    Client client = context.MakeClient();
     Json::Value parameters(Json::objectValue);
-    parameters["shareId"] = share;
-    const Json::Value data = context.MakeClient().Call(kApi, "CheckStorageMigrating", parameters);
+    parameters["shareId"] = options.share;
+    const bool isFar =
+        options.server.has_value() && FindShare(client, options.share, options.server)["shareRvId"] != 0;
+    parameters["blCheckMigrating"] = true;
+    const Json::Value data = client.Call(kApi, isFar ? "ListUsingCam" : "CheckStorageMigrating", parameters);
     if (context.json) {
-        PrintJson(data);
+        PrintJson(isFar ? Json::Value() : data);
     } else {
-        PrintLine("no camera is moving recordings out of share " + std::to_string(share));
+        PrintLine("no camera is moving recordings out of share " + std::to_string(options.share));
     }
 }
 
@@ -181,6 +180,7 @@ void AddEdit(CLI::App& share, Context& context) {
     const auto options = std::make_shared<EditOptions>();
     CLI::App* const edit = share.add_subcommand("edit", "Change a recording share; what is not named stays");
     edit->add_option("share", options->share, "Id of the recording share")->required();
+    AddOwnerOption(*edit, options->server);
     edit->add_option("--name", options->name, "New name of the folder");
     edit->add_option("--description", options->description, "What the share is for");
     CLI::Option* const hidden =
@@ -203,6 +203,7 @@ void AddLimit(CLI::App& share, Context& context) {
     const auto options = std::make_shared<EditOptions>();
     CLI::App* const limit = share.add_subcommand("limit", "Limit the size of a share's recordings");
     limit->add_option("share", options->share, "Id of the recording share")->required();
+    AddOwnerOption(*limit, options->server);
     CLI::Option* const size =
         limit->add_option("gb", options->limitGB, "Delete the oldest recordings beyond so many GB")
             ->check(CLI::Range(1, kMostGB));
@@ -219,6 +220,7 @@ void AddDelete(CLI::App& share, Context& context) {
     const auto options = std::make_shared<DeleteOptions>();
     CLI::App* const remove = share.add_subcommand("delete", "Delete recording shares and their folders");
     remove->add_option("share", options->shares, "Ids of the recording shares")->required();
+    AddOwnerOption(*remove, options->server);
     remove->add_flag("--keep-folder", options->keepFolder, "Keep the folders; only stop recording into them");
     remove->add_flag("--yes", options->yes, "Do not ask");
     remove->callback(
@@ -231,11 +233,13 @@ void AddShareChangeCommands(CLI::App& share, Context& context) {
     AddEdit(share, context);
     AddLimit(share, context);
     AddDelete(share, context);
-    const auto id = std::make_shared<int>(0);
+    const auto options = std::make_shared<MigratingOptions>();
     CLI::App* const migrating =
         share.add_subcommand("migrating", "Tell whether cameras are moving recordings out of a share");
-    migrating->add_option("share", *id, "Id of the recording share")->required();
-    migrating->callback([&context, id] { context.chosen = [&context, id] { ShowMigrating(context, *id); }; });
+    migrating->add_option("share", options->share, "Id of the recording share")->required();
+    AddOwnerOption(*migrating, options->server);
+    migrating->callback(
+        [&context, options] { context.chosen = [&context, options] { ShowMigrating(context, *options); }; });
 }
 
 }  // namespace cli

@@ -11,6 +11,7 @@
 #include "cli/command.h"
 #include "cli/password.h"
 #include "cli/remote_folder.h"
+#include "cli/share_lookup.h"
 
 namespace cli {
 
@@ -24,7 +25,7 @@ struct ListOptions {
     bool migrating = false;
     bool locked = false;
     bool abnormal = false;
-    int server = 0;
+    std::optional<int> server;
 };
 
 struct CreateOptions {
@@ -86,8 +87,12 @@ void List(const Context& context, const ListOptions& options) {
     parameters["blIncldMigrating"] = options.migrating;
     parameters["blIncldEncUnmount"] = options.locked;
     parameters["blIncldRemoteAbnormal"] = options.abnormal;
-    parameters["rvId"] = options.server;
-    const Json::Value data = context.MakeClient().Call(kApi, "ListRecShare", parameters);
+    parameters["rvId"] = options.server.value_or(0);
+    Json::Value data = context.MakeClient().Call(kApi, "ListRecShare", parameters);
+    if (options.server.has_value()) {
+        KeepServer(data, "sharelist", "shareRvId", *options.server);
+        data["total"] = data["sharelist"].size();
+    }
     if (context.json) {
         PrintJson(data);
         return;
@@ -196,7 +201,7 @@ void AddList(CLI::App& share, Context& context) {
     list->add_flag("--migrating", options->migrating, "Also shares whose recordings are being moved");
     list->add_flag("--locked", options->locked, "Also encrypted shares that are not unlocked");
     list->add_flag("--abnormal", options->abnormal, "Also remote shares whose mount failed");
-    list->add_option("--server", options->server, "Only those of this recording server")
+    list->add_option("--server", options->server, "Only those of this recording server; 0 is this server")
         ->check(CLI::NonNegativeNumber);
     list->callback(
         [&context, options] { context.chosen = [&context, options] { List(context, *options); }; });

@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/command.h"
+#include "cli/share_lookup.h"
 #include "cli/size_text.h"
 
 namespace cli {
@@ -22,6 +23,7 @@ struct UsageOptions {
 
 struct CamerasOptions {
     int share = 0;
+    std::optional<int> server;
     bool refuseMigrating = false;
 };
 
@@ -41,17 +43,6 @@ std::string EnabledText(const Json::Value& entry) {
     return entry["app"]["enabled"].asBool() ? "yes" : "no";
 }
 
-// Leaves the entries of one server alone; the web API knows all or one share.
-void KeepServer(Json::Value& data, int server) {
-    Json::Value kept(Json::arrayValue);
-    for (const Json::Value& entry : data["usage"]) {
-        if (entry["rvId"].isInt() && entry["rvId"].asInt() == server) {
-            kept.append(entry);
-        }
-    }
-    data["usage"] = kept;
-}
-
 void Usage(const Context& context, const UsageOptions& options) {
     Json::Value parameters(Json::objectValue);
     if (options.share.has_value()) {
@@ -59,7 +50,7 @@ void Usage(const Context& context, const UsageOptions& options) {
     }
     Json::Value data = context.MakeClient().Call(kApi, "ListShareUsage", parameters);
     if (options.server.has_value()) {
-        KeepServer(data, *options.server);
+        KeepServer(data, "usage", "rvId", *options.server);
     }
     if (context.json) {
         PrintJson(data);
@@ -75,10 +66,14 @@ void Usage(const Context& context, const UsageOptions& options) {
 }
 
 void Cameras(const Context& context, const CamerasOptions& options) {
+    Client client = context.MakeClient();
+    if (options.server.has_value()) {
+        FindShare(client, options.share, options.server);
+    }
     Json::Value parameters(Json::objectValue);
     parameters["shareId"] = options.share;
     parameters["blCheckMigrating"] = options.refuseMigrating;
-    const Json::Value data = context.MakeClient().Call(kApi, "ListUsingCam", parameters);
+    const Json::Value data = client.Call(kApi, "ListUsingCam", parameters);
     if (context.json) {
         PrintJson(data);
         return;
@@ -109,6 +104,7 @@ void AddShareUseCommands(CLI::App& share, Context& context) {
     cameras->add_option("share", options->share, "Id of the recording share")
         ->required()
         ->check(CLI::NonNegativeNumber);
+    AddOwnerOption(*cameras, options->server);
     cameras->add_flag("--refuse-migrating", options->refuseMigrating,
                       "Fail while recordings of the share are being moved");
     cameras->callback(

@@ -183,6 +183,84 @@ def test_relays_in_both_directions_get_through(cluster):
         expect_pair_of_records(cluster, cluster.second, f"/volume1/up{n}", None)
 
 
+def both_ways(cluster, names, down, up):
+    """All at once: `down` is called for the host's ids of the shares down..., `up` for the server's ids of the shares up...,
+    each by a client of its own."""
+    at_host, there = cluster.host.records(), cluster.second.records()
+    number = cluster.ids["server2"]
+    with concurrent.futures.ThreadPoolExecutor(2 * _CLIENTS) as pool:
+        answers = [pool.submit(down, n, at_host[(f"/volume1/{names[0]}{n}", number)][0]) for n in range(_CLIENTS)]
+        answers += [pool.submit(up, n, there[(f"/volume1/{names[1]}{n}", 0)][0]) for n in range(_CLIENTS)]
+        for answer in concurrent.futures.as_completed(answers, _DEADLINE_S):
+            assert answer.result()["success"], answer.result()
+
+
+def test_edits_and_deletions_in_both_directions_get_through(cluster):
+    """The same for what acts on both sides; the shares are those of the test before."""
+    from_host = cluster.host.client("admin")
+    from_server = cluster.second.client("admin")
+    number = cluster.ids["server2"]
+    both_ways(cluster, ("down", "up"),
+              lambda n, share: from_host.call(SHARE_API, "EditRecShare", rvId=number, shareId=share, shareName=f"below{n}",
+                                              description=f"down {n}"),
+              lambda n, share: from_server.call(SHARE_API, "EditRecShare", shareId=share, shareName=f"above{n}",
+                                                description=f"up {n}"))
+    for n in range(_CLIENTS):
+        for name, text in ((f"below{n}", f"down {n}"), (f"above{n}", f"up {n}")):
+            expect_pair_of_records(cluster, cluster.second, f"/volume1/{name}", None)
+            query = "select description from recording_share where path = ?"
+            assert cluster.host.rows(query, f"/volume1/{name}") == [(text,)]
+            assert cluster.second.rows(query, f"/volume1/{name}") == [(text,)]
+            assert cluster.second.has_folder(f"/volume1/{name}")
+
+    def item(share, owner, path):
+        return {"delShareList": [{"shareId": share, "shareRvId": owner, "sharePath": path}]}
+
+    both_ways(cluster, ("below", "above"),
+              lambda n, share: from_host.call(SHARE_API, "DelRecShare", **item(share, number, f"/volume1/below{n}")),
+              lambda n, share: from_server.call(SHARE_API, "DelRecShare", **item(share, 0, f"/volume1/above{n}")))
+    for member in (cluster.host, cluster.second):
+        assert not [path for path, _ in member.records() if "below" in path or "above" in path]
+    assert not any(cluster.second.has_folder(f"/volume1/{name}{n}") for name in ("below", "above") for n in range(_CLIENTS))
+
+
+def test_the_commands_name_the_server_that_owns_a_share(cluster):
+    number = str(cluster.ids["server2"])
+
+    def pavane(*words, check=True):
+        return cluster.pavane(cluster.host, "share", *words, check=check)
+
+    pavane("create", "spoken", "--volume", "/volume1", "--server", number)
+    pavane("create", "spoken", "--volume", "/volume1")
+    share = str(cluster.host.records()[("/volume1/spoken", int(number))][0])
+    listed = json.loads(cluster.pavane(cluster.host, "--json", "share", "list", "--server", "0").stdout)
+    assert "/volume1/spoken" in {each["sharePath"] for each in listed["sharelist"]}
+    assert {each["shareRvId"] for each in listed["sharelist"]} == {0} and listed["total"] == len(listed["sharelist"])
+    for words in (("edit", share, "--description", "no"), ("limit", share, "9"), ("delete", share, "--yes"),
+                  ("cameras", share), ("migrating", share)):
+        refused = pavane(*words, "--server", "0", check=False)
+        assert refused.returncode != 0 and f"no recording share {share} of this server" in refused.stderr, words
+        refused = pavane(*words, "--server", str(cluster.ids["server3"]), check=False)
+        assert f"of recording server {cluster.ids['server3']}" in refused.stderr, words
+    pavane("edit", share, "--server", number, "--name", "said", "--description", "by name")
+    pavane("limit", share, "9", "--server", number)
+    assert cluster.second.rows("select name, description, rec_limit_gb, enable_rec_limit from recording_share where path = ?",
+                               "/volume1/said") == [("said", "by name", 9, 1)]
+    cluster.second.rows("insert into camera (owner_rv_id, name, recording_path, rec_storage_status)"
+                        " values (0, 'lift', '/volume1/said/lift', 0)")
+    (camera,) = cluster.second.rows("select id from camera where name = 'lift'")[0]
+    cluster.second.client("admin").call("KORV.Pavane.Camera", "migrate_start", id=camera)
+    refused = pavane("migrating", share, "--server", number, check=False)
+    assert "error 449" in refused.stderr
+    cluster.second.client("admin").call("KORV.Pavane.Camera", "migrate_stop", id=camera)
+    assert f"no camera is moving recordings out of share {share}" in pavane("migrating", share, "--server", number).stdout
+    cluster.second.rows("delete from camera")
+    pavane("cameras", share, "--server", number)
+    pavane("delete", share, "--server", number, "--yes")
+    assert not cluster.second.has_folder("/volume1/said")
+    assert cluster.host.has_folder("/volume1/spoken"), "the host's own of that name stays"
+
+
 def differences(cluster, *options):
     done = cluster.pavane(cluster.host, "--json", "server", "check", str(cluster.ids["server2"]), *options, check=False)
     return done.returncode, json.loads(done.stdout)["differences"]

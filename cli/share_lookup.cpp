@@ -1,0 +1,58 @@
+#include "cli/share_lookup.h"
+
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "cli/input_error.h"
+
+namespace cli {
+
+namespace {
+
+std::string Refusal(int id, const std::optional<int>& server) {
+    std::string owner;
+    if (server.has_value()) {
+        owner = *server == 0 ? " of this server" : " of recording server " + std::to_string(*server);
+    }
+    return "there is no recording share " + std::to_string(id) + owner +
+           "; see `pavane share list --migrating --locked --abnormal`";
+}
+
+}  // namespace
+
+Json::Value FindShare(Client& client, int id, const std::optional<int>& server) {
+    Json::Value parameters(Json::objectValue);
+    parameters["blIncldMigrating"] = true;
+    parameters["blIncldEncUnmount"] = true;
+    parameters["blIncldRemoteAbnormal"] = true;
+    parameters["rvId"] = server.value_or(0);
+    Json::Value data = client.Call("KORV.Pavane.Share", "ListRecShare", parameters);
+    if (server.has_value()) {
+        KeepServer(data, "sharelist", "shareRvId", *server);
+    }
+    for (const Json::Value& share : data["sharelist"]) {
+        if (share["shareId"].asInt() == id) {
+            return share;
+        }
+    }
+    throw InputError(Refusal(id, server));
+}
+
+void KeepServer(Json::Value& data, const char* list, const char* key, int server) {
+    Json::Value kept(Json::arrayValue);
+    for (const Json::Value& element : data[list]) {
+        if (element[key].isInt() && element[key].asInt() == server) {
+            kept.append(element);
+        }
+    }
+    data[list] = kept;
+}
+
+CLI::Option* AddOwnerOption(CLI::App& command, std::optional<int>& server) {
+    return command
+        .add_option("--server", server, "Id of the recording server that must own it; 0 is this server")
+        ->check(CLI::NonNegativeNumber);
+}
+
+}  // namespace cli

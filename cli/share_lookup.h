@@ -1,0 +1,24 @@
+#pragma once
+
+#include <optional>
+
+#include "cli/client.h"
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
+
+namespace cli {
+
+// The recording share `id` as the server lists it, in whatever state it is. With `server` it must be owned by
+// that recording server (0: by the server that is asked). Throws InputError when there is none like that.
+Json::Value FindShare(Client& client, int id, const std::optional<int>& server);
+
+// Takes out of `data`'s array `list` the elements of other servers than `server`; `key` holds an element's.
+void KeepServer(Json::Value& data, const char* list, const char* key, int server);
+
+// --server ID of a command that names a share by its id.
+CLI::Option* AddOwnerOption(CLI::App& command, std::optional<int>& server);
+
+}  // namespace cli
