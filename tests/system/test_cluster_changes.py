@@ -5,6 +5,7 @@ import contextlib
 import json
 import os
 import shlex
+import time
 
 import pytest
 
@@ -390,6 +391,37 @@ def test_a_server_acts_alone_when_its_host_will_not_hear(cluster, odd_host, code
     assert cluster.third.log().count("Failed to send command to host.") == lines + 1
     number, on_rec, _ = record(cluster.third, f"/volume1/{name}", 0)
     assert (answer["data"]["id"], on_rec) == (number, 0)
+
+
+@pytest.mark.parametrize("kind, answer", [("empty", b""), ("text", b"oops"), ("list", b"[]"), ("nothing", b"{}"),
+                                          ("10MB", b'{"a": "' + b"x" * 10_000_000 + b'"}')],
+                         ids=["empty", "no JSON", "no object", "empty object", "10 MB"])
+def test_a_server_acts_alone_when_its_host_answers_nothing_of_use(cluster, odd_host, kind, answer):
+    odd_host.answer = answer
+    name = f"alone-{kind}"
+    lines = cluster.third.log().count("Failed to send command to host.")
+    reply = cluster.third.client("admin").create(name)
+    assert odd_host.requests == ["CreateRecShare"]
+    assert cluster.third.log().count("Failed to send command to host.") == lines + 1
+    expect_alone(cluster, name, reply)
+
+
+def test_a_server_acts_alone_when_its_host_takes_longer_than_forty_seconds(cluster, odd_host):
+    odd_host.answer = b'{"success":true,"data":{"id":4711}}'
+    odd_host.delay_s = 60
+    begin = time.monotonic()
+    reply = cluster.third.client("admin").create("hasty")
+    assert 39 < time.monotonic() - begin < 55
+    expect_alone(cluster, "hasty", reply)
+
+
+def expect_alone(cluster, name, reply):
+    """The server has made its share, and knows nothing of the host's."""
+    number, on_rec, fields = record(cluster.third, f"/volume1/{name}", 0)
+    assert reply == {"success": True, "data": {"id": number, "fsType": fields[6], "totalSize": fields[-1],
+                                               "blMigrating": False, "encType": 0}}
+    assert on_rec == 0
+    assert cluster.third.has_folder(f"/volume1/{name}")
 
 
 def test_an_error_of_the_host_is_kept_though_the_server_acts(cluster, odd_host):

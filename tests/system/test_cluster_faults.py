@@ -3,6 +3,7 @@
 import email.utils
 import json
 import os
+import re
 import signal
 import time
 
@@ -13,12 +14,13 @@ from node import SHARE_API, wait_until
 
 _ANSWER_S = 5
 _CLOCK_OFF_S = 600
+_REQUESTS = 20
 
 
 @pytest.fixture(scope="module")
 def cluster():
     enter_own_network()
-    with Cluster("--peer-answer-s", str(_ANSWER_S)) as running:
+    with Cluster("--peer-answer-s", str(_ANSWER_S), own_clocks=True) as running:
         running.log_in(running.host)
         running.pair(running.second)
         running.pair(running.third)
@@ -65,7 +67,8 @@ def test_an_answer_that_is_none_is_a_failed_send(cluster, fake, answer):
     fake.answer = answer
     number = fake.add_to(cluster.host)
     reply = cluster.host.client("admin").create("fake", rvId=number)
-    assert reply["error"]["code"] == 406
+    assert reply == failure(406)
+    assert f"Failed to send cmd to rv[{number}]." in cluster.host.log()
     assert fake.requests == ["CreateRecShare"]
     assert ("/volume1/fake", number) not in cluster.host.records()
 
@@ -79,6 +82,17 @@ def test_an_answer_after_the_deadline_is_a_failed_send(cluster, fake):
     assert reply["error"]["code"] == 406
     assert _ANSWER_S - 1 <= time.monotonic() - begin < _ANSWER_S + 8
     assert ("/volume1/late", number) not in cluster.host.records()
+
+
+def test_connections_to_a_server_are_kept(cluster, fake):
+    fake.answer = json.dumps({"success": True, "data": {"usage": []}}).encode()
+    fake.add_to(cluster.host)
+    client = cluster.host.client("admin")
+    for _ in range(_REQUESTS):
+        assert client.call(SHARE_API, "ListShareUsage")["success"]
+    assert fake.requests == ["ListShareUsage"] * _REQUESTS
+    workers = cluster.host.processes("korvd-public") + cluster.host.processes("korvd-jobs")
+    assert fake.connections <= len(workers), "each process has one"
 
 
 def test_a_job_process_that_dies_is_replaced(cluster):
@@ -98,6 +112,39 @@ def test_clocks_that_disagree_are_named(cluster, fake):
                [(1, "clock")], "the host names the clock")
     assert "set both clocks" in cluster.pavane(cluster.host, "server", "list").stdout
     assert "its clock is more than 300 s from this server's" in cluster.host.log()
+
+
+@pytest.mark.parametrize("ahead_s", [_CLOCK_OFF_S, -_CLOCK_OFF_S], ids=["ahead", "behind"])
+def test_a_server_whose_clock_is_ten_minutes_off_is_refused_and_told_why(cluster, ahead_s):
+    number = cluster.ids["server3"]
+    name = f"timeless{ahead_s}"
+    cluster.third.set_clock(ahead_s)
+    try:
+        cluster.await_state(cluster.third, "offline", "clock")
+        wait_until(lambda: cluster.third.cms("status")["host"]["problem"] == "clock", "the server has noticed as well")
+        assert re.search(r"server3 .* its clock is more than 5 minutes off; set both clocks",
+                         cluster.pavane(cluster.host, "server", "list").stdout)
+        side = "ahead of" if ahead_s > 0 else "behind"
+        assert re.search(rf"Refused a paired server whose stamp is (599|600|601) s {side} this server's clock",
+                         cluster.host.log())
+        other = "behind" if ahead_s > 0 else "ahead of"
+        assert re.search(rf"Refused a paired server whose stamp is (599|600|601) s {other} this server's clock",
+                         cluster.third.log())
+        assert cluster.host.client("admin").create(name, rvId=number) == failure(406)
+        # Its own client's request is forwarded and refused; it acts all the same, as after any error of the host's.
+        answer = cluster.third.client("admin").create(name)
+        assert answer["error"] == {"code": 105, "errors": answer["data"]}
+        (own, on_rec), = [ids for (path, _), ids in cluster.third.records().items() if path == f"/volume1/{name}"]
+        assert (answer["data"]["id"], on_rec) == (own, 0)
+        assert not any(path == f"/volume1/{name}" for path, _ in cluster.host.records())
+    finally:
+        cluster.third.set_clock(0)
+    cluster.await_state(cluster.third, "online", "")
+
+
+def failure(code):
+    params = {"param1": "", "param2": ""}
+    return {"success": False, "error": {"code": code, "errors": params}, "data": params}
 
 
 def test_a_server_that_has_forgotten_the_pairing_is_unpaired(cluster, fake):
