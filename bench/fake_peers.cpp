@@ -142,6 +142,7 @@ private:
 
 FakePeers::FakePeers(int count, const std::string& version, unsigned work_us) {
     std::vector<int> listeners;
+    listeners.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i) {
         listeners.push_back(Listen(m_ports.emplace_back(0)));
     }
