@@ -1,12 +1,13 @@
-// Preloaded into a node: its processes see the real-time clock ahead of the machine's by the whole seconds that the
-// file in CLOCK_OFFSET_FILE holds when a process starts. Other clocks are left alone.
+// Preloaded into a node: its processes see the real-time clock ahead of the machine's by the whole seconds
+// that the file in CLOCK_OFFSET_FILE holds when a process starts. Other clocks are left alone.
 
 #include <fcntl.h>
 #include <stdlib.h>
-#include <sys/syscall.h>
-#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <sys/syscall.h>
+#include <sys/time.h>
 
 static long offset_s;
 
