@@ -44,10 +44,11 @@ int KORVShareGet(const char* name, KORVSHARE** share) {
     const Json::Value reply = Ask("KORVShareGet", Args(name));
     *share = nullptr;
     const int result = reply["result"].asInt();
-    if (result == 0) {
+    const std::string path = reply["path"].asString();
+    if (result == 0 || !path.empty()) {
         auto record = std::make_unique<Record>();
         record->nameText = name;
-        record->pathText = reply["path"].asString();
+        record->pathText = path;
         record->name = record->nameText.c_str();
         record->path = record->pathText.c_str();
         *share = record.release();
