@@ -39,6 +39,11 @@ std::string AccountFile(const std::string& token) {
     return KORV::GetConfiguration().stateDir + "/mounts/" + token + ".account";
 }
 
+// What the helper writes; removed by ClearStaging when the attempt was killed over it.
+std::string HelperOutput(const std::string& token) {
+    return KORV::GetConfiguration().runDir + "/mounts/" + token + ".output";
+}
+
 std::string StagingFolder(const std::string& token) {
     return KORV::GetConfiguration().runDir + "/mounts/" + token;
 }
@@ -165,7 +170,7 @@ MountFailure MountAt(const MountRow& row, int target) {
     const std::string staging = StagingFolder(row.token);
     std::filesystem::create_directories(staging);
     std::filesystem::permissions(staging, std::filesystem::perms::owner_all);
-    MountFailure failure = RunLibmount(row, staging, staging + ".output");
+    MountFailure failure = RunLibmount(row, staging, HelperOutput(row.token));
     if (failure != MountFailure::kNone) {
         return failure;
     }
@@ -204,6 +209,7 @@ void ClearStaging(const std::string& token) {
         while (umount2(staging.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) == 0) {
         }
         rmdir(staging.c_str());
+        unlink(HelperOutput(token).c_str());
         return 0;
     };
     RunAsRootChild(clear, kUnmountDeadline);

@@ -124,13 +124,14 @@ bool IsEmpty(int folder) {
     return true;
 }
 
+// False with errno when it can't be made so.
 bool SetImmutable(int folder, bool isImmutable) {
     int flags = 0;
     if (ioctl(folder, FS_IOC_GETFLAGS, &flags) != 0) {
         return false;
     }
-    flags = isImmutable ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
-    return ioctl(folder, FS_IOC_SETFLAGS, &flags) == 0;
+    const int wanted = isImmutable ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
+    return wanted == flags || ioctl(folder, FS_IOC_SETFLAGS, &wanted) == 0;
 }
 
 // Where the file system knows no immutable folders, nobody gets a right on it: a mode of 0 is a mask of 0, so
@@ -155,10 +156,14 @@ void Guard(int folder, MountFolderState& state) {
 
 // A process that died before it could write down how it guarded the folder leaves that to be seen.
 void Unguard(int folder, const MountFolderState& state) {
-    SetImmutable(folder, false);
+    const bool isFree = SetImmutable(folder, false) || errno == ENOTTY || errno == EOPNOTSUPP;
     struct stat facts {};
-    if (state.guard != MountGuard::kNone && fstat(folder, &facts) == 0 && (facts.st_mode & kModeBits) == 0) {
-        fchmod(folder, state.guardMode != 0 ? state.guardMode : kNewFolderMode);
+    if (!isFree || fstat(folder, &facts) != 0) {
+        throw std::system_error(errno, std::generic_category(), "cannot free a mount point");
+    }
+    if (state.guard != MountGuard::kNone && (facts.st_mode & kModeBits) == 0 &&
+        fchmod(folder, state.guardMode != 0 ? state.guardMode : kNewFolderMode) != 0) {
+        throw std::system_error(errno, std::generic_category(), "cannot give a mount point its mode back");
     }
 }
 

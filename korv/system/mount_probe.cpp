@@ -9,7 +9,9 @@
 #include <filesystem>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <string_view>
+#include <system_error>
 
 #include <linux/magic.h>
 #include <sys/file.h>
@@ -35,12 +37,11 @@ constexpr std::uint64_t kBytesPerMb = std::uint64_t{1024} * 1024;
 FileDescriptor LockLook(const std::string& path) {
     const std::string folder = KORV::GetConfiguration().runDir + "/mount-looks";
     const RunAsScope root = IF_RUN_AS;
-    std::error_code ignored;
-    std::filesystem::create_directories(folder, ignored);
+    std::filesystem::create_directories(folder);
     const std::string file = folder + "/" + std::to_string(std::hash<std::string>{}(path));
     FileDescriptor lock(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!lock || flock(lock.Get(), LOCK_EX) != 0) {
-        return FileDescriptor();
+        throw std::system_error(errno, std::generic_category(), "cannot lock a look at a mount");
     }
     return lock;
 }
@@ -94,7 +95,13 @@ public:
         : m_facts(NewFacts()),
           m_child([path, facts = m_facts.get()] { return Work(path, *facts); }, kDeadline) {}
 
-    MountFacts Result() { return m_child.Wait().exitCode == 0 ? *m_facts : MountFacts{}; }
+    MountFacts Result() {
+        const ChildEnd end = m_child.Wait();
+        if (end.isInTime && end.exitCode != 0) {
+            throw std::runtime_error("a mount could not be looked at: " + end.output);
+        }
+        return end.isInTime ? *m_facts : MountFacts{};
+    }
 
 private:
     static void Free(MountFacts* facts) { munmap(facts, sizeof(MountFacts)); }
@@ -110,9 +117,7 @@ private:
 
     static int Work(const std::string& path, MountFacts& facts) {
         const FileDescriptor lock = LockLook(path);
-        if (lock) {
-            Look(path, facts);
-        }
+        Look(path, facts);
         return 0;
     }
 

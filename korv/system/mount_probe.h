@@ -26,7 +26,8 @@ struct MountFacts {
 // True when something is mounted at exactly `path`; asks only the kernel's list.
 bool IsMounted(const std::string& path);
 
-// What is mounted at `path` now. Blocks for five seconds at most.
+// What is mounted at `path` now. Blocks for five seconds at most. Throws when this machine, not the server,
+// keeps it from being looked at.
 MountFacts LookAtMount(const std::string& path);
 
 // The same for many at once, in no more time than for one; in the order of `paths`.

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
@@ -30,15 +31,21 @@ constexpr long long kFirstPause_s = 5;
 constexpr long long kLongestPause_s = 300;
 
 // Holds one mount point for this process, children included; none when another process has it for too long.
+// Throws when there can be no lock.
 FileDescriptor LockMount(const std::string& mountPoint) {
     const std::string folder = KORV::GetConfiguration().runDir + "/mount-locks";
     const RunAsScope root = IF_RUN_AS;
-    std::error_code ignored;
-    std::filesystem::create_directories(folder, ignored);
+    std::filesystem::create_directories(folder);
     const std::string file = folder + "/" + std::to_string(std::hash<std::string>{}(mountPoint));
     FileDescriptor lock(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!lock) {
+        throw std::system_error(errno, std::generic_category(), "cannot open the lock of a mount");
+    }
     const auto deadline = std::chrono::steady_clock::now() + kLockPatience;
-    while (lock && flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
+    while (flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            throw std::system_error(errno, std::generic_category(), "cannot lock a mount");
+        }
         if (std::chrono::steady_clock::now() > deadline) {
             return FileDescriptor();
         }
@@ -87,6 +94,11 @@ std::optional<MountPlace> PlaceOf(const MountRow& row) {
     return std::nullopt;
 }
 
+void Forget(const MountRow& row) {
+    ForgetAccount(row.token);
+    DropMountRow(row.token);
+}
+
 // Takes away the mount, the guard, the account and the row, in that order.
 MountEnd Undo(const MountRow& row, bool isForced) {
     const auto place = PlaceOf(row);
@@ -100,10 +112,12 @@ MountEnd Undo(const MountRow& row, bool isForced) {
             return released;
         }
     }
-    ForgetAccount(row.token);
-    DropMountRow(row.token);
+    Forget(row);
     return Failed(MountFailure::kNone);
 }
+
+// False when an attempt ended before the folder was its own: what is mounted there is somebody else's.
+bool IsTouched(const MountFolderState& state) { return state.isMade || state.guard != MountGuard::kNone; }
 
 MountEnd MountAndKeep(MountRow& row, const MountPlace& place, const MountAccount& account,
                       const MountCaller& caller) {
@@ -117,6 +131,10 @@ MountEnd MountAndKeep(MountRow& row, const MountPlace& place, const MountAccount
         row.state = MountState::kKept;
         row.isNormal = true;
         SaveMountRow(row);
+        return end;
+    }
+    if (!IsTouched(state)) {
+        Forget(row);
         return end;
     }
     SaveMountRow(row);
@@ -182,8 +200,14 @@ MountEnd TryAgain(MountRow& row, long long now_s) {
     const FileDescriptor lock = LockMount(row.mountPoint);
     const auto current = FindMountRow(row.mountPoint);
     const auto place = PlaceOf(row);
-    if (!lock || !current || current->token != row.token || current->state != MountState::kKept || !place) {
+    if (!current) {
+        return Failed(MountFailure::kUnknownMount);
+    }
+    if (!lock || current->token != row.token || current->state != MountState::kKept) {
         return Failed(MountFailure::kBusy);
+    }
+    if (!place) {
+        return Failed(MountFailure::kNotInShare);
     }
     row = *current;
     const MountSight sight = LookAtMount(row.mountPoint).sight;
@@ -227,6 +251,9 @@ MountEnd AddMount(const NewMount& wanted, const MountCaller& caller) {
     const FileDescriptor lock = LockMount(place.Path());
     if (!lock) {
         return Failed(MountFailure::kBusy);
+    }
+    if (IsMounted(place.Path())) {
+        return Failed(MountFailure::kMountPointTaken);
     }
     MountRow row;
     row.mountPoint = place.Path();

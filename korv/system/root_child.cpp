@@ -132,7 +132,7 @@ RootChild::~RootChild() {
 ChildEnd RootChild::Wait() {
     ChildEnd end;
     if (m_child <= 0) {
-        return end;
+        return {true, -1, "no process could be started for it"};
     }
     end.isInTime = WaitForEnd(end);
     Drain(m_output.Get(), end.output);

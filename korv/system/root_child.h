@@ -12,8 +12,8 @@
 namespace korv {
 
 // How the work of a child ended.
-//   isInTime   false: it missed its deadline and was killed, or could not be started
-//   exitCode   what `work` returned; -1 when it was killed or threw
+//   isInTime   false: it missed its deadline and was killed
+//   exitCode   what `work` returned; -1 when it was killed, threw or could not be started
 //   output     what it and the programs that it ran wrote to standard output and standard error, at most 64
 //   KiB
 struct ChildEnd {

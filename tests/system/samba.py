@@ -1,6 +1,8 @@
 """A real Samba server on loopback, and the helpers by which a node mounts CIFS where the kernel has none."""
 
+import json
 import os
+import shutil
 import signal
 import socket
 import subprocess
@@ -45,6 +47,13 @@ class Samba:
         with socket.socket() as probe:
             return probe.connect_ex(("127.0.0.1", self.port)) == 0
 
+    def pause(self):
+        """All of it stops, so that packets are taken and never answered."""
+        os.killpg(self.process.pid, signal.SIGSTOP)
+
+    def resume(self):
+        os.killpg(self.process.pid, signal.SIGCONT)
+
     def kill(self):
         """smbd and its children, one for each client, are one session."""
         if self.process:
@@ -53,6 +62,10 @@ class Samba:
             self.process = None
 
 
-def put_helpers_in_place(node):
-    helpers = os.path.join(ROOT, "tests/helpers/sbin")
+def put_helpers_in_place(node, exports=None):
+    """The helpers stand before the machine's own; `exports` is what mount.nfs is to find, see there."""
+    helpers = os.path.join(node.folder, "sbin")
+    shutil.copytree(os.path.join(ROOT, "tests/helpers/sbin"), helpers, dirs_exist_ok=True)
+    with open(os.path.join(helpers, "mount.nfs.exports"), "w", encoding="utf-8") as file:
+        json.dump(exports or {}, file)
     node.inside("mount", "-t", "overlay", "overlay", "-o", f"ro,lowerdir={helpers}:/usr/sbin", "/usr/sbin")

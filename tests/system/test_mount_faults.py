@@ -1,0 +1,133 @@
+"""Servers of remote folders that fail: each failure has its code, harms nothing and ends in time."""
+
+import os
+import socket
+import subprocess
+import time
+
+import pytest
+
+import samba
+from node import SHARE_API, wait_until
+
+MOUNT_API = "KORV.Tarsel.Mount"
+LIST_API = "KORV.Tarsel.Mount.List"
+POINT = "/volume1/video/nas"
+
+
+@pytest.fixture(scope="module")
+def exported(shared_node):
+    folder = os.path.join(shared_node.folder, "exported")
+    os.mkdir(folder)
+    return folder
+
+
+@pytest.fixture(scope="module", autouse=True)
+def helpers(shared_node, exported):
+    assert shared_node.client("admin").create("video")["success"]
+    samba.put_helpers_in_place(shared_node, {
+        "/video": {"folder": exported},
+        "/denied": {"says": "access denied by server while mounting 127.0.0.1:/denied"},
+        "/stale": {"says": "Stale file handle"},
+        "/version": {"says": "requested NFS version or transport protocol is not supported for /x"},
+        "/driver": {"says": "unknown filesystem type 'nfs'"},
+        "/odd": {"says": "something that nobody has heard of"},
+        "/slow": {"hangs": True},
+    })
+
+
+@pytest.fixture
+def port():
+    """A server that takes connections and never says a word."""
+    with socket.socket() as listener:
+        listener.bind(("127.0.0.1", 0))
+        listener.listen(64)
+        yield listener.getsockname()[1]
+
+
+def mount(admin, port, export="/video", kind="NFS", **more):
+    source = f"127.0.0.1:{export}" if kind == "NFS" else f"//127.0.0.1{export}"
+    return admin.call(MOUNT_API, "mount_remote", mount_type=kind, server_ip=source, mount_point="/video/nas",
+                      adv_opt=f"port={port}", **more)
+
+
+def unmount(admin):
+    return admin.call(MOUNT_API, "unmount", mount_point="/video/nas")
+
+
+def nothing_is_left(node, admin):
+    return admin.call(LIST_API, "list")["data"]["total"] == 0 and node.inside("ls", "-A", "/volume1/video") == ""
+
+
+@pytest.mark.parametrize("export, code", [("/denied", 433), ("/stale", 440), ("/version", 435), ("/driver", 439), ("/odd", 412),
+                                          ("/nosuch", 427), ("/slow", 441)])
+def test_what_the_mount_program_says_becomes_a_code(node, admin, port, export, code):
+    node.allow("mounting at")
+    answer = mount(admin, port, export, nfs_version="3", protocol="tcp")
+    assert answer["error"] == {"code": code}
+    assert nothing_is_left(node, admin)
+    assert os.listdir(f"{node.state}/run/mounts") == []
+
+
+def test_a_missing_mount_program_has_its_code(node, admin, port):
+    node.allow("mounting at")
+    node.inside("mount", "--bind", "/dev/null", "/usr/sbin/mount.nfs")
+    try:
+        assert mount(admin, port)["error"] == {"code": 439}
+    finally:
+        node.inside("umount", "/usr/sbin/mount.nfs")
+    assert nothing_is_left(node, admin)
+
+
+def test_a_silent_server_has_its_code(node, admin, port):
+    node.allow("mounting at")
+    assert mount(admin, port, "/data", "CIFS", account="a", passwd="b")["error"] == {"code": 424}
+    assert nothing_is_left(node, admin)
+
+
+def test_an_nfs_folder_is_written_and_stays_while_it_is_in_use(node, admin, port, exported):
+    node.allow("unmounting")
+    assert mount(admin, port, nfs_version="4.1")["success"]
+    listed = admin.call(LIST_API, "list", with_state=True)["data"]["mounts"]
+    assert [(each["type"], each["source"], each["mounted"], each["status"], each["alive"]) for each in listed] == [
+        ("nfs", "127.0.0.1:/video", True, 0, True)]
+    node.inside("sh", "-c", f"echo text > {POINT}/recording")
+    with open(os.path.join(exported, "recording"), encoding="utf-8") as file:
+        assert file.read() == "text\n"
+    with subprocess.Popen(["nsenter", "-t", str(node.korvd), "-m", "--", "sh", "-c",
+                           f"exec 3< {POINT}/recording && echo open && exec cat"],
+                          stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as user:
+        assert user.stdout.readline() == "open\n"
+        assert unmount(admin)["error"] == {"code": 438}
+        assert admin.call(LIST_API, "list")["data"]["mounts"][0]["mounted"]
+        user.stdin.close()
+    wait_until(lambda: unmount(admin)["success"], "the mount is no longer in use")
+    assert nothing_is_left(node, admin)
+    assert os.listdir(exported) == ["recording"]
+
+
+def test_a_paused_server_is_abnormal_and_holds_up_nothing(node, admin):
+    node.allow("the mount at")
+    server = samba.Samba(node.folder)
+    server.start()
+    try:
+        answer = admin.call(SHARE_API, "CreateRemoteRecShare", mountType=2, mountSource="//127.0.0.1/data",
+                            mountPoint=POINT, mountPath=POINT, blNeedMount=True, account=samba.ACCOUNT,
+                            passwd=samba.PASSWORD, adv_opt=f"port={server.port}", blAutoMount=True)
+        assert answer["success"], answer
+
+        def state():
+            return [share["mountStatus"] for share in admin.list(blIncldRemoteAbnormal=True) if share["sharePath"] == POINT]
+
+        assert state() == [0]
+        server.pause()
+        wait_until(lambda: state() == [1], "the share is abnormal", 30)
+        start = time.monotonic()
+        for _ in range(5):
+            assert state() == [1]
+        assert time.monotonic() - start < 10
+        server.resume()
+        wait_until(lambda: state() == [0], "the share is normal again", 90)
+        assert [share["quota"] > 0 for share in admin.list() if share["sharePath"] == POINT] == [True]
+    finally:
+        server.kill()
