@@ -44,6 +44,13 @@ int CountUsingCameras(int rvId, const std::string& sharePath) {
     return count;
 }
 
+// A share that can't be loaded is deleted all the same, so its record stays as it was made.
+void LoadOrLog(int shareId, RecShare& share) {
+    if (share.Load(shareId) != 0) {
+        PV_LOG_SHARE_ERR("InitDelDataList", "Failed to load share [%d]\n", shareId);
+    }
+}
+
 // The mount point as the mount service names it: what follows the volume in the path.
 void AppendRemoteMount(const RecShare& share, Json::Value& remoteMounts) {
     const std::string& path = share.GetPath();
@@ -79,9 +86,7 @@ void ShareHandler::InitDelDataList(const Json::Value& list, const CmsRelayParams
             continue;
         }
         recordIds.push_back(shareId);
-        if (share.Load(shareId) != 0) {
-            PV_LOG_SHARE_ERR("InitDelDataList", "Failed to load share [%d]\n", shareId);
-        }
+        LoadOrLog(shareId, share);
         if (shareRvId >= 1) {
             Json::Value relayed = item;
             relayed["shareId"] = share.GetIdOnRec();
