@@ -37,10 +37,13 @@ void ReadColumns(const soci::row& row, PVDB::DBResult& result) {
     }
 }
 
-std::unique_ptr<PVDB::DBResult> RunStatement(soci::session& session, const std::string& text) {
+std::unique_ptr<PVDB::DBResult> RunStatement(Database& database, const std::string& statementText) {
+    const std::string text = database.Kind() == pavane::DatabaseKind::kPostgresql
+                                 ? pavane::WithPlainBackslashes(statementText)
+                                 : statementText;
     auto result = std::make_unique<PVDB::DBResult>();
     soci::row row;
-    soci::statement statement = (session.prepare << text, soci::into(row));
+    soci::statement statement = (database.Session().prepare << text, soci::into(row));
     bool more = statement.execute(true);
     ReadColumns(row, *result);
     for (; more && row.size() > 0; more = statement.fetch()) {
@@ -55,12 +58,12 @@ std::unique_ptr<PVDB::DBResult> RunStatement(soci::session& session, const std::
 // The rows of the last statement. One statement is a transaction by itself.
 std::unique_ptr<PVDB::DBResult> RunAll(Database& database, const std::vector<std::string>& statements) {
     if (statements.size() == 1) {
-        return RunStatement(database.Session(), statements.front());
+        return RunStatement(database, statements.front());
     }
     pavane::WriteTransaction transaction(database);
     std::unique_ptr<PVDB::DBResult> result;
     for (const std::string& statement : statements) {
-        result = RunStatement(database.Session(), statement);
+        result = RunStatement(database, statement);
     }
     transaction.Commit();
     return result;

@@ -22,6 +22,41 @@ void AddUnlessBlank(std::vector<std::string>& statements, std::string& statement
     statement.clear();
 }
 
+bool IsBlank(char byte) { return std::isspace(static_cast<unsigned char>(byte)) != 0; }
+
+bool IsOfAWord(char byte) { return std::isalnum(static_cast<unsigned char>(byte)) != 0 || byte == '_'; }
+
+bool IsWord(std::string_view text, std::string_view lowerCase) {
+    return std::equal(text.begin(), text.end(), lowerCase.begin(), lowerCase.end(),
+                      [](unsigned char byte, char expected) { return std::tolower(byte) == expected; });
+}
+
+bool EndsWithLike(std::string_view text) {
+    const auto end = std::find_if_not(text.rbegin(), text.rend(), IsBlank);
+    const auto begin = std::find_if_not(end, text.rend(), IsOfAWord);
+    return IsWord(
+        text.substr(static_cast<std::size_t>(text.rend() - begin), static_cast<std::size_t>(begin - end)),
+        "like");
+}
+
+bool BeginsWithEscape(std::string_view text) {
+    const auto* const begin = std::find_if_not(text.begin(), text.end(), IsBlank);
+    const auto* const end = std::find_if_not(begin, text.end(), IsOfAWord);
+    return IsWord(
+        text.substr(static_cast<std::size_t>(begin - text.begin()), static_cast<std::size_t>(end - begin)),
+        "escape");
+}
+
+// Just behind the quoted text that begins at `from`, doubled quotes in it included.
+std::size_t BehindQuoted(std::string_view text, std::size_t from) {
+    const std::string_view quote = text.substr(from, 1);
+    std::size_t at = from;
+    do {
+        at = Behind(text, quote, at + 1);
+    } while (text.substr(at, 1) == quote);
+    return at;
+}
+
 }  // namespace
 
 std::vector<std::string> SplitStatements(std::string_view text) {
@@ -51,6 +86,23 @@ std::vector<std::string> SplitStatements(std::string_view text) {
     }
     AddUnlessBlank(statements, statement);
     return statements;
+}
+
+std::string WithPlainBackslashes(std::string_view statement) {
+    std::string result;
+    std::size_t at = 0;
+    while (at < statement.size()) {
+        const std::size_t quote = std::min(statement.find_first_of("'\"", at), statement.size());
+        const std::size_t end = quote == statement.size() ? quote : BehindQuoted(statement, quote);
+        const std::string_view quoted = statement.substr(quote, end - quote);
+        result += statement.substr(at, end - at);
+        if (quoted.find('\\') != std::string_view::npos && EndsWithLike(statement.substr(at, quote - at)) &&
+            !BeginsWithEscape(statement.substr(end))) {
+            result += " escape ''";
+        }
+        at = end;
+    }
+    return result;
 }
 
 }  // namespace pavane

@@ -163,3 +163,13 @@ TEST(StatementList, SeparatesAtSemicolonsOutsideQuotesAndComments) {
     EXPECT_EQ(pavane::SplitStatements("'never closed; ").size(), 1U);
     EXPECT_TRUE(pavane::SplitStatements("").empty());
 }
+
+TEST(StatementList, BackslashesInPatternsStandForThemselves) {
+    using pavane::WithPlainBackslashes;
+    EXPECT_EQ(WithPlainBackslashes("a LIKE 'x\\y/%' AND b = 'p\\q' and c like'\\''\\'"),
+              "a LIKE 'x\\y/%' escape '' AND b = 'p\\q' and c like'\\''\\' escape ''");
+    for (const std::string same : {"a LIKE 'x/%'", "a LIKE 'x\\%' ESCAPE '\\'", "a = 'x\\'", "dislike '\\'",
+                                   "' like ' || '\\'", "like", "", "a like '\\' escape '!'", "x '\\ "}) {
+        EXPECT_EQ(WithPlainBackslashes(same), same);
+    }
+}
