@@ -7,7 +7,9 @@
 #include <csignal>
 #include <ctime>
 #include <exception>
+#include <map>
 #include <string>
+#include <utility>
 
 #include <sys/prctl.h>
 
@@ -33,20 +35,28 @@ void LogTroubles() {
     }
 }
 
-void TellAll() {
+// Announces every state that differs from the last one announced, also one that another process has noted: a
+// reconnection on request is no change to the round that follows it.
+void TellNews(std::map<std::string, bool>& told) {
+    std::map<std::string, bool> now;
     for (const MountRow& row : ListMountRows()) {
-        AnnounceMountState(row.mountPoint, row.isNormal);
+        now[row.mountPoint] = row.isNormal;
+        const auto before = told.find(row.mountPoint);
+        if (before == told.end() || before->second != row.isNormal) {
+            AnnounceMountState(row.mountPoint, row.isNormal);
+        }
     }
+    told = std::move(now);
 }
 
 // A round that fails, since the database is locked or a disk is full, must not end the care for good.
-void CareOnce() {
+void CareOnce(std::map<std::string, bool>& told) {
     try {
         LogTroubles();
         for (const MountChange& change : CareForMounts(std::time(nullptr))) {
             LogLine("the mount at " + change.mountPoint + " " + change.text);
-            AnnounceMountState(change.mountPoint, change.isNormal);
         }
+        TellNews(told);
     } catch (const std::exception& error) {
         LogLine(std::string("the care for mounts failed: ") + error.what());
     }
@@ -72,9 +82,10 @@ int RunMountKeeper() {
         prctl(PR_SET_NAME, "korvd-mounts");
         LowerToServiceUser();
         LoadModules(GetSettings().node.modules, Registry());
-        TellAll();
+        std::map<std::string, bool> told;
+        TellNews(told);
         do {
-            CareOnce();
+            CareOnce(told);
         } while (Pause(stopSignals, supervisor));
         // A leak check at exit needs the rights that the process started with.
         RaiseToRoot();

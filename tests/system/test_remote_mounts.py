@@ -97,6 +97,8 @@ def test_a_remote_folder_becomes_a_share_and_survives_its_server(node, server, a
     assert answer["error"]["code"] == 425, answer
 
     server.start()
+    assert admin.call(LIST_API, "reconnect", mount_point=[POINT])["success"]
+    wait_until(lambda: state(admin) == 0, "the share knows of a reconnection of its mount", 30)
     answer = admin.call(SHARE_API, "ReconnetRemoteMount", mount_point=POINT)
     assert answer["success"], answer
     assert state(admin) == 0
