@@ -20,6 +20,7 @@
 
 #include "include/folder_stream.h"
 #include "korv/system/extended_attributes.h"
+#include "korv/system/share_folder.h"
 #include "korv/system/tree_remove.h"
 
 namespace korv {
@@ -89,12 +90,12 @@ EncryptionPlaces::EncryptionPlaces(std::string volume, std::string name, const s
 
 std::uint64_t EncryptionPlaces::FreeBytes() {
     struct statvfs facts {};
-    Check(fstatvfs(OpenFolder(m_volume).Get(), &facts) == 0, "cannot ask for free space");
+    Check(fstatvfs(OpenVolume(m_volume).Get(), &facts) == 0, "cannot ask for free space");
     return facts.f_bavail * facts.f_frsize;
 }
 
 bool EncryptionPlaces::HasSwitched() {
-    const FileDescriptor volume = OpenFolder(m_volume);
+    const FileDescriptor volume = OpenVolume(m_volume);
     const FileDescriptor aside(OpenBeneath(volume.Get(), m_aside.c_str(), O_RDONLY | O_DIRECTORY));
     if (!aside) {
         Check(errno == ENOENT, "cannot open a folder");
@@ -107,7 +108,7 @@ bool EncryptionPlaces::HasSwitched() {
 
 // The folder appears under its name with its mark on it.
 void EncryptionPlaces::PrepareAside(bool isForFiles) {
-    const FileDescriptor volume = OpenFolder(m_volume);
+    const FileDescriptor volume = OpenVolume(m_volume);
     MakeFolder(volume.Get(), kHidden);
     MakeFolder(volume.Get(), std::string(kHidden) + "/move");
     MakeFolder(volume.Get(), std::string(kHidden) + "/view");
@@ -129,7 +130,7 @@ void EncryptionPlaces::PrepareAside(bool isForFiles) {
 }
 
 void EncryptionPlaces::Exchange() {
-    const FileDescriptor volume = OpenFolder(m_volume);
+    const FileDescriptor volume = OpenVolume(m_volume);
     if (!HasSwitched()) {
         Check(renameat2(volume.Get(), m_name.c_str(), volume.Get(), m_aside.c_str(), RENAME_EXCHANGE) == 0,
               "cannot exchange two folders");
@@ -158,11 +159,12 @@ void EncryptionPlaces::HideView() {
 }
 
 bool EncryptionPlaces::RemoveHidden(const std::string& path) {
-    return RemoveTree(OpenFolder(m_volume).Get(), path).isGone;
+    // Where no volume is mounted nothing is found, yet nothing is gone.
+    return RemoveTree(OpenVolume(m_volume).Get(), path).isGone;
 }
 
 FileDescriptor EncryptionPlaces::OpenHidden(const std::string& path) {
-    FileDescriptor folder(OpenBeneath(OpenFolder(m_volume).Get(), path.c_str(), O_RDONLY | O_DIRECTORY));
+    FileDescriptor folder(OpenBeneath(OpenVolume(m_volume).Get(), path.c_str(), O_RDONLY | O_DIRECTORY));
     Check(static_cast<bool>(folder), "cannot open a folder");
     return folder;
 }

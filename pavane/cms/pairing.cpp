@@ -18,6 +18,7 @@
 
 #include "platform/pavane/cms.h"
 
+#include "pavane/cms/server_registry.h"
 #include "pavane/log_line.h"
 #include "pavane/store/database.h"
 
@@ -54,13 +55,20 @@ bool ParseStamp(std::string_view stamp, std::int64_t& time_s) {
     return error == std::errc() && rest == end && time_s > 0;
 }
 
+// Those of the servers that this one's role gives a say. One that was a host keeps its pairings, but what its
+// servers still relay to it would meet its own shares under their ids.
 std::vector<std::string> PairSecrets() {
     std::vector<std::string> secrets;
+    const CmsRole role = GetCmsRole();
+    if (role == CmsRole::kNone) {
+        return secrets;
+    }
     std::string secret;
-    soci::statement statement = (AppDatabase().Session().prepare
-                                     << "select pair_secret from cms_host where pair_secret <> '' union all"
-                                        " select pair_secret from rec_server where pair_secret <> ''",
-                                 soci::into(secret));
+    soci::statement statement =
+        (AppDatabase().Session().prepare << "select pair_secret from "
+                                         << (role == CmsRole::kHost ? "rec_server" : "cms_host")
+                                         << " where pair_secret <> ''",
+         soci::into(secret));
     for (bool more = statement.execute(true); more; more = statement.fetch()) {
         secrets.push_back(secret);
     }

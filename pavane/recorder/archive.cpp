@@ -24,19 +24,13 @@ void Keep(const char* service, SHARE_OPERATION operation, const std::string& pat
 
 Json::Value ArchPullApi::GetTasks(const std::string& server, ARCH_TASK_TYPE type) {
     Json::Value tasks(Json::arrayValue);
-    try {
-        for (const pavane::ArchiveTask& task : pavane::ListArchiveTasks(server, type)) {
-            Json::Value element(Json::objectValue);
-            element["id"] = task.id;
-            element["name"] = task.name;
-            element["type"] = task.type;
-            element["storagePath"] = task.storagePath;
-            tasks.append(element);
-        }
-    } catch (const std::exception& failure) {
-        PV_LOG_LINE(kSource, "Failed to list the archive tasks: %s\n",
-                    pavane::DescribeFailure(failure).c_str());
-        return Json::Value(Json::arrayValue);
+    for (const pavane::ArchiveTask& task : pavane::ListArchiveTasks(server, type)) {
+        Json::Value element(Json::objectValue);
+        element["id"] = task.id;
+        element["name"] = task.name;
+        element["type"] = task.type;
+        element["storagePath"] = task.storagePath;
+        tasks.append(element);
     }
     return tasks;
 }

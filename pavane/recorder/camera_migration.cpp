@@ -43,6 +43,20 @@ void WriteFile(const std::string& path, const std::string& text) {
     }
 }
 
+// So that a name in it outlasts a loss of power.
+void SyncFolder(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool isDone = fd >= 0 && fsync(fd) == 0;
+    const int error = errno;
+    if (fd >= 0) {
+        close(fd);
+    }
+    if (!isDone) {
+        errno = error;
+        Fail("cannot write the folder of migrations to the disk");
+    }
+}
+
 }  // namespace
 
 std::string GetRecMigrateTmpFilePath(int camId) {
@@ -67,6 +81,7 @@ void StartCameraMigration(int camId, const std::string& sourceDir) {
     if (rename(fresh.c_str(), path.c_str()) != 0) {
         Fail("cannot place the file of a migration");
     }
+    SyncFolder(MigrationFolder());
 }
 
 bool StopCameraMigration(int camId) {

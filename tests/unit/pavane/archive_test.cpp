@@ -1,5 +1,6 @@
 #include "platform/pavane/archive.h"
 
+#include <exception>
 #include <string>
 
 #include "pavane/recorder/archive_store.h"
@@ -38,6 +39,12 @@ TEST_F(Archive, ATaskOfAKnownNameIsChanged) {
     EXPECT_FALSE(pavane::RemoveArchiveTask(id));
     EXPECT_TRUE(ArchPullApi::GetTasks("", ARCH_TASK_ALL).empty());
     EXPECT_TRUE(ArchPullApi::GetTasks("", ARCH_TASK_ALL).isArray());
+}
+
+TEST_F(Archive, TasksThatCannotBeReadAreNotNone) {
+    Session() << "alter table archive_task rename to archive_task_away";
+    EXPECT_THROW(ArchPullApi::GetTasks("", ARCH_TASK_ALL), std::exception);
+    Session() << "alter table archive_task_away rename to archive_task";
 }
 
 TEST_F(Archive, NoticesAreKeptInTheirOrderUntilTheyAreTaken) {

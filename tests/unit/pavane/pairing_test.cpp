@@ -5,6 +5,7 @@
 
 #include "platform/pavane/cms.h"
 
+#include "pavane/cms/server_registry.h"
 #include "tests/unit/pavane/test_node.h"
 
 namespace {
@@ -14,6 +15,7 @@ protected:
     static constexpr const char* kSecret = "a pair's secret";
 
     void PairWith(const std::string& serial, const std::string& secret) {
+        pavane::SetCmsRole(pavane::CmsRole::kHost);
         Session() << "insert into rec_server (serial, pair_secret) values (:k, :s)", soci::use(serial),
             soci::use(secret);
     }
@@ -89,12 +91,24 @@ TEST_F(Pairing, WithoutAPairingNothingIsAccepted) {
     EXPECT_FALSE(IsAuthPairMatch(pavane::MakePairKey(kSecret, stamp), stamp));
 }
 
-TEST_F(Pairing, TheHostsSecretCountsToo) {
+TEST_F(Pairing, OnlyThePairingsOfThePresentRoleCount) {
+    using pavane::CmsRole;
+    PairWith("A", kSecret);
     Session() << "insert into cms_host (id, own_serial, address, pair_secret) values (1, 'S', 'http://h', '"
               << "hosts secret"
               << "')";
-    const std::string stamp = pavane::MakeStamp();
-    EXPECT_TRUE(IsAuthPairMatch(pavane::MakePairKey("hosts secret", stamp), stamp));
+    const auto accepts = [](const std::string& secret) {
+        const std::string stamp = pavane::MakeStamp();
+        return IsAuthPairMatch(pavane::MakePairKey(secret, stamp), stamp);
+    };
+    EXPECT_TRUE(accepts(kSecret));
+    EXPECT_FALSE(accepts("hosts secret"));
+    pavane::SetCmsRole(CmsRole::kRecServer);
+    EXPECT_FALSE(accepts(kSecret));
+    EXPECT_TRUE(accepts("hosts secret"));
+    pavane::SetCmsRole(CmsRole::kNone);
+    EXPECT_FALSE(accepts(kSecret));
+    EXPECT_FALSE(accepts("hosts secret"));
 }
 
 TEST_F(Pairing, WhatWasAdmittedAtTheDoorIsAcceptedOnceInside) {
