@@ -21,8 +21,8 @@ enum SHARE_OPERATION : int {
 class ArchPullApi {
 public:
     // The archive tasks of the server named `server` (empty = this one): an array of objects with "id" (int),
-    // "name", "type" (int) and "storagePath" (absolute path, no trailing slash). Throws std::exception when they can't
-    // be read: whoever took that for none would delete a folder that a task stores into.
+    // "name", "type" (int) and "storagePath" (absolute path, no trailing slash). Throws std::exception when
+    // they can't be read: whoever took that for none would delete a folder that a task stores into.
     static Json::Value GetTasks(const std::string& server, ARCH_TASK_TYPE type);
 
     // Tells the archive service of a change; kept until the service has taken it, also over a restart.
