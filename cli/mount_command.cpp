@@ -15,6 +15,7 @@ namespace {
 
 constexpr const char* kMountApi = "KORV.Tarsel.Mount";
 constexpr const char* kListApi = "KORV.Tarsel.Mount.List";
+constexpr const char* kShareApi = "KORV.Pavane.Share";
 
 void Add(const Context& context, const RemoteFolder& folder) {
     Json::Value parameters(Json::objectValue);
@@ -69,10 +70,23 @@ void Remove(const Context& context, const std::string& mountPoint) {
     }
 }
 
+// Asks for a recording share first, whose record then says so at once; other mounts are the mount service's.
 void Reconnect(const Context& context, const std::string& mountPoint) {
+    constexpr int kNotPermitted = 105;
+    constexpr int kNoSuchShare = 401;
+    Client client = context.MakeClient();
     Json::Value parameters(Json::objectValue);
-    parameters["mount_point"].append(mountPoint);
-    context.MakeClient().Call(kListApi, "reconnect", parameters);
+    parameters["mount_point"] = mountPoint;
+    try {
+        client.Call(kShareApi, "ReconnetRemoteMount", parameters);
+    } catch (const Refused& refused) {
+        if (refused.code != kNoSuchShare && refused.code != kNotPermitted) {
+            throw;
+        }
+        parameters["mount_point"] = Json::Value(Json::arrayValue);
+        parameters["mount_point"].append(mountPoint);
+        client.Call(kListApi, "reconnect", parameters);
+    }
     if (!context.json) {
         PrintLine(mountPoint + " is mounted");
     }

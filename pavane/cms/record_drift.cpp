@@ -69,22 +69,21 @@ RecShare RecordAtHost(int rvId, const Json::Value& record) {
     return share;
 }
 
-// Takes out of `known` the record that stands for `wanted`: the one of its id there; else one of its path,
-// whose id the host never learnt.
-bool TakeMatch(std::list<RecShare>& known, const RecShare& wanted, RecShare& match) {
-    auto found = std::find_if(known.begin(), known.end(), [&](const RecShare& share) {
-        return share.GetIdOnRec() == wanted.GetIdOnRec();
-    });
-    if (found == known.end()) {
-        found = std::find_if(known.begin(), known.end(),
-                             [&](const RecShare& share) { return share.GetPath() == wanted.GetPath(); });
+// Gives each drift the record of `known` that stands for what is wanted, and takes it out of `known`.
+template <typename IsSame>
+void TakeMatches(std::vector<Drift>& drifts, std::list<RecShare>& known, IsSame isSame) {
+    for (Drift& drift : drifts) {
+        const auto found = drift.kind != DriftKind::kMissing
+                               ? known.end()
+                               : std::find_if(known.begin(), known.end(), [&](const RecShare& share) {
+                                     return isSame(share, drift.wanted);
+                                 });
+        if (found != known.end()) {
+            drift.kind = DriftKind::kDiffers;
+            drift.atHost = *found;
+            known.erase(found);
+        }
     }
-    if (found == known.end()) {
-        return false;
-    }
-    match = *found;
-    known.erase(found);
-    return true;
 }
 
 std::vector<std::string> DifferingFields(const RecShare& first, const RecShare& second) {
@@ -135,20 +134,26 @@ Json::Value OwnRecords() {
     return records;
 }
 
+// By id first: a path may be another record's by now. By path those whose id the host never learnt.
 std::vector<Drift> FindDrift(int rvId, const Json::Value& answer) {
     std::list<RecShare> known = LoadRecShareFromDB(rvId);
     std::vector<Drift> drifts;
     for (const Json::Value& record : answer) {
-        Drift drift;
-        drift.wanted = RecordAtHost(rvId, record);
-        if (TakeMatch(known, drift.wanted, drift.atHost)) {
-            drift.kind = DriftKind::kDiffers;
+        drifts.emplace_back().wanted = RecordAtHost(rvId, record);
+    }
+    TakeMatches(drifts, known, [](const RecShare& share, const RecShare& wanted) {
+        return share.GetIdOnRec() == wanted.GetIdOnRec();
+    });
+    TakeMatches(drifts, known, [](const RecShare& share, const RecShare& wanted) {
+        return share.GetPath() == wanted.GetPath();
+    });
+    for (Drift& drift : drifts) {
+        if (drift.kind == DriftKind::kDiffers) {
             drift.fields = DifferingFields(drift.atHost, drift.wanted);
         }
-        if (drift.kind == DriftKind::kMissing || !drift.fields.empty()) {
-            drifts.push_back(drift);
-        }
     }
+    std::erase_if(
+        drifts, [](const Drift& drift) { return drift.kind == DriftKind::kDiffers && drift.fields.empty(); });
     for (const RecShare& share : known) {
         Drift drift;
         drift.kind = DriftKind::kStale;
@@ -172,10 +177,12 @@ bool RepairDrift(const std::vector<Drift>& drifts) {
             }
         }
     }
-    for (const Drift& drift : drifts) {
-        if (drift.kind != DriftKind::kStale) {
-            RecShare share = Repaired(drift);
-            isDone = share.Save() == 0 && isDone;
+    for (const DriftKind kind : {DriftKind::kDiffers, DriftKind::kMissing}) {
+        for (const Drift& drift : drifts) {
+            if (drift.kind == kind) {
+                RecShare share = Repaired(drift);
+                isDone = share.Save() == 0 && isDone;
+            }
         }
     }
     return isDone;

@@ -4,9 +4,11 @@
 #include <exception>
 #include <map>
 #include <string>
+#include <vector>
 
 #include <json/json.h>
 
+#include "platform/korv/mount.h"
 #include "platform/korv/share.h"
 #include "platform/pavane/events.h"
 #include "platform/pavane/rec_share.h"
@@ -46,6 +48,26 @@ std::map<std::string, Json::Value> FoldersByPath() {
 
 bool IsLocal(const RecShare& share) {
     return share.GetOwnerRvId() == 0 && share.GetMountType() == SHARE_MOUNT_LOCAL;
+}
+
+// True when some record may no longer say what its folder is; costs little where nothing is encrypted or
+// moved.
+bool AreOutOfStep(const std::list<RecShare>& shares) {
+    const auto isMoving = [](const RecShare& share) { return IsLocal(share) && share.GetMigrating(); };
+    const auto isEncrypted = [](const RecShare& share) {
+        return IsLocal(share) && share.GetEncType() != SHARE_ENC_NONE;
+    };
+    if (std::any_of(shares.begin(), shares.end(), isMoving)) {
+        return true;
+    }
+    if (std::none_of(shares.begin(), shares.end(), isEncrypted)) {
+        return false;
+    }
+    const std::vector<std::string> mounted = ListMountPoints();
+    return std::any_of(shares.begin(), shares.end(), [&](const RecShare& share) {
+        const bool isUnlocked = std::binary_search(mounted.begin(), mounted.end(), share.GetPath());
+        return isEncrypted(share) && isUnlocked != (share.GetEncType() == SHARE_ENC_UNLOCKED);
+    });
 }
 
 bool Refresh() {
@@ -98,11 +120,10 @@ void NoteMove(const std::string& name) {
 
 }  // namespace pavane
 
-// A move ends by itself, and whoever sees its end must not be told of the share as it was before.
+// A move ends by itself, and a folder is locked without its record: whoever sees that must not be told of the
+// share as it was before.
 std::list<RecShare> LoadRecShareFromDB(int rvId) {
     std::list<RecShare> shares = pavane::LoadRecShares(rvId);
-    const bool isMoving = std::any_of(shares.begin(), shares.end(), [](const RecShare& share) {
-        return pavane::IsLocal(share) && share.GetMigrating();
-    });
-    return isMoving && pavane::RefreshShareStates() ? pavane::LoadRecShares(rvId) : shares;
+    return pavane::AreOutOfStep(shares) && pavane::RefreshShareStates() ? pavane::LoadRecShares(rvId)
+                                                                        : shares;
 }

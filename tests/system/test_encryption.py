@@ -68,11 +68,12 @@ def test_a_share_is_created_encrypted_locked_and_unlocked(node, admin, volume):
     content = fill(node, f"{volume}/vault", 5)
     assert admin.call("KORV.Core.Share.Crypto", "lock", name="vault")["success"]
     assert nas(admin, "vault")["encryption"] == 1
-    wait_until(lambda: find(admin, "vault")["encType"] == 1, "the record says so")
+    assert find(admin, "vault")["encType"] == 1
     assert node.inside("ls", "-A", f"{volume}/vault") == ""
     node.allow("could not be locked")
     assert admin.call("KORV.Core.Share.Crypto", "decrypt", name="vault", password="wrong")["error"]["code"] == 3328
     assert admin.call("KORV.Core.Share.Crypto", "decrypt", name="vault", password=PASSWORD)["success"]
+    assert find(admin, "vault")["encType"] == 2
     assert checksums(node, f"{volume}/vault") == content
 
 

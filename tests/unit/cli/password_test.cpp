@@ -38,8 +38,8 @@ TEST_F(PasswordFileTest, TheFirstLineIsThePasswordWithoutItsLineEnd) {
 }
 
 TEST_F(PasswordFileTest, AnEmptyOrMissingFileIsAnInputError) {
-    EXPECT_THROW(ReadFrom(""), cli::InputError);
-    EXPECT_THROW(ReadFrom("\nsecond"), cli::InputError);
+    EXPECT_THROW(static_cast<void>(ReadFrom("")), cli::InputError);
+    EXPECT_THROW(static_cast<void>(ReadFrom("\nsecond")), cli::InputError);
     cli::PasswordSource source;
     source.file = m_folder + "/none";
     EXPECT_THROW(static_cast<void>(source.Read("")), cli::InputError);

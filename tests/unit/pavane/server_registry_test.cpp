@@ -194,6 +194,24 @@ TEST_F(Registry, DriftIsFoundAndRepaired) {
     EXPECT_EQ(LoadRecSharePath(0).size(), ownBefore) << "the host's own records are not its business";
 }
 
+TEST_F(Registry, ARecordWhosePathIsAnothersByNowIsStillItself) {
+    Save(MakeShare("/volume1/first", 0, 0));
+    Save(MakeShare("/volume1/second", 0, 0));
+    const Json::Value answer = pavane::OwnRecords();
+    const int server = AddServer("A");
+    RecShare renamed = MakeShare("/volume1/first", server, answer[1]["id"].asInt());
+    Save(renamed);
+    const auto drifts = pavane::FindDrift(server, answer);
+    ASSERT_EQ(drifts.size(), 2U);
+    EXPECT_EQ(drifts[0].kind, pavane::DriftKind::kMissing);
+    EXPECT_EQ(drifts[1].kind, pavane::DriftKind::kDiffers);
+    EXPECT_TRUE(pavane::RepairDrift(drifts));
+    EXPECT_TRUE(pavane::FindDrift(server, answer).empty());
+    RecShare kept;
+    ASSERT_EQ(kept.LoadByPath("/volume1/second", server), 0);
+    EXPECT_EQ(kept.GetId(), drifts[1].atHost.GetId()) << "what names the record goes on meaning it";
+}
+
 TEST_F(Registry, AnAnswerOfTheWrongTypesIsRefused) {
     Json::Value answer(Json::arrayValue);
     answer[0]["id"] = "one";
