@@ -96,7 +96,8 @@ std::string manifest::Difference(const Manifest& left, const Manifest& right) {
         if (other == right.end()) {
             text += "- " + path + "\n";
         } else if (other->second != line) {
-            text += "! " + path + "\n    " + line + "\n    " + other->second + "\n";
+            text.append("! ").append(path).append("\n    ").append(line);
+            text.append("\n    ").append(other->second).append("\n");
         }
     }
     for (const auto& [path, line] : right) {

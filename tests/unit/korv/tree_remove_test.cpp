@@ -256,7 +256,7 @@ TEST_F(TreeRemove, RemovesSubvolumesWithAllThatIsInThem) {
         GTEST_SKIP() << "no loop devices";
     }
     const std::string volume = machine::BtrfsVolume();
-    const auto run = [](std::vector<std::string> arguments) {
+    const auto run = [](const std::vector<std::string>& arguments) {
         return korv::RunProgram("/usr/bin/btrfs", arguments, std::chrono::seconds(20)).exitCode;
     };
     ASSERT_EQ(run({"subvolume", "create", volume + "/rec"}), 0);
