@@ -13,10 +13,8 @@ bool ChkPidLevel(LOG_LEVEL level);
 bool IsLogAdmitted(LOG_CATEG category, LOG_LEVEL level);
 
 // Writes a gated entry; the arguments after the format are evaluated only when the gate admits it.
-#define PV_LOG_AT(category, level, file, line, function, ...)                                           \
-    do {                                                                                                \
-        if (IsLogAdmitted(category, level)) {                                                           \
-            PVPrintf(LOG_TYPE_DEFAULT, Enum2String<LOG_CATEG>(category), Enum2String<LOG_LEVEL>(level), \
-                     file, line, function, __VA_ARGS__);                                                \
-        }                                                                                               \
-    } while (false)
+#define PV_LOG_AT(category, level, file, line, function, ...)                                            \
+    (IsLogAdmitted(category, level)                                                                      \
+         ? static_cast<void>(PVPrintf(LOG_TYPE_DEFAULT, Enum2String<LOG_CATEG>(category),                \
+                                      Enum2String<LOG_LEVEL>(level), file, line, function, __VA_ARGS__)) \
+         : static_cast<void>(0))

@@ -101,7 +101,7 @@ int ShareHandler::PrepareEditRelay(const EditRequest& edit, const RecShare& shar
 }
 
 int ShareHandler::EditFolder(const EditRequest& edit, const RecShare& share, const std::string& newPath) {
-    const std::string oldName = share.GetName();
+    const std::string& oldName = share.GetName();
     if (edit.name != oldName && IsExistDir(newPath)) {
         SetErrorCode(PV_WEBAPI_ERR_SHARE_EXISTS, "", "");
         return -1;

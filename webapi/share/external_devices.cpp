@@ -19,7 +19,7 @@
 // memory lists no disks and goes on.
 
 bool ExtPartitionTable::Reserve(int capacity) {
-    m_rows = static_cast<ExtPartition**>(calloc(static_cast<std::size_t>(capacity), sizeof(ExtPartition*)));
+    m_rows = static_cast<ExtPartition**>(calloc(static_cast<std::size_t>(capacity), sizeof(void*)));
     return m_rows != nullptr;
 }
 
