@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <stdexcept>
 
+#include "include/run_as_scope.h"
 #include "korv/system/external_disk.h"
 
 namespace korv {
@@ -44,6 +46,10 @@ bool IsExternalShareName(const std::string& name) {
 }
 
 std::optional<std::string> ExternalSharePath(const std::string& name) {
+    const RunAsScope root = IF_RUN_AS;
+    if (!root) {
+        throw std::runtime_error("external disks can't be looked at without root");
+    }
     const auto isWanted = [&name](const ExternalPartition& partition) {
         return strcasecmp(partition.shareName.c_str(), name.c_str()) == 0;
     };

@@ -11,7 +11,8 @@ namespace korv {
 // other share has such a name.
 bool IsExternalShareName(const std::string& name);
 
-// Where the external share `name` is mounted now. Needs root.
+// Where the external share `name` is mounted now. Needs saved uid 0 and becomes root for its own length.
+// Throws std::runtime_error and std::system_error when the disks can't be looked at.
 std::optional<std::string> ExternalSharePath(const std::string& name);
 
 }  // namespace korv

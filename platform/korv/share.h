@@ -20,7 +20,7 @@ struct KORVSHARE {
 };
 
 // Looks up the shared folder `name`, without regard to case; what is mounted from an external disk is one too
-// ("usbshare2"), which needs root.
+// ("usbshare2"). Needs saved uid 0, not root: for the look at external disks it becomes root itself.
 //   share  out: the record, freed with KORVShareFree; null after a failure
 // 0 on success, -1 when there is none or it cannot be read.
 int KORVShareGet(const char* name, KORVSHARE** share);

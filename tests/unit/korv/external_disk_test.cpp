@@ -34,6 +34,7 @@ using korv::ExternalDiskKind;
 using korv::PartitionState;
 
 constexpr const char* kPlace = "/tmp/place";
+constexpr uid_t kService = 65534;
 
 class ExternalDiskTest : public testing::Test {
 protected:
@@ -83,6 +84,15 @@ protected:
 };
 
 using Texts = std::vector<std::string>;
+
+// As a worker runs while it answers a request: it may become root, but isn't.
+class AsService {
+public:
+    AsService() { EXPECT_EQ(seteuid(kService), 0); }
+    ~AsService() { EXPECT_EQ(seteuid(0), 0); }
+    AsService(const AsService&) = delete;
+    AsService& operator=(const AsService&) = delete;
+};
 
 // A process whose command line reads like that of a program at work on a device.
 class Worker {
@@ -187,6 +197,27 @@ TEST_F(ExternalDiskTest, ASharesNameLastsAsLongAsTheDiskIsMounted) {
     umount2(kPlace, MNT_DETACH);
     EXPECT_EQ(KORVShareGet("usbshare3", &share), -1);
     EXPECT_EQ(share, nullptr);
+}
+
+// What is on the disk can be read by root alone: its second partition is no place for files, so that the
+// first is the only one.
+TEST_F(ExternalDiskTest, AWorkerFindsASharesRecordAsTheServiceUser) {
+    const std::string disk = disks.AddUsbDisk("sdb");
+    disks.AddPartition(disk, 1);
+    disks.AddPartition(disk, 2);
+    ASSERT_EQ(korv::RunProgram("/usr/sbin/mkswap", {disks.FileOf("sdb2")}, std::chrono::seconds(20)).exitCode,
+              0);
+    MountFrom("/dev/sdb1");
+    KORVSHARE* share = nullptr;
+    int result = -1;
+    {
+        const AsService service;
+        result = KORVShareGet("usbshare2", &share);
+        EXPECT_EQ(geteuid(), kService);
+    }
+    ASSERT_EQ(result, 0);
+    EXPECT_STREQ(share->path, kPlace);
+    KORVShareFree(share);
 }
 
 TEST_F(ExternalDiskTest, OnlyNumberedNamesAreExternalShares) {
