@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstdlib>
 #include <optional>
 #include <stdexcept>
@@ -66,24 +65,6 @@ std::optional<ExternalDiskKind> KindOf(udev_device& disk) {
     }
     const bool isPulled = bus == "ata" && Attribute(disk, "removable") == "1";
     return isPulled ? std::optional(ExternalDiskKind::kEsata) : std::nullopt;
-}
-
-// "sdb" is 2, "sdaa" 27, "loop0" 1.
-int NumberOf(const std::string& name) {
-    constexpr int kLetters = 26;
-    constexpr int kDecimal = 10;
-    int number = 0;
-    const std::size_t lastLetter = name.find_last_not_of("0123456789");
-    if (lastLetter != std::string::npos && lastLetter + 1 < name.size()) {
-        for (const char digit : name.substr(lastLetter + 1)) {
-            number = number * kDecimal + (digit - '0');
-        }
-        return number + 1;
-    }
-    for (const char letter : name.substr(std::min<std::size_t>(2, name.size()))) {
-        number = number * kLetters + (std::tolower(letter) - 'a' + 1);
-    }
-    return number;
 }
 
 // Anybody can mount a FUSE file system and call its source what they like; "fuseblk" is root's alone.
@@ -157,7 +138,8 @@ int PartitionNumber(udev_device& device) {
     return static_cast<int>(strtol(Attribute(device, "partition").c_str(), nullptr, kDecimal));
 }
 
-// One partition that holds files is known by the disk's own name; several add their numbers.
+// One partition that holds files is known by the disk's own name; several add their numbers. A name that was
+// cut could be another partition's.
 void NameShares(ExternalDisk& disk) {
     const auto isForFiles = [](const ExternalPartition& each) {
         return each.state != PartitionState::kHidden;
@@ -166,9 +148,10 @@ void NameShares(ExternalDisk& disk) {
     const std::string stem =
         (disk.kind == ExternalDiskKind::kUsb ? "usbshare" : "satashare") + std::to_string(disk.number);
     for (ExternalPartition& partition : disk.partitions) {
-        if (partition.state == PartitionState::kReady) {
-            partition.shareName = isOne ? stem : stem + "-" + std::to_string(partition.number);
-        }
+        const std::string name = isOne ? stem : stem + "-" + std::to_string(partition.number);
+        const bool isNamed =
+            partition.state == PartitionState::kReady && name.size() <= kLongestExternalShareName;
+        partition.shareName = isNamed ? name : "";
     }
 }
 
@@ -182,14 +165,14 @@ std::optional<ExternalDisk> Describe(udev_device& device) {
     disk.kind = *kind;
     disk.name = udev_device_get_sysname(&device);
     disk.device = node;
-    disk.number = NumberOf(disk.name);
+    disk.identity = Attribute(device, "diskseq");
     disk.isSettled = udev_device_get_is_initialized(&device) > 0;
     return disk;
 }
 
 }  // namespace
 
-std::vector<ExternalDisk> ListExternalDisks() {
+std::vector<ExternalDisk> AttachedDisks() {
     const Udev context = OpenUdev();
     std::vector<ExternalDisk> disks;
     for (const UdevDevice& device : ListDisks(*context)) {
@@ -202,7 +185,7 @@ std::vector<ExternalDisk> ListExternalDisks() {
     return disks;
 }
 
-std::optional<ExternalDisk> FindExternalDisk(const std::string& name) {
+std::optional<ExternalDisk> AttachedDisk(const std::string& name) {
     const Udev context = OpenUdev();
     const UdevDevice device = FindDisk(*context, name);
     return device != nullptr ? Describe(*device) : std::nullopt;

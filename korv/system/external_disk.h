@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -26,25 +27,30 @@ struct ExternalPartition {
     PartitionState state = PartitionState::kUnusable;
     std::string fsType;  // empty = none that is known
     std::string label;
-    std::string shareName;  // while mounted
+    std::string shareName;  // while mounted; empty too where the name would become too long
     std::string mountPath;  // empty = not mounted
 };
 
 struct ExternalDisk {
     ExternalDiskKind kind = ExternalDiskKind::kUsb;
-    std::string name;    // "sdb"
-    std::string device;  // "/dev/sdb"
-    int number = 0;      // of its name: 2 for "sdb"; stays while the disk is attached
+    std::string name;      // "sdb"
+    std::string device;    // "/dev/sdb"
+    std::string identity;  // what the kernel counts anew for each disk that comes; empty = it doesn't
+    int number = 0;        // from the register (external_disk_register.h)
     bool isSettled = false;
     std::vector<ExternalPartition> partitions;
 };
 
-// The attached disks of both kinds by name, without their partitions. `isSettled` is false while the device
-// manager still looks at one. Throws std::runtime_error when the device manager's data can't be read.
-std::vector<ExternalDisk> ListExternalDisks();
+// The attached disks of both kinds by name, without their partitions and numbers. `isSettled` is false while
+// the device manager still looks at one. Throws std::runtime_error when the device manager's data can't be
+// read.
+std::vector<ExternalDisk> AttachedDisks();
 
 // The same of one disk; nothing when it is gone or no external disk.
-std::optional<ExternalDisk> FindExternalDisk(const std::string& name);
+std::optional<ExternalDisk> AttachedDisk(const std::string& name);
+
+// The longest name of an external share: listings keep no more of it.
+inline constexpr std::size_t kLongestExternalShareName = 15;
 
 // Fills the partitions of `disk` by number, or the disk itself where it holds a file system unpartitioned.
 // Reads from the disk, so it needs root. A disk that is gone has none.

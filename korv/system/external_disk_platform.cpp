@@ -12,6 +12,7 @@
 #include "include/run_as_scope.h"
 #include "korv/framework/log.h"
 #include "korv/system/external_disk.h"
+#include "korv/system/external_disk_register.h"
 #include "korv/system/external_disk_state.h"
 
 namespace {
@@ -32,7 +33,8 @@ std::optional<ExternalDiskKind> KindOf(int type) {
 
 // The disks of `kind`; notes the state of all that are attached.
 std::vector<ExternalDisk> ListAndNoteDisks(ExternalDiskKind kind) {
-    std::vector<ExternalDisk> disks = korv::ListExternalDisks();
+    korv::ExternalDiskRegister known;
+    std::vector<ExternalDisk> disks = known.List();
     korv::UpdateDiskStates(disks);
     std::erase_if(disks, [kind](const ExternalDisk& disk) { return disk.kind != kind; });
     return disks;

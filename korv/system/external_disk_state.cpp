@@ -81,6 +81,20 @@ std::string WorkOn(const std::string& device) {
     return "";
 }
 
+void ForgetDiskStates(const std::vector<std::string>& names) {
+    const auto before = ReadKeyValues(kDiskStateFile);
+    if (!before) {
+        return;
+    }
+    KeyValues now = *before;
+    for (const std::string& name : names) {
+        now.erase(name);
+    }
+    if (now != *before) {
+        WriteKeyValues(kDiskStateFile, now);
+    }
+}
+
 void UpdateDiskStates(const std::vector<ExternalDisk>& attached) {
     const auto before = ReadKeyValues(kDiskStateFile);
     KeyValues now;

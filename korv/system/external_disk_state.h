@@ -17,8 +17,11 @@ inline constexpr const char* kDiskChecked = "fsck";          // a check of a fil
 inline constexpr const char* kDiskFormatted = "formatting";  // a file system is being made
 inline constexpr const char* kDiskFailed = "fail";           // set by others; stays until the disk goes
 
+// Drops what is noted of the disks `names`; nothing when nothing is. Needs root. Throws std::system_error.
+void ForgetDiskStates(const std::vector<std::string>& names);
+
 // Brings the file up to date for the disks of both kinds that are attached now; it is written only when
-// something changed. Needs root. Throws std::system_error.
+// something changed. Needs root and the register (external_disk_register.h). Throws std::system_error.
 void UpdateDiskStates(const std::vector<ExternalDisk>& attached);
 
 // "formatting" or "fsck" when a program of that kind works on `device` or on a partition of it, else "".

@@ -8,7 +8,7 @@
 #include <stdexcept>
 
 #include "include/run_as_scope.h"
-#include "korv/system/external_disk.h"
+#include "korv/system/external_disk_register.h"
 
 namespace korv {
 

@@ -49,12 +49,9 @@ class Disk:
 
     def __init__(self, node, kind="usb", size_mb=64):
         self.node = node
-        node.inside("rm", "-f", STATE_FILE)  # what was noted of an earlier disk of the same name
         name = f"{_MARK}-{kind}-{secrets.token_hex(4)}.img"
         self.image = os.path.join(node.state, name)
-        with open(self.image, "wb") as file:
-            file.truncate(size_mb * MB)
-        subprocess.run(["mkfs.ext4", "-q", self.image], check=True)
+        self.make_file_system(size_mb)
         self.device = node.inside("losetup", "--find", "--nooverlap", "--show", f"/srv/pavane/{name}").strip()
         number = int(self.device.removeprefix("/dev/loop"))
         self.share = f"{'usb' if kind == 'usb' else 'sata'}share{number + 1}"
@@ -63,6 +60,11 @@ class Disk:
         self.attached = True
         wait_until(lambda: node.inside("test", "-s", f"/run/udev/data/b7:{number}", check=False).returncode == 0,
                    "the device manager knows the disk")
+
+    def make_file_system(self, size_mb=64):
+        with open(self.image, "wb") as file:
+            file.truncate(size_mb * MB)
+        subprocess.run(["mkfs.ext4", "-q", self.image], check=True)
 
     def mount(self, mode="755"):
         self.node.inside("mkdir", "-p", self.place)
@@ -75,6 +77,14 @@ class Disk:
             self.attached = False
             self.node.inside("umount", "-l", self.place, check=False)
             self.node.inside("losetup", "-d", self.device)
+
+    def swap(self):
+        """Takes it away and puts another one in its place."""
+        self.node.inside("umount", self.place)
+        os.unlink(self.image)
+        self.make_file_system()
+        self.node.inside("sh", "-c", f"losetup -d {self.device} && "
+                                     f"losetup {self.device} /srv/pavane/{os.path.basename(self.image)}")
 
     def size_mb(self):
         """Its size and what ordinary users have of it, rounded up as it is shown."""

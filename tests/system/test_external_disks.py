@@ -121,6 +121,16 @@ def test_a_disk_that_failed_is_not_offered_until_it_comes_back(node, admin, disk
     assert node.inside("cat", STATE_FILE) == ""
 
 
+def test_another_disk_in_the_place_of_one_that_failed_is_offered(node, admin, disk):
+    assert disk.share in candidates(admin, 2)
+    set_state(node, disk, "fail")
+    assert candidates(admin, 2) == {}
+    disk.swap()
+    disk.mount()
+    assert list(candidates(admin, 2)) == [disk.share]
+    assert state_of(node, disk) == "done"
+
+
 @pytest.mark.parametrize("program", ["mkfs.ext4", "fsck.ext4"])
 def test_a_disk_at_work_is_not_offered(node, admin, disk, program):
     """What counts is the command line of whatever runs."""

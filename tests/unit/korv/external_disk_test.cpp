@@ -22,6 +22,7 @@
 #include "platform/korv/share.h"
 
 #include "korv/system/child_process.h"
+#include "korv/system/external_disk_register.h"
 #include "korv/system/external_disk_state.h"
 #include "korv/system/external_share.h"
 #include "korv/system/key_value_file.h"
@@ -34,12 +35,15 @@ using korv::ExternalDiskKind;
 using korv::PartitionState;
 
 constexpr const char* kPlace = "/tmp/place";
+constexpr const char* kConfiguration = "/tmp/korv.yaml";
+constexpr const char* kRegister = "/run/external-disks";
 constexpr uid_t kService = 65534;
 
 class ExternalDiskTest : public testing::Test {
 protected:
     void SetUp() override {
         fs::remove(korv::kDiskStateFile);
+        fs::remove(kRegister);
         fs::create_directory(kPlace);
     }
     void TearDown() override {
@@ -84,6 +88,8 @@ protected:
 };
 
 using Texts = std::vector<std::string>;
+
+const PretendedDisks::Texts kDeclaredUsb{{"KORV_EXTERNAL_DISK", "usb"}};
 
 // As a worker runs while it answers a request: it may become root, but isn't.
 class AsService {
@@ -140,6 +146,57 @@ TEST_F(ExternalDiskTest, TellsExternalDisksFromTheMachinesOwn) {
     disks.AddDisk("pci0/usb1/1-4/host9", "sdf", {{"ID_BUS", "usb"}, {"KORV_EXTERNAL_DISK", "no"}});
     EXPECT_EQ(Names(ExternalDiskKind::kUsb), (Texts{"loop0/1", "sdaa/27", "sdc/3"}));
     EXPECT_EQ(Names(ExternalDiskKind::kEsata), (Texts{"loop1/2", "sdd/4"}));
+}
+
+TEST_F(ExternalDiskTest, NoTwoDisksHaveTheSameNumber) {
+    for (const char* name : {"nvme0n1", "nvme1n1", "nvme1n2", "mmcblk0", "loop1", "xvda", "xvdb"}) {
+        disks.AddDisk(std::string("pci0/") + name, name, kDeclaredUsb);
+    }
+    disks.AddEsataDisk("sda");
+    EXPECT_EQ(Names(ExternalDiskKind::kUsb),
+              (Texts{"loop1/2", "mmcblk0/1", "nvme0n1/3", "nvme1n1/4", "nvme1n2/5", "xvda/7", "xvdb/8"}));
+    EXPECT_EQ(Names(ExternalDiskKind::kEsata), Texts{"sda/6"});
+}
+
+TEST_F(ExternalDiskTest, ADisksNumberIsThatOfItsNameWhereItIsFree) {
+    for (const char* name : {"nvme2n1", "mmcblk6", "vdd", "sdcu", "sdcv"}) {
+        disks.AddDisk(std::string("pci0/") + name, name, kDeclaredUsb);
+    }
+    // A hundred and more would make long names.
+    EXPECT_EQ(Names(ExternalDiskKind::kUsb), (Texts{"mmcblk6/7", "nvme2n1/3", "sdcu/99", "sdcv/1", "vdd/4"}));
+}
+
+TEST_F(ExternalDiskTest, ADiskKeepsItsNumberWhateverComesAndGoes) {
+    const std::string first = disks.AddDisk("pci0/one", "nvme1n1", kDeclaredUsb);
+    EXPECT_EQ(Names(ExternalDiskKind::kUsb), Texts{"nvme1n1/2"});
+    disks.AddUsbDisk("sdb");
+    EXPECT_EQ(Names(ExternalDiskKind::kUsb), (Texts{"nvme1n1/2", "sdb/1"}));
+    disks.AddUsbDisk("sda");
+    EXPECT_EQ(Names(ExternalDiskKind::kUsb), (Texts{"nvme1n1/2", "sda/3", "sdb/1"}));
+    disks.Pull(first);
+    EXPECT_EQ(Names(ExternalDiskKind::kUsb), (Texts{"sda/3", "sdb/1"}));
+    EXPECT_EQ(korv::FindExternalDisk("sdb")->number, 1);
+    disks.AddUsbDisk("sdc");
+    EXPECT_EQ(korv::FindExternalDisk("sdc")->number, 2);
+    EXPECT_EQ(Names(ExternalDiskKind::kUsb), (Texts{"sda/3", "sdb/1", "sdc/2"}));
+}
+
+TEST_F(ExternalDiskTest, AShareWhoseNameWouldBeCutHasNone) {
+    const std::string path = disks.AddEsataDisk("sdd");
+    disks.AddPartition(path, 2);
+    disks.AddPartition(path, 128);
+    MountFrom("/dev/sdd128");
+    auto disk = korv::FindExternalDisk("sdd");
+    ASSERT_TRUE(disk);
+    const auto nameUnder = [&disk](int number) {
+        disk->number = number;
+        korv::ReadPartitions(*disk);
+        return disk->partitions.at(1).shareName;
+    };
+    EXPECT_EQ(nameUnder(4), "satashare4-128");
+    EXPECT_EQ(nameUnder(99), "satashare99-128");
+    EXPECT_EQ(nameUnder(100), "");
+    EXPECT_EQ(disk->partitions.at(1).mountPath, kPlace);
 }
 
 TEST_F(ExternalDiskTest, ReadsWhatIsOnEachPartition) {
@@ -309,6 +366,43 @@ TEST_F(ExternalDiskTest, AFailureThatAnotherProgramNotedStaysUntilTheDiskGoes) {
     EXPECT_EQ(StateOf("sdb"), "none");
 }
 
+TEST_F(ExternalDiskTest, AFailureIsNotTakenForTheNextDisksOfTheSameName) {
+    const std::string failed = disks.AddUsbDisk("sdb");
+    disks.AddUsbDisk("sdc");
+    disks.Settle("sdb");
+    disks.Settle("sdc");
+    EXPECT_EQ(StateOf("sdb"), "done");
+    korv::WriteKeyValues(korv::kDiskStateFile, {{"sdb", "fail"}, {"sdc", "fail"}});
+    // Swapped before anybody looks.
+    disks.Pull(failed);
+    disks.AddUsbDisk("sdb");
+    disks.Settle("sdb");
+    EXPECT_EQ(StateOf("sdb"), "done");
+    EXPECT_EQ(StateOf("sdc"), "fail");
+    // The new one may fail as well.
+    korv::WriteKeyValues(korv::kDiskStateFile, {{"sdb", "fail"}, {"sdc", "fail"}});
+    EXPECT_EQ(StateOf("sdb"), "fail");
+}
+
+TEST_F(ExternalDiskTest, ALookForAShareDoesNotCarryAFailureOn) {
+    const std::string failed = disks.AddUsbDisk("sdb");
+    disks.Settle("sdb");
+    EXPECT_EQ(StateOf("sdb"), "done");
+    korv::WriteKeyValues(korv::kDiskStateFile, {{"sdb", "fail"}});
+    disks.Pull(failed);
+    EXPECT_FALSE(korv::ExternalSharePath("usbshare2"));
+    disks.AddUsbDisk("sdb");
+    disks.Settle("sdb");
+    EXPECT_EQ(StateOf("sdb"), "done");
+}
+
+TEST_F(ExternalDiskTest, AFailureThatWasNotedBeforeTheFirstLookCounts) {
+    disks.AddUsbDisk("sdb");
+    disks.Settle("sdb");
+    korv::WriteKeyValues(korv::kDiskStateFile, {{"sdb", "fail"}});
+    EXPECT_EQ(StateOf("sdb"), "fail");
+}
+
 TEST_F(ExternalDiskTest, WritesTheFileOnlyWhenSomethingChanged) {
     EXPECT_EQ(StateOf("sdb"), "none");
     EXPECT_FALSE(fs::exists(korv::kDiskStateFile));
@@ -336,11 +430,16 @@ bool StartWithLibrary(char** argv) {
     return false;
 }
 
-// Folders of this process's own for what the library and the device manager note about disks.
+// Folders of this process's own for what the library, the device manager and the register note about disks.
 bool MakeFolders() {
     return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") == 0 &&
            mount("tmpfs", "/run", "tmpfs", 0, "mode=0755") == 0;
+}
+
+void WriteConfiguration() {
+    std::ofstream(kConfiguration) << "state_dir: /tmp/state\nrun_dir: /run\nlog_dir: /tmp/log\n";
+    setenv("KORV_CONFIG", kConfiguration, 1);
 }
 
 }  // namespace
@@ -355,5 +454,6 @@ int main(int argc, char** argv) {
         std::cerr << "these tests need root and umockdev\n";
         return 1;
     }
+    WriteConfiguration();
     return RUN_ALL_TESTS();
 }

@@ -63,7 +63,10 @@ std::string PretendedDisks::AddDisk(const std::string& parent, const std::string
                         {"MAJOR", std::to_string(kMajor)},
                         {"MINOR", std::to_string(minor)},
                         {"ID_TYPE", "disk"}};
-    Texts allAttributes{{"dev", DeviceNumber(minor)}, {"removable", "0"}, {"size", "32768"}};
+    Texts allAttributes{{"dev", DeviceNumber(minor)},
+                        {"removable", "0"},
+                        {"size", "32768"},
+                        {"diskseq", std::to_string(++m_disksThatCame)}};
     for (const auto& [key, value] : properties) {
         allProperties[key] = value;
     }
@@ -99,6 +102,8 @@ void PretendedDisks::AddPartition(const std::string& disk, int number, const Tex
 
 void PretendedDisks::Pull(const std::string& disk) {
     umockdev_testbed_remove_device(m_testbed->bed, ("/sys" + disk).c_str());
+    // The library leaves this, and another disk of the name couldn't come.
+    fs::remove(m_testbed->Root() + "/sys/block/" + fs::path(disk).filename().string());
 }
 
 void PretendedDisks::Settle(const std::string& name) {

@@ -36,4 +36,5 @@ private:
     struct Testbed;
     Testbed* m_testbed;
     std::map<std::string, int> m_minors;
+    int m_disksThatCame = 0;
 };
