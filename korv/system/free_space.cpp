@@ -105,7 +105,8 @@ std::int32_t SDKFuncData::GetBtrfsFreeMB(const std::string& path, uid_t /*uid*/)
         return kUnknown;
     }
     const auto answer = korv::CallBounded("size", path, [&] { return std::optional(ReadBtrfsFree(path)); });
-    if (!answer || answer->error != 0) {
+    // That a folder is silent altogether was said when it was looked for.
+    if (answer ? answer->error != 0 : !korv::IsSilent(path)) {
         korv::LogLine("the free space of " + path + " can't be told: " +
                       (answer ? std::generic_category().message(answer->error) : "it doesn't answer"));
     }

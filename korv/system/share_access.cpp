@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 
+#include <cerrno>
+#include <optional>
 #include <system_error>
 
 #include <sys/stat.h>
@@ -65,27 +67,27 @@ FileDescriptor Walk(const std::string& path, const Identity& who) {
     return folder;
 }
 
-std::optional<FolderAccess> ReadAccess(const std::string& path, const Identity& who) {
+FolderAccess ReadAccess(const std::string& path, const Identity& who) {
+    FolderAccess access;
     try {
         const FileDescriptor folder = Walk(path, who);
         if (!folder) {
-            return FolderAccess{};
+            return access;
         }
         const FolderRights rights = ReadRights(folder.Get());
-        FolderAccess access;
         access.canList = rights.Allow(who, kAclRead) && rights.Allow(who, kAclExecute);
         access.canChange = rights.Allow(who, kAclWrite | kAclExecute) && !IsReadOnly(path);
-        return access;
     } catch (const std::system_error& failure) {
-        LogLine("the rights on " + path + " can't be read: " + failure.what());
-        return std::nullopt;
+        access.error = failure.code().value();
     }
+    return access;
 }
 
 }  // namespace
 
-std::optional<FolderAccess> AccessTo(const std::string& path, const Identity& who) {
-    return CallBounded("rights", path, [&] { return ReadAccess(path, who); });
+FolderAccess AccessTo(const std::string& path, const Identity& who) {
+    const auto answer = CallBounded("rights", path, [&] { return std::optional(ReadAccess(path, who)); });
+    return answer ? *answer : FolderAccess{false, false, ETIMEDOUT};
 }
 
 }  // namespace korv
@@ -95,8 +97,24 @@ namespace {
 constexpr int kAllRights = KORV_SHARE_RIGHT_READ | KORV_SHARE_RIGHT_WRITE;
 
 // Every share admits the administrators, so that theirs are known also while a folder doesn't answer.
-bool IsToldWithoutTheFolder(const std::string& user, const std::string& path) {
-    return korv::IsSilent(path) && korv::IsAdministrator(user);
+int RightsWithoutTheFolder(const std::string& user, const std::string& path) {
+    return korv::IsSilent(path) && korv::IsAdministrator(user) ? kAllRights : -1;
+}
+
+bool IsMountPoint(const std::string& path) {
+    const auto along = korv::MountsAlong(path);
+    return !along.empty() && along.back()->mountPoint == path;
+}
+
+// One line for each look at a folder: where a whole volume is silent, whoever has rights is told so when the
+// volume is asked for its size.
+int RightsOnUnreadable(const std::string& user, const std::string& path, int error) {
+    const int rights = RightsWithoutTheFolder(user, path);
+    if (rights < 0 || IsMountPoint(path)) {
+        korv::LogLine("the rights of " + user + " on " + path + " can't be told: " +
+                      (error == ETIMEDOUT ? "it doesn't answer" : std::generic_category().message(error)));
+    }
+    return rights;
 }
 
 }  // namespace
@@ -108,11 +126,10 @@ int KLIBShareUserRightGet(const char* user, const KORVSHARE* share) {
             return -1;
         }
         const auto access = korv::AccessTo(share->path, {membership->account.uid, membership->groups});
-        if (!access) {
-            return IsToldWithoutTheFolder(user, share->path) ? kAllRights : -1;
+        if (access.error != 0) {
+            return RightsOnUnreadable(user, share->path, access.error);
         }
-        return (access->canChange ? KORV_SHARE_RIGHT_WRITE : 0) |
-               (access->canList ? KORV_SHARE_RIGHT_READ : 0);
+        return (access.canChange ? KORV_SHARE_RIGHT_WRITE : 0) | (access.canList ? KORV_SHARE_RIGHT_READ : 0);
     } catch (const std::system_error& failure) {
         korv::LogLine(std::string("a user's groups can't be read: ") + failure.what());
         return -1;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,11 +17,12 @@ struct Identity {
 struct FolderAccess {
     bool canList = false;    // read the folder and reach what is in it
     bool canChange = false;  // make and remove entries
+    int error = 0;           // an errno where neither can be told, ETIMEDOUT for a folder that doesn't answer
 };
 
 // What the kernel would allow `who` in the folder at `path`: the rights to pass through every folder above
 // it, its ACL, and whether it is mounted read-only. Reads ACLs, so it needs root unless they are the caller's
-// own. Nothing when they can't be read, or not in time.
-std::optional<FolderAccess> AccessTo(const std::string& path, const Identity& who);
+// own.
+FolderAccess AccessTo(const std::string& path, const Identity& who);
 
 }  // namespace korv

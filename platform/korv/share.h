@@ -30,7 +30,8 @@ void KORVShareFree(KORVSHARE* share);
 
 // The rights of `user` on a shared folder as the kernel would judge them (KORV_SHARE_RIGHT bits, 0 = none),
 // -1 on failure. Needs root. A folder that doesn't answer within the platform's deadline is open to
-// administrators, whom every share admits, and a failure for others.
+// administrators, whom every share admits, and a failure for others; the platform's log says so, but for
+// administrators and a volume that is silent as a whole: KORVMountVolInfoGet fails for them next.
 int KLIBShareUserRightGet(const char* user, const KORVSHARE* share);
 
 // The system's list of shared folders: an array of objects with "name", "vol_path" and "enable_share_cow".

@@ -55,6 +55,13 @@ def timed(work):
     return time.monotonic() - start, result
 
 
+def rights_lines(node):
+    """What the log says about rights since it was last looked at, and it says nothing else."""
+    lines = node.unexpected_lines()
+    assert all("korvd.log: " in line and "] the rights of " in line for line in lines), lines
+    return [line.partition("] ")[2] for line in lines]
+
+
 def test_a_user_that_no_longer_exists_sees_nothing(node, viewer, folders):
     assert list(candidates(viewer)) == sorted(folders)
     with without_account(node, "viewer"):
@@ -133,9 +140,11 @@ def test_a_volume_that_hangs_holds_nobody_up(node, admin, viewer, folders):
         took, listed = timed(lambda: candidates(admin))
         assert listed["second"]["freesize"] == 0
         assert took < _ANSWER_DEADLINE_S
-        # Whether viewer may use it can't be told.
+        lines = node.unexpected_lines()
+        assert len(lines) == 1 and "Failed to get volume [/volume2] info." in lines[0], lines
+        # Whether viewer may use it can't be told, and its name is not for everybody.
         assert list(candidates(viewer)) == ["first"]
-        assert len(node.unexpected_lines()) == 1
+        assert rights_lines(node) == ["the rights of viewer on /volume2/second can't be told: it doesn't answer"]
     assert candidates(viewer)["second"]["freesize"] > 0
 
 
@@ -151,20 +160,27 @@ def test_a_volume_that_only_hides_its_size_is_offered_to_whom_it_admits(node, vi
         assert len(lines) == 1 and "Failed to get volume [/volume1] info." in lines[0], lines
 
 
-def test_a_share_whose_own_mount_hangs_holds_nobody_up(node, admin, viewer, folders):
-    with silent_mount(node, folders["second"]) as server:
+@pytest.mark.parametrize("name", ["first", "second"])
+def test_a_share_whose_own_mount_hangs_holds_nobody_up(node, admin, viewer, folders, name):
+    (other,) = set(folders) - {name}
+    wait_for_freed(node, "/volume1")
+    room = candidates(admin)["first"]["freesize"]
+    with silent_mount(node, folders[name]) as server:
         stop(server)
         took, listed = timed(lambda: candidates(admin))
         assert sorted(listed) == sorted(folders)
-        assert listed["second"]["freesize"] == 0
+        # Only on Btrfs the folder itself is asked.
+        assert listed[name]["freesize"] == (room if name == "first" else 0)
         assert _ANSWER_DEADLINE_S <= took < _PATIENCE_S
-        lines = node.unexpected_lines()
-        assert len(lines) == 1, lines
-        assert "the free space of /volume2/second can't be told: it doesn't answer" in lines[0]
-        assert list(candidates(viewer)) == ["first"]
-        answer = admin.call("KORV.Core.Share.Permission", "set", name="second", user_group_type="local_user",
+        assert rights_lines(node) == [f"the rights of admin on {folders[name]} can't be told: it doesn't answer"]
+        took, listed = timed(lambda: candidates(viewer))
+        assert list(listed) == [other]
+        assert took < _ANSWER_DEADLINE_S
+        assert rights_lines(node) == [f"the rights of viewer on {folders[name]} can't be told: it doesn't answer"]
+        answer = admin.call("KORV.Core.Share.Permission", "set", name=name, user_group_type="local_user",
                             permissions=[{"name": "viewer", "is_readonly": True}])
         assert answer == {"success": False, "error": {"code": 3304}}
+    assert list(candidates(viewer)) == sorted(folders)
 
 
 def test_usage_tells_of_a_share_that_hangs_without_waiting_for_it(node, admin, folders):
@@ -183,6 +199,7 @@ def test_usage_tells_of_a_share_that_hangs_without_waiting_for_it(node, admin, f
         took, found = timed(used)
         assert found == [share]
         assert took < _PATIENCE_S
+        assert rights_lines(node) == ["the rights of Pavane on /volume2/second can't be told: it doesn't answer"]
     assert used() == []
     assert delete(admin, find(admin, "second"), keep=True)["success"]
     with sqlite3.connect(f"{node.state}/state/pavane.db", timeout=20) as database:
