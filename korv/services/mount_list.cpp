@@ -152,15 +152,6 @@ int GetMntPointFSInfo(const std::string& mountPoint, _tag_FSTYPE& fsType, std::u
 
 bool IsMountPoint(const std::string& path) { return korv::IsMounted(path); }
 
-std::vector<std::string> ListMountPoints() {
-    std::vector<std::string> points;
-    for (const korv::Mount& mount : korv::ReadMounts()) {
-        points.push_back(mount.mountPoint);
-    }
-    std::sort(points.begin(), points.end());
-    return points;
-}
-
 int GetRemoteMountStatus(const std::string& path) {
     try {
         return static_cast<int>(korv::LookAtMount(path).sight);

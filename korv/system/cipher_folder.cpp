@@ -268,6 +268,17 @@ CipherState CipherFolder::State() const {
 }
 
 // The last mount at the path is the one that is seen.
+std::vector<std::string> CipherFolder::MountPoints() {
+    std::vector<std::string> points;
+    for (const korv::Mount& mount : ListMounts()) {
+        if (mount.fsType == kFsType) {
+            points.push_back(mount.mountPoint);
+        }
+    }
+    std::sort(points.begin(), points.end());
+    return points;
+}
+
 bool CipherFolder::IsMounted() const {
     const std::vector<korv::Mount> mounts = ReadMounts();
     const auto last = std::find_if(mounts.rbegin(), mounts.rend(), [this](const korv::Mount& mount) {

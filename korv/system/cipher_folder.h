@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 namespace korv {
 
@@ -49,6 +50,9 @@ public:
     static bool IsPossible();
     // Whether `password` can be one: 1 to 1024 bytes without line ends and zero bytes.
     static bool IsPassword(const std::string& password);
+
+    // Where cipher folders are mounted, sorted. None when the kernel's list can't be read.
+    static std::vector<std::string> MountPoints();
 
     // Absolute paths without symbolic links in them.
     CipherFolder(std::string cipherPath, std::string mountPath);

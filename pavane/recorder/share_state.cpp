@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <exception>
+#include <list>
 #include <map>
 #include <string>
 #include <vector>
 
 #include <json/json.h>
 
-#include "platform/korv/mount.h"
 #include "platform/korv/share.h"
 #include "platform/pavane/events.h"
 #include "platform/pavane/rec_share.h"
@@ -23,15 +23,19 @@ namespace {
 
 constexpr const char* kSource = "pavane/recorder/share_state";
 
-// One statement, so that an edit that somebody makes at the same time isn't undone by a record that was
-// loaded before.
-void Store(int id, int encType, bool isMigrating) {
+// One statement on its own two columns, so that an edit that somebody makes at the same time isn't undone;
+// and only while they are as they were loaded, so that a move noted meanwhile stays noted.
+void Store(const RecShare& loaded, int encType, bool isMigrating) {
     Database& database = AppDatabase();
     WriteTransaction transaction(database);
     const int migrating = isMigrating;
-    database.Session()
-        << "update recording_share set enc_type = :type, migrating = :migrating where id = :id",
-        soci::use(encType), soci::use(migrating), soci::use(id);
+    const int id = loaded.GetId();
+    const int oldEncType = loaded.GetEncType();
+    const int oldMigrating = loaded.GetMigrating();
+    database.Session() << "update recording_share set enc_type = :type, migrating = :migrating"
+                          " where id = :id and enc_type = :oldtype and migrating = :oldmigrating",
+        soci::use(encType), soci::use(migrating), soci::use(id), soci::use(oldEncType),
+        soci::use(oldMigrating);
     transaction.Commit();
 }
 
@@ -50,30 +54,22 @@ bool IsLocal(const RecShare& share) {
     return share.GetOwnerRvId() == 0 && share.GetMountType() == SHARE_MOUNT_LOCAL;
 }
 
-// True when some record may no longer say what its folder is; costs little where nothing is encrypted or
-// moved.
+// True when some record may no longer say what its folder is: by the kernel's list of mounts and the moves
+// noted, so that a list costs nothing more while nothing has changed.
 bool AreOutOfStep(const std::list<RecShare>& shares) {
-    const auto isMoving = [](const RecShare& share) { return IsLocal(share) && share.GetMigrating(); };
-    const auto isEncrypted = [](const RecShare& share) {
-        return IsLocal(share) && share.GetEncType() != SHARE_ENC_NONE;
-    };
-    if (std::any_of(shares.begin(), shares.end(), isMoving)) {
-        return true;
-    }
-    if (std::none_of(shares.begin(), shares.end(), isEncrypted)) {
-        return false;
-    }
-    const std::vector<std::string> mounted = ListMountPoints();
-    return std::any_of(shares.begin(), shares.end(), [&](const RecShare& share) {
-        const bool isUnlocked = std::binary_search(mounted.begin(), mounted.end(), share.GetPath());
-        return isEncrypted(share) && isUnlocked != (share.GetEncType() == SHARE_ENC_UNLOCKED);
+    const std::vector<std::string> unlocked = ListUnlockedShareFolders();
+    return std::any_of(shares.begin(), shares.end(), [&unlocked](const RecShare& share) {
+        const bool isUnlocked = std::binary_search(unlocked.begin(), unlocked.end(), share.GetPath());
+        return IsLocal(share) &&
+               (share.GetMigrating() || isUnlocked != (share.GetEncType() == SHARE_ENC_UNLOCKED));
     });
 }
 
 bool Refresh() {
+    const std::list<RecShare> shares = LoadRecShares(0);  // before the folders: what is noted later holds
     const auto folders = FoldersByPath();
     bool hasChanged = false;
-    for (const RecShare& share : LoadRecShares(0)) {
+    for (const RecShare& share : shares) {
         const auto folder = folders.find(share.GetPath());
         if (!IsLocal(share) || folder == folders.end()) {
             continue;
@@ -81,7 +77,7 @@ bool Refresh() {
         const int encType = folder->second["encryption"].asInt();
         const bool isMigrating = folder->second["is_share_moving"].asBool();
         if (encType != share.GetEncType() || isMigrating != share.GetMigrating()) {
-            Store(share.GetId(), encType, isMigrating);
+            Store(share, encType, isMigrating);
             hasChanged = true;
         }
     }

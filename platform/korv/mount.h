@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include <json/json.h>
 
@@ -26,10 +25,6 @@ int GetMntPointFSInfo(const std::string& mountPoint, _tag_FSTYPE& fsType, std::u
 
 // True when something is mounted at exactly `path`, by the kernel's list: no file system is asked.
 bool IsMountPoint(const std::string& path);
-
-// Every path at which something is mounted, sorted, by the kernel's list: no file system is asked. Throws
-// std::runtime_error when it can't be read.
-std::vector<std::string> ListMountPoints();
 
 // The state of the remote mount at `path` as the system sees it now: 0 = mounted and alive, which means
 // another device than the folder above, an answer about its size and its entries in time. Blocks for five

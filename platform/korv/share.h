@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include <json/json.h>
 
@@ -39,3 +40,7 @@ int KLIBShareUserRightGet(const char* user, const KORVSHARE* share);
 //   withState  true: also each folder's encryption and move state (slower)
 // 0 on success.
 int GetLocalShareListByWebApi(Json::Value& list, bool withState);
+
+// The paths of the encrypted shared folders that are unlocked, sorted, by the kernel's list of mounts: no
+// file system is asked. None when it can't be read.
+std::vector<std::string> ListUnlockedShareFolders();

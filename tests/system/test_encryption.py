@@ -1,7 +1,9 @@
 """Encrypting and decrypting shares while people use them, whatever dies meanwhile."""
 
+import contextlib
 import os
 import signal
+import sqlite3
 
 import pytest
 
@@ -42,6 +44,11 @@ def own_node():
         assert node.unexpected_lines() == []
 
 
+def write_record(node, statement):
+    with contextlib.closing(sqlite3.connect(f"{node.state}/state/pavane.db", timeout=20)) as database, database:
+        assert database.execute(statement).rowcount == 1
+
+
 def kill_everything(node):
     """All of the node's daemon and what serves encrypted folders, as when the machine is switched off."""
     pids = [node.korvd]
@@ -75,6 +82,8 @@ def test_a_share_is_created_encrypted_locked_and_unlocked(node, admin, volume):
     assert admin.call("KORV.Core.Share.Crypto", "decrypt", name="vault", password=PASSWORD)["success"]
     assert find(admin, "vault")["encType"] == 2
     assert checksums(node, f"{volume}/vault") == content
+    write_record(node, "update recording_share set enc_type = 0 where name = 'vault'")  # as an edit meanwhile may
+    assert find(admin, "vault")["encType"] == 2
 
 
 @pytest.mark.parametrize("password", ["", "two\nlines", "x" * 2000])
