@@ -26,7 +26,10 @@ struct Sentence {
 constexpr Sentence kSentences[] = {
     {PV_LOG_REC_SHARE_CREATED, "Recording share %1 was created."},
     {PV_LOG_REC_SHARE_DELETED, "Recording shares were deleted: %1."},
-    {PV_LOG_REC_SHARE_ROTATED, "The oldest recordings of share %1 were removed: %2 files, %3 MB."},
+    {PV_LOG_REC_SHARE_ROTATED,
+     "The oldest recordings of share %1 were removed: %2 files, %3 MB, from %4 to %5."},
+    {PV_LOG_REC_SHARE_ROTATION_CUT,
+     "Removing the oldest recordings of share %1 was cut short; this log doesn't count what went after %2."},
 };
 
 std::string ArgumentsText(const std::list<std::string>& arguments) {

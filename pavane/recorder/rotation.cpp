@@ -11,7 +11,6 @@
 #include <vector>
 
 #include <linux/openat2.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
@@ -247,10 +246,6 @@ RotationResult RotateShare(const std::string& sharePath, std::uint64_t limit_byt
     const RunAsScope root = IF_RUN_AS;
     const Descriptor share = OpenShare(sharePath);
     if (!root || !share) {
-        return result;
-    }
-    if (flock(share.Get(), LOCK_EX | LOCK_NB) != 0) {
-        result.end = RotationEnd::kAlreadyRunning;
         return result;
     }
     while (true) {

@@ -7,11 +7,10 @@
 namespace pavane {
 
 enum class RotationEnd {
-    kWithinLimit,     // the recordings occupy at most the limit now
-    kNothingLeft,     // they occupy more, but no more of them may or could be removed
-    kAlreadyRunning,  // another process rotates this share; nothing was done
-    kStopped,         // `shouldStop` said so
-    kNoFolder,        // the share's folder is not there, or can't be read
+    kWithinLimit,  // the recordings occupy at most the limit now
+    kNothingLeft,  // they occupy more, but no more of them may or could be removed
+    kStopped,      // `shouldStop` said so
+    kNoFolder,     // the share's folder is not there, or can't be read
 };
 
 // What a rotation has done.
@@ -37,9 +36,9 @@ struct RotationOptions {
 // together occupy at most `limit_bytes` on the disk. See WalkRecordings for what a recording is.
 // Never follows a link, never leaves the share or its mount. A recording that changed after the walk saw it
 // or is open for writing stays; where the file system can't say who writes, the last minute's stay. Folders
-// that it empties go too, except cameras' own, the first level. A second rotation of the same share at the
-// same time does nothing; files that others delete meanwhile are fine. Blocks as long as it takes; becomes
-// root for its own length.
+// that it empties go too, except cameras' own, the first level. Files that others delete meanwhile are fine,
+// but a second rotation of the same share at the same time would remove too much: callers take turns. Blocks
+// as long as it takes; becomes root for its own length.
 RotationResult RotateShare(const std::string& sharePath, std::uint64_t limit_bytes,
                            const RotationOptions& options = {});
 

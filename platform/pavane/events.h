@@ -8,7 +8,8 @@
 enum PV_LOG_TYPE : std::uint32_t {
     PV_LOG_REC_SHARE_CREATED = 0x133000C8,
     PV_LOG_REC_SHARE_DELETED = 0x133000C9,
-    PV_LOG_REC_SHARE_ROTATED = 0x133000CA,  // arguments: name, files, MB
+    PV_LOG_REC_SHARE_ROTATED = 0x133000CA,       // arguments: name, files, MB, times of the oldest and newest
+    PV_LOG_REC_SHARE_ROTATION_CUT = 0x133000CB,  // arguments: name, time at which it began to remove
 };
 
 // Writes one event; one that can't be written is lost and logged.
