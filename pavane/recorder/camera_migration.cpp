@@ -38,6 +38,7 @@ void WriteFile(const std::string& path, const std::string& text) {
     const int error = errno;
     close(fd);
     if (!isWritten) {
+        unlink(path.c_str());
         errno = error;
         Fail("cannot write the file of a migration");
     }
@@ -76,9 +77,12 @@ void StartCameraMigration(int camId, const std::string& sourceDir) {
         Fail("cannot make the folder of migrations");
     }
     const std::string path = GetRecMigrateTmpFilePath(camId);
-    const std::string fresh = path + ".new";
+    const std::string fresh = path + ".new." + std::to_string(getpid());  // two may start it at once
     WriteFile(fresh, "srcDir='" + sourceDir + "'\n");
     if (rename(fresh.c_str(), path.c_str()) != 0) {
+        const int error = errno;
+        unlink(fresh.c_str());
+        errno = error;
         Fail("cannot place the file of a migration");
     }
     SyncFolder(MigrationFolder());
