@@ -131,6 +131,19 @@ std::string CipherFolder::PathFor(const std::string& volume, const std::string& 
     return volume + "/" + kHiddenFolder + "/" + kCipherFolders + "/" + token;
 }
 
+std::string CipherFolder::PathBehind(const std::string& mountPath) {
+    const auto along = MountsAlong(mountPath);
+    if (along.empty() || along.back()->mountPoint != mountPath || along.back()->fsType != kFsType) {
+        return "";
+    }
+    // Anybody can mount one and call its source what they like; into this folder only root can look.
+    const std::string folder = PathFor(fs::path(mountPath).parent_path(), "");
+    const std::string& source = along.back()->source;
+    const bool isOurs = source.size() > folder.size() && source.compare(0, folder.size(), folder) == 0 &&
+                        source.find('/', folder.size()) == std::string::npos;
+    return isOurs ? source : "";
+}
+
 bool CipherFolder::IsPossible() { return access(kTool, X_OK) == 0 && access(kFuseDevice, F_OK) == 0; }
 
 bool CipherFolder::IsPassword(const std::string& password) {

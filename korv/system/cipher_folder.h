@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -45,6 +46,14 @@ public:
     // can be named as, since those have no leading dot; only root can enter it. Renaming the share doesn't
     // move it.
     static std::string PathFor(const std::string& volume, const std::string& token);
+
+    // The cipher folder, of the volume that holds `mountPath`, whose plain form is mounted there and in
+    // sight; empty when none is. Asks the kernel's list of mounts only.
+    static std::string PathBehind(const std::string& mountPath);
+
+    // What of a file's bytes is plain: each block of so many plain bytes takes that many encrypted ones.
+    static constexpr std::uint64_t kPlainBlock_bytes = 4096;
+    static constexpr std::uint64_t kCipherBlock_bytes = 4128;
 
     // Whether this machine has what encryption takes.
     static bool IsPossible();

@@ -21,6 +21,7 @@
 #include "korv/system/accounts.h"
 #include "korv/system/bounded_call.h"
 #include "korv/system/btrfs_quota.h"
+#include "korv/system/cipher_folder.h"
 #include "korv/system/file_descriptor.h"
 
 namespace {
@@ -77,23 +78,40 @@ struct BtrfsAnswer {
     int error;  // an errno where it can't be told
 };
 
-// An unlocked share is another file system on top, which passes on what is free but has no limit of its own.
-BtrfsAnswer ReadBtrfsFree(const std::string& path) {
-    const korv::FileDescriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+korv::FileDescriptor OpenFolder(const std::string& path) {
+    return korv::FileDescriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// What is left for the folder that really holds the files.
+std::optional<std::uint64_t> BtrfsFreeBytes(const std::string& path) {
+    const korv::FileDescriptor folder = OpenFolder(path);
     struct statfs facts {};
     if (!folder || fstatfs(folder.Get(), &facts) != 0) {
-        return {kUnknown, errno};
+        return std::nullopt;
     }
-    std::uint64_t freeBytes = FreeBytes(facts);
+    const std::uint64_t freeBytes = FreeBytes(facts);
+    return facts.f_type == BTRFS_SUPER_MAGIC
+               ? std::min(freeBytes, korv::BtrfsLimitRest(folder.Get()).value_or(freeBytes))
+               : freeBytes;
+}
+
+// The files of an unlocked share lie elsewhere, in a folder that may have limits, and are larger there.
+BtrfsAnswer ReadBtrfsFree(const std::string& path) {
+    const std::string cipherPath = korv::CipherFolder::PathBehind(path);
     try {
-        if (facts.f_type == BTRFS_SUPER_MAGIC) {
-            freeBytes = std::min(freeBytes, korv::BtrfsLimitRest(folder.Get()).value_or(freeBytes));
+        auto freeBytes = BtrfsFreeBytes(cipherPath.empty() ? path : cipherPath);
+        if (!freeBytes) {
+            return {kUnknown, errno};
         }
+        if (!cipherPath.empty()) {
+            constexpr std::uint64_t kBlock_bytes = korv::CipherFolder::kCipherBlock_bytes;
+            *freeBytes = *freeBytes / kBlock_bytes * korv::CipherFolder::kPlainBlock_bytes;
+        }
+        constexpr std::uint64_t kLargest = std::numeric_limits<std::int32_t>::max();
+        return {static_cast<std::int32_t>(std::min(*freeBytes / kBytesPerMB, kLargest)), 0};
     } catch (const std::system_error& failure) {
         return {kUnknown, failure.code().value()};
     }
-    constexpr std::uint64_t kLargest = std::numeric_limits<std::int32_t>::max();
-    return {static_cast<std::int32_t>(std::min(freeBytes / kBytesPerMB, kLargest)), 0};
 }
 
 }  // namespace

@@ -34,7 +34,8 @@ public:
     static bool IsBtrfs(const std::string& volume);
 
     // What the user `uid` can still write into the folder at `path` of a Btrfs volume, in MB: the smaller of
-    // the rest of its subvolume's limit and the file system's free space. Negative when it cannot be told; 0
-    // when the folder doesn't answer within the platform's deadline.
+    // the rest of its subvolume's limit and the file system's free space. Of an unlocked encrypted share both
+    // are those of its encrypted files. Negative when it cannot be told; 0 when the folder doesn't answer
+    // within the platform's deadline.
     static std::int32_t GetBtrfsFreeMB(const std::string& path, uid_t uid);
 };

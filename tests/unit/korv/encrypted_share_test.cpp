@@ -1,10 +1,15 @@
 #include "korv/system/encrypted_share.h"
 
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 
-#include "platform/korv/configuration.h"
+#include <sys/mount.h>
 
+#include "platform/korv/configuration.h"
+#include "platform/korv/volume.h"
+
+#include "korv/system/child_process.h"
 #include "korv/system/database.h"
 #include "korv/system/share_creation.h"
 #include "korv/system/share_folder.h"
@@ -26,6 +31,8 @@ korv::ShareRow Wanted() {
     share.encryption = ShareEncryption::kLocked;
     return share;
 }
+
+constexpr std::uint64_t kMB = std::uint64_t{1} << 20;
 
 class EncryptedShareTest : public ShareLifeTest {};
 
@@ -50,6 +57,56 @@ TEST_F(EncryptedShareTest, AdmitsAdministratorsAndGranteesWhileUnlockedAndNobody
     EXPECT_EQ(korv::UnlockShare(share, kPassword), korv::CipherEnd::kDone);
     EXPECT_TRUE(HasFile(share.Path()));
     EXPECT_EQ(machine::AccessOf(machine::kAliceUid, {}, share.Path()), (machine::Access{true, true}));
+}
+
+// How many MB can be written to `path` until no more fits. In small pieces it is less: the block at each end
+// is written twice.
+double WritesMB(const std::string& path) {
+    const auto end = korv::RunProgram("/usr/bin/dd", {"if=/dev/urandom", "of=" + path, "bs=1M", "conv=fsync"},
+                                      std::chrono::seconds(60));
+    EXPECT_NE(end.exitCode, 0) << "it did not become full";
+    return static_cast<double>(fs::file_size(path)) / kMB;
+}
+
+class EncryptedBtrfsShareTest : public EncryptedShareTest {
+protected:
+    void SetUp() override {
+        EncryptedShareTest::SetUp();
+        if (!machine::MountBtrfs()) {
+            GTEST_SKIP() << "this machine has no loop devices";
+        }
+        m_share = Make("geheim", true, machine::BtrfsVolume());
+    }
+    void TearDown() override {
+        UnmountAll(machine::BtrfsVolume());
+        umount2(machine::BtrfsVolume().c_str(), MNT_DETACH);
+        EncryptedShareTest::TearDown();
+    }
+
+    std::int32_t FreeMB() const { return SDKFuncData::GetBtrfsFreeMB(m_share.Path(), machine::kAliceUid); }
+
+    static void Btrfs(const std::vector<std::string>& arguments) {
+        ASSERT_EQ(korv::RunProgram("/usr/bin/btrfs", arguments, std::chrono::seconds(30)).exitCode, 0);
+    }
+
+    korv::ShareRow m_share;
+};
+
+TEST_F(EncryptedBtrfsShareTest, ALimitOnWhereTheEncryptedFilesLieCounts) {
+    Btrfs({"quota", "enable", machine::BtrfsVolume()});
+    Btrfs({"qgroup", "limit", "40M", "0/5", machine::BtrfsVolume()});
+    const std::int32_t told = FreeMB();
+    EXPECT_NEAR(told, 39, 1);
+    EXPECT_NEAR(WritesMB(m_share.Path() + "/all"), told, 1.5);
+    EXPECT_EQ(FreeMB(), 0);
+}
+
+TEST_F(EncryptedBtrfsShareTest, WithoutALimitTheFileSystemsFreeSpaceCounts) {
+    KORVVOLUME volume{};
+    ASSERT_EQ(KORVMountVolInfoGet(machine::BtrfsVolume().c_str(), &volume), 0);
+    // A block of 4096 bytes takes 4128.
+    EXPECT_NEAR(FreeMB(), static_cast<double>(volume.freeBytes) / kMB * 4096 / 4128, 1.0);
+    EXPECT_LT(FreeMB(), static_cast<std::int32_t>(volume.freeBytes / kMB));
 }
 
 TEST_F(EncryptedShareTest, IsNotMadeWithoutAPassword) {

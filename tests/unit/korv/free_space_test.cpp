@@ -352,7 +352,7 @@ TEST_F(BtrfsTest, ALimitAboveTheFreeSpaceIsNoFreeSpace) {
 
 TEST_F(BtrfsTest, WhatCannotBeToldIsNegative) { EXPECT_EQ(FreeMB(machine::BtrfsVolume() + "/gone"), -1); }
 
-// As the files of an unlocked share have.
+// As a remote folder is.
 TEST_F(BtrfsTest, AnotherFileSystemUponItHasNoLimit) {
     KORVVOLUME volume{};
     ASSERT_EQ(KORVMountVolInfoGet(machine::ReadOnlyVolume().c_str(), &volume), 0);
