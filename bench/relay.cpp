@@ -1,5 +1,6 @@
 // Relays to recording servers that only answer, and in turn the same sends by a plain libcurl loop over kept
-// connections. No TLS, so that what is measured is not hidden behind it.
+// connections. No TLS, so that what is measured is not hidden behind it. "base" is what the same request
+// costs without a server: a deletion of nothing, and for a creation the one write of its record.
 //   usage: KORV_CONFIG=FILE bench_relay measure SHARE_MODULE
 //          bench_relay serve COUNT VERSION     prints the ports of so many servers, runs until its input ends
 
@@ -14,7 +15,6 @@
 #include <stdexcept>
 #include <string>
 
-#include <curl/curl.h>
 #include <json/json.h>
 #include <soci/soci.h>
 
@@ -22,8 +22,10 @@
 #include "platform/pavane/cms.h"
 
 #include "bench/fake_peers.h"
+#include "bench/plain_loop.h"
 #include "korv/framework/api_registry.h"
 #include "korv/framework/module_loader.h"
+#include "korv/system/app_privilege.h"
 #include "pavane/store/database.h"
 #include "pavane/store/settings_table.h"
 
@@ -36,60 +38,21 @@ struct Pace {
     unsigned work_us;
     int sends;
 };
+constexpr unsigned kMicrosecondsPerMillisecond = 1000;
 constexpr Pace kPaces[] = {{0, 3000}, {5000, 300}};
 
+// An account of every machine, with the privilege to use the application, as most of its users have.
+constexpr const char* kUser = "root";
 constexpr const char* kApi = "KORV.Pavane.Share";
 constexpr const char* kSecret = "0f1e2d3c4b5a69788796a5b4c3d2e1f00f1e2d3c4b5a69788796a5b4c3d2e1f0";
 
 using Clock = std::chrono::steady_clock;
 
-double Time_us(const std::function<void()>& work) {
+double Time_ms(const std::function<void()>& work) {
     const Clock::time_point start = Clock::now();
     work();
-    return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
-
-std::size_t Ignore(char* /*data*/, std::size_t size, std::size_t count, void* /*context*/) {
-    return size * count;
-}
-
-// Sends ready bodies to all servers in turn, over connections that it keeps.
-class PlainLoop {
-public:
-    explicit PlainLoop(const FakePeers& peers, const std::string& body) : m_peers(peers), m_body(body) {
-        for (const char* header :
-             {"Content-Type: application/json", "Expect:", "Cookie: timestamp=1790000000.0123456789abcdef"}) {
-            m_headers = curl_slist_append(m_headers, header);
-        }
-        curl_easy_setopt(m_handle, CURLOPT_HTTPHEADER, m_headers);
-        curl_easy_setopt(m_handle, CURLOPT_WRITEFUNCTION, &Ignore);
-        curl_easy_setopt(m_handle, CURLOPT_POSTFIELDS, m_body.c_str());
-        curl_easy_setopt(m_handle, CURLOPT_MAXCONNECTS, 128L);
-        curl_easy_setopt(m_handle, CURLOPT_NOSIGNAL, 1L);
-    }
-    ~PlainLoop() {
-        curl_easy_cleanup(m_handle);
-        curl_slist_free_all(m_headers);
-    }
-    PlainLoop(const PlainLoop&) = delete;
-    PlainLoop& operator=(const PlainLoop&) = delete;
-
-    void Send() {
-        for (std::size_t i = 0; i < m_peers.Ports().size(); ++i) {
-            const std::string url = m_peers.Address(static_cast<int>(i)) + "/peer";
-            curl_easy_setopt(m_handle, CURLOPT_URL, url.c_str());
-            if (curl_easy_perform(m_handle) != CURLE_OK) {
-                throw std::runtime_error("the plain loop could not send");
-            }
-        }
-    }
-
-private:
-    const FakePeers& m_peers;
-    std::string m_body;
-    CURL* m_handle = curl_easy_init();
-    curl_slist* m_headers = nullptr;
-};
 
 void AddServers(const FakePeers& peers) {
     soci::session& session = pavane::AppDatabase().Session();
@@ -140,32 +103,52 @@ std::string Signed(Json::Value request) {
 
 void Call(const char* method, const Json::Value& request) {
     Json::Value answer;
-    KORV::APIRunner::Exec(answer, kApi, 1, method, request, "admin");
+    KORV::APIRunner::Exec(answer, kApi, 1, method, request, kUser);
     if (answer.isMember("error")) {
         throw std::runtime_error(std::string(method) + " was answered with " +
                                  answer["error"]["code"].asString());
     }
 }
 
-// `setUp` is not timed. Both halves of each round see the same machine.
-void Measure(const char* what, int sends, const FakePeers& peers, const Json::Value& sent,
-             const std::function<void()>& setUp, const std::function<void()>& act) {
+// Returns once the disk has it.
+void WriteOnce() {
+    static int written = 0;
+    pavane::SetSetting("bench_relay", std::to_string(++written));
+}
+
+struct Work {
+    std::function<void()> setUp;  // not timed
+    std::function<void()> act;
+    std::function<void()> base;
+    int basesPerRound;
+};
+
+void PrintHeader() {
+    std::printf("%-8s %8s %11s %9s %12s %7s %9s %14s\n", "", "servers", "libcurl ms", "ours ms",
+                "overhead ms", "ratio", "base ms", "ratio without");
+}
+
+// All parts of each round see the same machine; the figures are per server.
+void Measure(const char* what, int sends, const FakePeers& peers, const Json::Value& sent, const Work& work) {
     const int servers = static_cast<int>(peers.Ports().size());
     PlainLoop plain(peers, Signed(sent));
     plain.Send();  // connects
-    setUp();
-    act();
-    double plain_us = 0;
-    double own_us = 0;
+    work.setUp();
+    work.act();
+    double plain_ms = 0;
+    double own_ms = 0;
+    double base_ms = 0;
     const int rounds = sends / servers;
     for (int round = 0; round < rounds; ++round) {
-        setUp();
-        plain_us += Time_us([&] { plain.Send(); });
-        own_us += Time_us(act);
+        work.setUp();
+        plain_ms += Time_ms([&] { plain.Send(); });
+        own_ms += Time_ms(work.act);
+        base_ms += Time_ms(work.base) * work.basesPerRound;
     }
     const double done = static_cast<double>(rounds) * servers;
-    std::printf("%-8s %8d %12.1f %12.1f %12.1f %8.2f\n", what, servers, plain_us / done, own_us / done,
-                (own_us - plain_us) / done, own_us / plain_us);
+    std::printf("%-8s %8d %11.3f %9.3f %12.3f %7.2f %9.3f %14.2f\n", what, servers, plain_ms / done,
+                own_ms / done, (own_ms - plain_ms) / done, own_ms / plain_ms, base_ms / done,
+                (own_ms - base_ms) / plain_ms);
     std::fflush(stdout);
 }
 
@@ -175,16 +158,15 @@ void MeasureSends(int sends, const FakePeers& peers) {
         request[key] = "";
     }
     request["relayedCmd"] = true;
-    Measure(
-        "send", sends, peers, request, [] {},
-        [&] {
-            for (int id = 1; id <= static_cast<int>(peers.Ports().size()); ++id) {
-                Json::Value reply;
-                if (SendWebAPIToRecServerByJson(id, request, false, reply) != 0) {
-                    throw std::runtime_error("a send failed");
-                }
+    const auto send = [&] {
+        for (int id = 1; id <= static_cast<int>(peers.Ports().size()); ++id) {
+            Json::Value reply;
+            if (SendWebAPIToRecServerByJson(id, request, false, reply) != 0) {
+                throw std::runtime_error("a send failed");
             }
-        });
+        }
+    };
+    Measure("send", sends, peers, request, {[] {}, send, [] {}, 0});
 }
 
 void MeasureDelete(int sends, const FakePeers& peers) {
@@ -197,22 +179,26 @@ void MeasureDelete(int sends, const FakePeers& peers) {
     for (int id = 1; id <= servers; ++id) {
         request["delShareList"].append(Element(id, id));
     }
-    Measure(
-        "delete", sends, peers, sent,
-        [&] {
-            session << "delete from recording_share";
-            session << "insert into recording_share (id, id_on_rec, owner_rv_id, name, path, volume, "
-                       "description, hidden,"
-                       " enc_type, fs_type, mount_type, mount_source, mount_status, auto_mount, migrating, "
-                       "rec_limit_gb,"
-                       " enable_rec_limit, total_size_mb)"
-                       " with recursive n(i) as (select 1 union all select i + 1 from n where i < "
-                    << servers
-                    << ") select i, 7, i, 'bench', '/volume1/bench', 'volume1', '', 0, 0, 1, 0, '', 0, 0, 0, "
-                       "100, 0,"
-                       " 4000000 from n";
-        },
-        [&] { Call("DelRecShare", request); });
+    const auto fill = [&] {
+        session << "delete from recording_share";
+        session << "insert into recording_share (id, id_on_rec, owner_rv_id, name, path, volume, "
+                   "description, hidden,"
+                   " enc_type, fs_type, mount_type, mount_source, mount_status, auto_mount, migrating, "
+                   "rec_limit_gb,"
+                   " enable_rec_limit, total_size_mb)"
+                   " with recursive n(i) as (select 1 union all select i + 1 from n where i < "
+                << servers
+                << ") select i, 7, i, 'bench', '/volume1/bench', 'volume1', '', 0, 0, 1, 0, '', 0, 0, 0, "
+                   "100, 0,"
+                   " 4000000 from n";
+    };
+    Json::Value nothing(Json::objectValue);
+    nothing["delShareList"] = Json::Value(Json::arrayValue);
+    const auto deleteNothing = [&] {
+        Call("DelRecShare", nothing);
+        WriteOnce();
+    };
+    Measure("delete", sends, peers, sent, {fill, [&] { Call("DelRecShare", request); }, deleteNothing, 1});
 }
 
 void MeasureCreate(int sends, const FakePeers& peers) {
@@ -223,24 +209,25 @@ void MeasureCreate(int sends, const FakePeers& peers) {
     for (const char* key : {"shareName", "volume", "description", "encPasswd"}) {
         sent[key] = "";
     }
-    Measure(
-        "create", sends, peers, sent,
-        [] { pavane::AppDatabase().Session() << "delete from recording_share"; },
-        [&] {
-            for (int id = 1; id <= static_cast<int>(peers.Ports().size()); ++id) {
-                Call("CreateRecShare", Creation(id));
-            }
-        });
+    const int servers = static_cast<int>(peers.Ports().size());
+    const auto create = [&] {
+        for (int id = 1; id <= servers; ++id) {
+            Call("CreateRecShare", Creation(id));
+        }
+    };
+    Measure("create", sends, peers, sent,
+            {[] { pavane::AppDatabase().Session() << "delete from recording_share"; }, create, WriteOnce,
+             servers});
 }
 
 void Run(const std::string& module) {
     korv::LoadModules({module}, korv::Registry());
+    korv::GrantAppPrivilege({kUser, "KORV.KRX.Pavane", ""});
     pavane::SetSetting("cms_enabled", "1");
     pavane::SetSetting("cms_role", "host");
     for (const Pace& pace : kPaces) {
-        std::printf("servers take %u us to answer\n", pace.work_us);
-        std::printf("%-8s %8s %12s %12s %12s %8s\n", "", "servers", "libcurl us", "ours us", "overhead us",
-                    "ratio");
+        std::printf("per server; servers take %u ms to answer\n", pace.work_us / kMicrosecondsPerMillisecond);
+        PrintHeader();
         for (const int servers : kSizes) {
             const FakePeers peers(servers, "", pace.work_us);
             AddServers(peers);

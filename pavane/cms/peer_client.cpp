@@ -48,23 +48,44 @@ struct SendOptions {
     bool isQuiet = false;  // a failure is for the caller to log
 };
 
+struct HostPeer : KeptQuery {
+    explicit HostPeer(soci::session& session) {
+        Prepare((session.prepare << "select address, own_serial, pair_secret, pinned_key from cms_host where "
+                                    "id = 1",
+                 soci::into(peer.address), soci::into(peer.serial), soci::into(peer.secret),
+                 soci::into(peer.pinnedKey)));
+        peer.name = "the host";
+    }
+    Peer peer;
+};
+
+struct RecServerPeer : KeptQuery {
+    explicit RecServerPeer(soci::session& session) {
+        Prepare(
+            (session.prepare << "select address, serial, pair_secret, pinned_key from rec_server where id "
+                                "= :id",
+             soci::into(peer.address), soci::into(peer.serial), soci::into(peer.secret),
+             soci::into(peer.pinnedKey), soci::use(id)));
+    }
+    int id = 0;
+    Peer peer;
+};
+
 // False when this server has no host.
 bool LoadHost(Peer& peer) {
-    peer.name = "the host";
-    soci::session& session = AppDatabase().Session();
-    session << "select address, own_serial, pair_secret, pinned_key from cms_host where id = 1",
-        soci::into(peer.address), soci::into(peer.serial), soci::into(peer.secret),
-        soci::into(peer.pinnedKey);
-    return session.got_data();
+    auto& query = AppDatabase().Kept<HostPeer>();
+    const bool isThere = query.Run();
+    peer = query.peer;
+    return isThere;
 }
 
 bool LoadRecServer(int rvId, Peer& peer) {
-    peer.name = "recording server " + std::to_string(rvId);
-    soci::session& session = AppDatabase().Session();
-    session << "select address, serial, pair_secret, pinned_key from rec_server where id = :id",
-        soci::into(peer.address), soci::into(peer.serial), soci::into(peer.secret),
-        soci::into(peer.pinnedKey), soci::use(rvId);
-    return session.got_data();
+    auto& query = AppDatabase().Kept<RecServerPeer>();
+    query.id = rvId;
+    query.peer.name = "recording server " + std::to_string(rvId);
+    const bool isThere = query.Run();
+    peer = query.peer;
+    return isThere;
 }
 
 std::string Body(const Json::Value& request, const Peer& peer, const std::string& stamp) {
@@ -189,8 +210,11 @@ SendFailure FailureOf(const HttpReply& answer) {
 }
 
 std::string CompactJson(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
+    static const Json::StreamWriterBuilder builder = [] {  // making it takes longer than a short text
+        Json::StreamWriterBuilder made;
+        made["indentation"] = "";
+        return made;
+    }();
     return Json::writeString(builder, value);
 }
 

@@ -26,8 +26,11 @@ bool IsAnswer(const Json::Value& value) {
 }  // namespace
 
 bool ParsePeerReply(const std::string& body, Json::Value& reply) {
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    static const Json::CharReaderBuilder builder = [] {  // making it takes longer than reading a short reply
+        Json::CharReaderBuilder made;
+        Json::CharReaderBuilder::strictMode(&made.settings_);
+        return made;
+    }();
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value parsed;
     try {

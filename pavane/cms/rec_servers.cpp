@@ -37,21 +37,38 @@ struct SlaveRVAccess {
 
 namespace {
 
+struct AllServers : pavane::KeptQuery {
+    explicit AllServers(soci::session& session) {
+        Prepare((session.prepare << "select id, serial, enabled, status from rec_server order by id",
+                 soci::into(row.id), soci::into(row.serial), soci::into(row.enabled),
+                 soci::into(row.status)));
+    }
+    ServerRow row;
+};
+
+struct OneServer : pavane::KeptQuery {
+    explicit OneServer(soci::session& session) {
+        Prepare((session.prepare << "select id, serial, enabled, status from rec_server where id = :id",
+                 soci::into(row.id), soci::into(row.serial), soci::into(row.enabled), soci::into(row.status),
+                 soci::use(id)));
+    }
+    int id = 0;
+    ServerRow row;
+};
+
 // The server `rvId`, or all for 0. Throws.
 std::list<SlaveRV> ReadServers(int rvId) {
     std::list<SlaveRV> servers;
-    ServerRow row;
-    auto bind =
-        (pavane::AppDatabase().Session().prepare << "select id, serial, enabled, status from rec_server "
-                                                 << (rvId != 0 ? "where id = :id " : "") << "order by id",
-         soci::into(row.id), soci::into(row.serial), soci::into(row.enabled), soci::into(row.status));
     if (rvId != 0) {
-        bind, soci::use(rvId);
+        auto& query = pavane::AppDatabase().Kept<OneServer>();
+        query.id = rvId;
+        if (query.Run()) {
+            servers.push_back(SlaveRVAccess::FromRow(query.row));
+        }
+        return servers;
     }
-    soci::statement statement(bind);
-    for (bool more = statement.execute(true); more; more = statement.fetch()) {
-        servers.push_back(SlaveRVAccess::FromRow(row));
-    }
+    auto& query = pavane::AppDatabase().Kept<AllServers>();
+    query.Run([&] { servers.push_back(SlaveRVAccess::FromRow(query.row)); });
     return servers;
 }
 

@@ -20,24 +20,30 @@ bool RemoveRow(const char* statementText, int id) {
     return wasThere;
 }
 
+constexpr int kAllTypes = 0;
+
+struct TasksOfServer : KeptQuery {
+    explicit TasksOfServer(soci::session& session) {
+        Prepare((session.prepare << "select id, server, name, type, storage_path from archive_task"
+                                    " where server = :server order by id",
+                 soci::into(task.id), soci::into(task.server), soci::into(task.name), soci::into(task.type),
+                 soci::into(task.storagePath), soci::use(server)));
+    }
+    std::string server;
+    ArchiveTask task;
+};
+
 }  // namespace
 
 std::list<ArchiveTask> ListArchiveTasks(const std::string& server, int type) {
     std::list<ArchiveTask> tasks;
-    ArchiveTask task;
-    auto bind =
-        (AppDatabase().Session().prepare
-             << "select id, server, name, type, storage_path from archive_task where server = :server "
-             << (type == 0 ? "" : "and type = :type ") << "order by id",
-         soci::into(task.id), soci::into(task.server), soci::into(task.name), soci::into(task.type),
-         soci::into(task.storagePath), soci::use(server));
-    if (type != 0) {
-        bind, soci::use(type);
-    }
-    soci::statement statement(bind);
-    for (bool more = statement.execute(true); more; more = statement.fetch()) {
-        tasks.push_back(task);
-    }
+    auto& query = AppDatabase().Kept<TasksOfServer>();
+    query.server = server;
+    query.Run([&] {
+        if (type == kAllTypes || query.task.type == type) {
+            tasks.push_back(query.task);
+        }
+    });
     return tasks;
 }
 

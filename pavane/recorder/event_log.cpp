@@ -59,23 +59,38 @@ long long Now_ms() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
+struct EventInsertion : pavane::KeptQuery {
+    explicit EventInsertion(soci::session& session) {
+        Prepare((session.prepare << "insert into event (time_ms, type, user_name, item_id, arguments, rv_id)"
+                                    " values (:time, :type, :user, :item, :arguments, :rv) returning id",
+                 soci::into(id), soci::use(time_ms), soci::use(type), soci::use(user), soci::use(item),
+                 soci::use(arguments), soci::use(rvId)));
+    }
+    long long time_ms = 0;
+    long long type = 0;
+    std::string user;
+    long long item = 0;
+    std::string arguments;
+    int rvId = 0;
+    int id = 0;
+};
+
 }  // namespace
 
 void PVLog(PV_LOG_TYPE type, const std::string& user, std::int64_t item, const std::list<std::string>& args,
            int rvId) {
     try {
-        const long long time_ms = Now_ms();
-        const long long typeNumber = type;
-        const long long itemNumber = item;
-        const std::string arguments = ArgumentsText(args);
-        int id = 0;
         pavane::Database& database = pavane::AppDatabase();
         pavane::WriteTransaction transaction(database);
-        database.Session() << "insert into event (time_ms, type, user_name, item_id, arguments, rv_id)"
-                              " values (:time, :type, :user, :item, :arguments, :rv) returning id",
-            soci::into(id), soci::use(time_ms), soci::use(typeNumber), soci::use(user), soci::use(itemNumber),
-            soci::use(arguments), soci::use(rvId);
-        const int oldest = id - pavane::kEventLimit;
+        auto& event = database.Kept<EventInsertion>();
+        event.time_ms = Now_ms();
+        event.type = type;
+        event.user = user;
+        event.item = item;
+        event.arguments = ArgumentsText(args);
+        event.rvId = rvId;
+        event.Run();
+        const int oldest = event.id - pavane::kEventLimit;
         if (oldest > 0) {
             database.Session() << "delete from event where id <= :oldest", soci::use(oldest);
         }

@@ -120,6 +120,18 @@ bool IsLost(Database& database, Clock::duration idle) {
            (idle > kTrusted && !database.IsAlive());
 }
 
+struct BeginImmediate : KeptQuery {
+    explicit BeginImmediate(soci::session& session) { Prepare((session.prepare << "begin immediate")); }
+};
+
+struct Begin : KeptQuery {
+    explicit Begin(soci::session& session) { Prepare((session.prepare << "begin")); }
+};
+
+struct Commitment : KeptQuery {
+    explicit Commitment(soci::session& session) { Prepare((session.prepare << "commit")); }
+};
+
 }  // namespace
 
 DatabaseAddress ConfiguredDatabase() {
@@ -191,7 +203,11 @@ std::string DescribeFailure(const std::exception& failure) {
 }
 
 WriteTransaction::WriteTransaction(Database& database) : m_database(database) {
-    m_database.Session() << (m_database.Kind() == DatabaseKind::kSqlite ? "begin immediate" : "begin");
+    if (m_database.Kind() == DatabaseKind::kSqlite) {
+        m_database.Kept<BeginImmediate>().Run();
+    } else {
+        m_database.Kept<Begin>().Run();
+    }
 }
 
 // The database has already rolled back after some failures; then there is nothing left to do.
@@ -213,7 +229,7 @@ WriteTransaction::~WriteTransaction() {
 }
 
 void WriteTransaction::Commit() {
-    m_database.Session() << "commit";
+    m_database.Kept<Commitment>().Run();
     m_open = false;
 }
 

@@ -3,8 +3,12 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <typeindex>
+#include <unordered_map>
 
 #include <soci/soci.h>
+
+#include "pavane/store/kept_query.h"
 
 // The application database: one connection per process, SQLite or PostgreSQL.
 // Failures are thrown as soci::soci_error; their texts may hold bound values, so DescribeFailure is what goes
@@ -33,6 +37,16 @@ public:
     DatabaseKind Kind() const { return m_kind; }
     soci::session& Session() { return *m_session; }
 
+    // This connection's one query of the type `Query`, prepared at first use and anew after a failure.
+    template <class Query>
+    Query& Kept() {
+        std::unique_ptr<KeptQuery>& kept = m_kept[typeid(Query)];
+        if (kept == nullptr || kept->IsBroken()) {
+            kept = std::make_unique<Query>(*m_session);
+        }
+        return static_cast<Query&>(*kept);
+    }
+
     // How long statements wait for locks that other connections hold: up to 10 s, or not at all.
     void SetPatience(bool waits);
 
@@ -42,6 +56,7 @@ public:
 private:
     DatabaseKind m_kind;
     std::unique_ptr<soci::session> m_session;
+    std::unordered_map<std::type_index, std::unique_ptr<KeptQuery>> m_kept;  // gone before the session
 };
 
 // This process's connection to the configured database, opened with its tables made or upgraded at first use,

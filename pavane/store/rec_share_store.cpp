@@ -123,22 +123,51 @@ struct RecShareAccess {
 
 namespace {
 
-// Fills `share` with the one record that `condition` with its one or two numbers gives.
-int LoadOne(RecShare& share, const char* condition, int first, const int* second) {
-    try {
-        soci::session& session = pavane::AppDatabase().Session();
-        ShareRow row;
-        auto bind = (session.prepare << kSelect << condition);
+// Finds one record; derived types say by what.
+struct ShareQuery : pavane::KeptQuery {
+    ShareRow row;
+};
+
+struct ShareById : ShareQuery {
+    explicit ShareById(soci::session& session) {
+        auto bind = (session.prepare << kSelect << "where id = :id");
         BindColumns(bind, row);
-        bind, soci::use(first);
-        if (second != nullptr) {
-            bind, soci::use(*second);
-        }
-        soci::statement statement(bind);
-        if (!statement.execute(true)) {
+        Prepare((bind, soci::use(id)));
+    }
+    int id = 0;
+};
+
+struct ShareByIdOnRec : ShareQuery {
+    explicit ShareByIdOnRec(soci::session& session) {
+        auto bind = (session.prepare << kSelect << "where id_on_rec = :rec and owner_rv_id = :owner"
+                                     << " order by id limit 1");
+        BindColumns(bind, row);
+        Prepare((bind, soci::use(idOnRec), soci::use(ownerRvId)));
+    }
+    int idOnRec = 0;
+    int ownerRvId = 0;
+};
+
+struct ShareByPath : ShareQuery {
+    explicit ShareByPath(soci::session& session) {
+        auto bind = (session.prepare << kSelect << "where owner_rv_id = :owner and path = :path");
+        BindColumns(bind, row);
+        Prepare((bind, soci::use(ownerRvId), soci::use(path)));
+    }
+    int ownerRvId = 0;
+    std::string path;
+};
+
+// Fills `share` with what the query finds once `give` has given it its values.
+template <class Query, class Give>
+int LoadOne(RecShare& share, const Give& give) {
+    try {
+        auto& query = pavane::AppDatabase().Kept<Query>();
+        give(query);
+        if (!query.Run()) {
             return -1;
         }
-        share = RecShareAccess::FromRow(row);
+        share = RecShareAccess::FromRow(query.row);
         return 0;
     } catch (const std::exception& failure) {
         PV_LOG_LINE(kSource, "Failed to load a recording share: %s\n",
@@ -157,20 +186,27 @@ bool HasNul(const ShareRow& row) {
     return false;
 }
 
-int Insert(soci::session& session, ShareRow& row) {
+struct ShareInsertion : ShareQuery {
+    explicit ShareInsertion(soci::session& session) {
+        auto bind =
+            (session.prepare << "insert into recording_share (id_on_rec, owner_rv_id, name, path, volume,"
+                                " description, hidden, enc_type, fs_type, mount_type, mount_source,"
+                                " mount_status, auto_mount, migrating, rec_limit_gb, enable_rec_limit,"
+                                " total_size_mb) values (:rec, :owner, :name, :path, :volume, :text, :hidden,"
+                                " :enc, :fs, :mtype, :msource, :mstatus, :auto, :migrating, :climit,"
+                                " :enable, :size) returning id",
+             soci::into(id));
+        BindValues(bind, row);
+        Prepare(bind);
+    }
     int id = 0;
-    auto bind =
-        (session.prepare << "insert into recording_share (id_on_rec, owner_rv_id, name, path, volume,"
-                            " description, hidden, enc_type, fs_type, mount_type, mount_source,"
-                            " mount_status, auto_mount, migrating, rec_limit_gb, enable_rec_limit,"
-                            " total_size_mb) values (:rec, :owner, :name, :path, :volume, :text, :hidden,"
-                            " :enc, :fs, :mtype, :msource, :mstatus, :auto, :migrating, :climit,"
-                            " :enable, :size) returning id",
-         soci::into(id));
-    BindValues(bind, row);
-    soci::statement statement(bind);
-    statement.execute(true);
-    return id;
+};
+
+int Insert(pavane::Database& database, const ShareRow& row) {
+    auto& query = database.Kept<ShareInsertion>();
+    query.row = row;
+    query.Run();
+    return query.id;
 }
 
 // False when there is no record of that id.
@@ -214,31 +250,25 @@ bool UpdateAll(pavane::Database& database, ShareRow& row, std::list<std::string>
 
 }  // namespace
 
-int RecShare::Load(int id) { return LoadOne(*this, "where id = :id", id, nullptr); }
+int RecShare::Load(int id) {
+    return LoadOne<ShareById>(*this, [&](ShareById& query) { query.id = id; });
+}
 
 int RecShare::LoadByIdOnRec(int idOnRec, int ownerRvId) {
-    return LoadOne(*this, "where id_on_rec = :rec and owner_rv_id = :owner order by id limit 1", idOnRec,
-                   &ownerRvId);
+    return LoadOne<ShareByIdOnRec>(*this, [&](ShareByIdOnRec& query) {
+        query.idOnRec = idOnRec;
+        query.ownerRvId = ownerRvId;
+    });
 }
 
 int RecShare::LoadByPath(const std::string& path, int ownerRvId) {
-    try {
-        ShareRow row;
-        auto bind = (pavane::AppDatabase().Session().prepare
-                     << kSelect << "where owner_rv_id = :owner and path = :path");
-        BindColumns(bind, row);
-        bind, soci::use(ownerRvId), soci::use(path);
-        soci::statement statement(bind);
-        if (path.find('\0') != std::string::npos || !statement.execute(true)) {
-            return -1;
-        }
-        *this = RecShareAccess::FromRow(row);
-        return 0;
-    } catch (const std::exception& failure) {
-        PV_LOG_LINE(kSource, "Failed to load a recording share by its path: %s\n",
-                    pavane::DescribeFailure(failure).c_str());
+    if (path.find('\0') != std::string::npos) {
         return -1;
     }
+    return LoadOne<ShareByPath>(*this, [&](ShareByPath& query) {
+        query.ownerRvId = ownerRvId;
+        query.path = path;
+    });
 }
 
 int RecShare::Save() {
@@ -253,7 +283,7 @@ int RecShare::Save() {
         int id = row.id;
         std::list<std::string> linkNames;
         if (id == 0) {
-            id = Insert(database.Session(), row);
+            id = Insert(database, row);
         } else if (!UpdateAll(database, row, linkNames)) {
             PV_LOG_LINE(kSource, "There is no recording share %d to save.\n", id);
             return -1;

@@ -6,11 +6,23 @@
 
 namespace pavane {
 
-std::string GetSetting(const std::string& name, const std::string& fallback) {
-    soci::session& session = AppDatabase().Session();
+namespace {
+
+struct SettingByName : KeptQuery {
+    explicit SettingByName(soci::session& session) {
+        Prepare((session.prepare << "select value from setting where name = :name", soci::into(value),
+                 soci::use(name)));
+    }
+    std::string name;
     std::string value;
-    session << "select value from setting where name = :name", soci::into(value), soci::use(name);
-    return session.got_data() ? value : fallback;
+};
+
+}  // namespace
+
+std::string GetSetting(const std::string& name, const std::string& fallback) {
+    auto& query = AppDatabase().Kept<SettingByName>();
+    query.name = name;
+    return query.Run() ? query.value : fallback;
 }
 
 void SetSetting(const std::string& name, const std::string& value) {
