@@ -27,7 +27,12 @@ namespace {
 constexpr const char* kSource = "pavane/cms/peer_client";
 constexpr long kConnectTimeout_ms = 5000;
 constexpr long kAskConnectTimeout_ms = 2000;  // many servers may be asked in turn, and some be gone
-constexpr std::size_t kReplyLimit = 4UL * 1024 * 1024;
+constexpr std::size_t kMebibyte = 1024UL * 1024;
+// A change is answered with a few values; a list holds at most what a server has. 30,000 entries of
+// "ListShareUsage", three applications in each of 10,000 shares, are at most 10 MiB, and 10,000 records of
+// "list_records" are as much with the longest names and 400 bytes of description and source in each.
+constexpr std::size_t kChangeReplyLimit = 4 * kMebibyte;
+constexpr std::size_t kListReplyLimit = 16 * kMebibyte;
 
 // A paired server.
 //   address  "http://host[:port]" or "https://host[:port]"
@@ -141,7 +146,7 @@ SendOutcome SendToPeer(const Peer& peer, const Json::Value& request, const SendO
     post.body = Body(request, peer, stamp);
     post.headers = {"Content-Type: application/json", "Cookie: timestamp=" + stamp, "Expect:"};
     post.pinnedKey = peer.pinnedKey;
-    post.replyLimit = kReplyLimit;
+    post.replyLimit = request["relayedCmd"] == true ? kChangeReplyLimit : kListReplyLimit;
     post.progress = options.progress;
     const HttpReply answer = SendWithin(post, options);
     if (answer.keyDiffers) {

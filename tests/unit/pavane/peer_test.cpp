@@ -1,4 +1,5 @@
 #include <chrono>
+#include <functional>
 #include <string>
 
 #include <json/json.h>
@@ -40,10 +41,41 @@ protected:
         return request;
     }
 
+    // What "list" is after a recording server has answered it; null when it could not be sent.
+    Json::Value ListFrom(const std::string& list) {
+        const HttpStandIn server(OkAnswer("{\"success\":true,\"data\":{\"list\":" + list + "}}"));
+        Json::Value request = Request();
+        request["method"] = "ListShareUsage";
+        request.removeMember("relayedCmd");
+        Json::Value reply;
+        if (SendWebAPIToRecServerByJson(AddServer("L", server.Address()), request, false, reply) != 0) {
+            return {};
+        }
+        return reply["data"]["list"];
+    }
+
     static int SendToHost(Json::Value& reply, int wait_s = 5) {
         return SendWebAPIToHost(Request(), false, reply, wait_s, nullptr, 0);
     }
 };
+
+// 64 bytes as JSON writes them when each of its two-byte letters is escaped.
+std::string LongName() {
+    constexpr int kLetters = 32;
+    std::string name;
+    for (int i = 0; i < kLetters; ++i) {
+        name += "\\u00e4";
+    }
+    return name;
+}
+
+std::string ListText(int count, const std::function<std::string(int)>& element) {
+    std::string text = "[";
+    for (int number = 1; number <= count; ++number) {
+        text += (number > 1 ? "," : "") + element(number);
+    }
+    return text + "]";
+}
 
 Json::Value BodyOf(const std::string& received) {
     Json::Value body;
@@ -129,12 +161,41 @@ TEST_F(Peers, ARedirectIsNotFollowed) {
     EXPECT_EQ(target.Received(), "");
 }
 
-TEST_F(Peers, AnAnswerOverTheLimitIsAFailedSend) {
-    const std::string filling(16UL * 1024 * 1024, 'x');
-    const HttpStandIn host(OkAnswer("{\"a\":\"" + filling + "\"}"));
+TEST_F(Peers, AChangeWithAnAnswerOverTheLimitIsAFailedSend) {
+    constexpr std::size_t kOverTheLimit = 4UL * 1024 * 1024;
+    const HttpStandIn host(OkAnswer("{\"a\":\"" + std::string(kOverTheLimit, 'x') + "\"}"));
     AddHost(host.Address());
     Json::Value reply;
     EXPECT_NE(SendToHost(reply), 0);
+    EXPECT_TRUE(reply.isNull());
+}
+
+TEST_F(Peers, AListOverItsLimitIsAFailedSend) {
+    constexpr std::size_t kOverTheLimit = 16UL * 1024 * 1024;
+    EXPECT_TRUE(ListFrom("[\"" + std::string(kOverTheLimit, 'x') + "\"]").isNull());
+}
+
+// Three applications keep data in each of 10,000 shares with the longest names.
+TEST_F(Peers, TheUsageOfTenThousandSharesFits) {
+    constexpr int kEntries = 30000;
+    const std::string usage = ListText(kEntries, [](int number) {
+        return R"({"app":{"enabled":false,"name":{"enu":"Intrusion detection","ger":"Einbruchserkennung"}},)"
+               R"("application_id":12,"name":")" +
+               LongName() + R"(","rvId":0,"share_id":)" + std::to_string(number) + "}";
+    });
+    EXPECT_EQ(ListFrom(usage).size(), static_cast<unsigned>(kEntries));
+}
+
+TEST_F(Peers, TheRecordsOfTenThousandSharesFit) {
+    constexpr int kRecords = 10000;
+    const std::string records = ListText(kRecords, [](int number) {
+        return R"({"autoMount":true,"description":")" + std::string(200, 'd') +
+               R"(","enableRecLimit":false,"encType":0,"fsType":1,"hidden":false,"id":)" +
+               std::to_string(number) + R"(,"migrating":false,"mountSource":")" + std::string(200, 's') +
+               R"(","mountType":2,"name":")" + LongName() + R"(","path":"/volume1/)" + LongName() +
+               R"(","recLimitGB":100,"totalSizeMB":18446744073709551615,"volume":"volume1"})";
+    });
+    EXPECT_EQ(ListFrom(records).size(), static_cast<unsigned>(kRecords));
 }
 
 TEST_F(Peers, APeerThatNeverAnswersEndsAtTheDeadline) {
