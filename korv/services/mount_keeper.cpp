@@ -7,9 +7,7 @@
 #include <csignal>
 #include <ctime>
 #include <exception>
-#include <map>
 #include <string>
-#include <utility>
 
 #include <sys/prctl.h>
 
@@ -35,28 +33,24 @@ void LogTroubles() {
     }
 }
 
-// Announces every state that differs from the last one announced, also one that another process has noted: a
-// reconnection on request is no change to the round that follows it.
-void TellNews(std::map<std::string, bool>& told) {
-    std::map<std::string, bool> now;
+// Told anew each round, since a state may have come and gone between two of them, and so may the share that
+// stands on the mount: observers act on what is news to them.
+void TellStates() {
     for (const MountRow& row : ListMountRows()) {
-        now[row.mountPoint] = row.isNormal;
-        const auto before = told.find(row.mountPoint);
-        if (before == told.end() || before->second != row.isNormal) {
+        if (row.state == MountState::kKept) {
             AnnounceMountState(row.mountPoint, row.isNormal);
         }
     }
-    told = std::move(now);
 }
 
 // A round that fails, since the database is locked or a disk is full, must not end the care for good.
-void CareOnce(std::map<std::string, bool>& told) {
+void CareOnce() {
     try {
         LogTroubles();
         for (const MountChange& change : CareForMounts(std::time(nullptr))) {
             LogLine("the mount at " + change.mountPoint + " " + change.text);
         }
-        TellNews(told);
+        TellStates();
     } catch (const std::exception& error) {
         LogLine(std::string("the care for mounts failed: ") + error.what());
     }
@@ -82,10 +76,9 @@ int RunMountKeeper() {
         prctl(PR_SET_NAME, "korvd-mounts");
         LowerToServiceUser();
         LoadModules(GetSettings().node.modules, Registry());
-        std::map<std::string, bool> told;
-        TellNews(told);
+        TellStates();
         do {
-            CareOnce(told);
+            CareOnce();
         } while (Pause(stopSignals, supervisor));
         // A leak check at exit needs the rights that the process started with.
         RaiseToRoot();

@@ -15,8 +15,8 @@ void RegisterHealthCheck(const std::string& name, std::function<std::string()> c
 // Judges a peer's pairing key over a stamp; used for requests on the peer pool.
 void RegisterPairCheck(std::function<bool(const std::string& pairKey, const std::string& stamp)> check);
 
-// Is told by the process that looks after remote mounts when one at `mountPoint` has become normal or has
-// stopped being so, and at its start once for every mount.
+// Is told by the process that looks after remote mounts, every few seconds and of every mount, whether the
+// one at `mountPoint` is normal. Most of that is no news: an observer must be quick then.
 void RegisterMountObserver(std::function<void(const std::string& mountPoint, bool isNormal)> observer);
 
 // Has `job` run now and then in the node's one job process, never in a process that serves requests.
