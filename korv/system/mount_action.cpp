@@ -174,14 +174,16 @@ MountFailure MountAt(const MountRow& row, int target) {
     if (failure != MountFailure::kNone) {
         return failure;
     }
-    struct statfs facts {};
+    struct statfs size {};
+    struct stat folder {};
     if (!IsMountRoot(staging)) {
         return MountFailure::kFailed;
     }
-    if (statfs(staging.c_str(), &facts) != 0) {
+    if (statfs(staging.c_str(), &size) != 0 || stat(staging.c_str(), &folder) != 0) {
         return FailureOfErrno(row.type == RemoteType::kCifs, errno);
     }
-    return PutInPlace(staging, target);
+    // A folder without a link is one that was removed at the server while somebody held it open.
+    return folder.st_nlink == 0 ? MountFailure::kStale : PutInPlace(staging, target);
 }
 
 MountFailure MountWork(const MountRow& row, const MountPlace& place, const std::optional<MountCaller>& caller,

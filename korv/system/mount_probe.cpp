@@ -83,6 +83,10 @@ void Look(const std::string& path, MountFacts& facts) {
         facts.sight = MountSight::kNotMounted;
         return;
     }
+    if (here.st_nlink == 0) {  // removed at the server, where somebody still holds it open
+        facts.sight = MountSight::kStale;
+        return;
+    }
     facts.type = TypeOf(path);
     facts.sizeMb = size.f_blocks * static_cast<std::uint64_t>(size.f_frsize) / kBytesPerMb;
     facts.sight = MountSight::kAlive;
