@@ -163,6 +163,10 @@ class Node:
             raise AssertionError(f"{command} ended with {result.returncode}: {result.stderr}")
         return result.stdout if check else result
 
+    def lay_over_sbin(self, programs):
+        """The programs in a folder stand before the machine's own, for this node alone."""
+        self.inside("mount", "-t", "overlay", "overlay", "-o", f"ro,lowerdir={programs}:/usr/sbin", "/usr/sbin")
+
     def allow(self, pattern):
         """Log lines that match are expected from now on."""
         self.allowed.append(re.compile(pattern))

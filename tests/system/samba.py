@@ -68,4 +68,4 @@ def put_helpers_in_place(node, exports=None):
     shutil.copytree(os.path.join(ROOT, "tests/helpers/sbin"), helpers, dirs_exist_ok=True)
     with open(os.path.join(helpers, "mount.nfs.exports"), "w", encoding="utf-8") as file:
         json.dump(exports or {}, file)
-    node.inside("mount", "-t", "overlay", "overlay", "-o", f"ro,lowerdir={helpers}:/usr/sbin", "/usr/sbin")
+    node.lay_over_sbin(helpers)

@@ -2,7 +2,6 @@
 
 import os
 import socket
-import subprocess
 import time
 
 import pytest
@@ -15,18 +14,10 @@ LIST_API = "KORV.Tarsel.Mount.List"
 POINT = "/volume1/video/nas"
 
 
-@pytest.fixture(scope="module")
-def exported(shared_node):
-    folder = os.path.join(shared_node.folder, "exported")
-    os.mkdir(folder)
-    return folder
-
-
 @pytest.fixture(scope="module", autouse=True)
-def helpers(shared_node, exported):
+def helpers(shared_node):
     assert shared_node.client("admin").create("video")["success"]
     samba.put_helpers_in_place(shared_node, {
-        "/video": {"folder": exported},
         "/denied": {"says": "access denied by server while mounting 127.0.0.1:/denied"},
         "/stale": {"says": "Stale file handle"},
         "/version": {"says": "requested NFS version or transport protocol is not supported for /x"},
@@ -49,10 +40,6 @@ def mount(admin, port, export="/video", kind="NFS", **more):
     source = f"127.0.0.1:{export}" if kind == "NFS" else f"//127.0.0.1{export}"
     return admin.call(MOUNT_API, "mount_remote", mount_type=kind, server_ip=source, mount_point="/video/nas",
                       adv_opt=f"port={port}", **more)
-
-
-def unmount(admin):
-    return admin.call(MOUNT_API, "unmount", mount_point="/video/nas")
 
 
 def nothing_is_left(node, admin):
@@ -83,27 +70,6 @@ def test_a_silent_server_has_its_code(node, admin, port):
     node.allow("mounting at")
     assert mount(admin, port, "/data", "CIFS", account="a", passwd="b")["error"] == {"code": 424}
     assert nothing_is_left(node, admin)
-
-
-def test_an_nfs_folder_is_written_and_stays_while_it_is_in_use(node, admin, port, exported):
-    node.allow("unmounting")
-    assert mount(admin, port, nfs_version="4.1")["success"]
-    listed = admin.call(LIST_API, "list", with_state=True)["data"]["mounts"]
-    assert [(each["type"], each["source"], each["mounted"], each["status"], each["alive"]) for each in listed] == [
-        ("nfs", "127.0.0.1:/video", True, 0, True)]
-    node.inside("sh", "-c", f"echo text > {POINT}/recording")
-    with open(os.path.join(exported, "recording"), encoding="utf-8") as file:
-        assert file.read() == "text\n"
-    with subprocess.Popen(["nsenter", "-t", str(node.korvd), "-m", "--", "sh", "-c",
-                           f"exec 3< {POINT}/recording && echo open && exec cat"],
-                          stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as user:
-        assert user.stdout.readline() == "open\n"
-        assert unmount(admin)["error"] == {"code": 438}
-        assert admin.call(LIST_API, "list")["data"]["mounts"][0]["mounted"]
-        user.stdin.close()
-    wait_until(lambda: unmount(admin)["success"], "the mount is no longer in use")
-    assert nothing_is_left(node, admin)
-    assert os.listdir(exported) == ["recording"]
 
 
 def test_a_paused_server_is_abnormal_and_holds_up_nothing(node, admin):
