@@ -58,6 +58,11 @@ ProcessIdentity ThisProcess() {
     return {pid, status->start, BootId()};
 }
 
+bool IsThisProcess(const ProcessIdentity& process) {
+    const ProcessIdentity self = ThisProcess();
+    return process.pid == self.pid && process.start == self.start && process.bootId == self.bootId;
+}
+
 bool IsRunning(const ProcessIdentity& process) {
     if (process.pid <= 0 || process.bootId != BootId()) {
         return false;

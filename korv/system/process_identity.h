@@ -14,6 +14,9 @@ struct ProcessIdentity {
 // Throws std::runtime_error when /proc is not there to ask.
 ProcessIdentity ThisProcess();
 
+// True when that very process is the one that asks.
+bool IsThisProcess(const ProcessIdentity& process);
+
 // True while that very process runs; one that has ended but was not waited for yet does not.
 bool IsRunning(const ProcessIdentity& process);
 

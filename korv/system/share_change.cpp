@@ -40,6 +40,6 @@ ChangeOutcome TryChange(const std::function<void()>& part) {
     }
 }
 
-bool IsGivenUp(const ProcessIdentity& maker) { return maker.pid == ThisProcess().pid || !IsRunning(maker); }
+bool IsGivenUp(const ProcessIdentity& maker) { return IsThisProcess(maker) || !IsRunning(maker); }
 
 }  // namespace korv

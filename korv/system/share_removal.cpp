@@ -62,15 +62,28 @@ void Drop(const std::string& token) {
     transaction.Commit();
 }
 
-// Takes back a removal that failed before the share was out of sight.
+// Takes back a removal that was refused or failed before the share was out of sight.
+void TakeBack(int volume, const ShareRow& share) {
+    const std::string hidden = RemovedFolderName(share.token);
+    if (IsFolderOfToken(volume, hidden, share.token) && !RenameShareFolder(volume, hidden, share.name)) {
+        throw ChangeFailure{ChangeEnd::kNameTaken, "something else has the share's name"};
+    }
+    Drop(share.token);
+}
+
 std::string Undo(int volume, const ShareRow& share) {
-    const ChangeOutcome undone = TryChange([&] {
-        if (IsFolderOfToken(volume, RemovedFolderName(share.token), share.token)) {
-            RenameShareFolder(volume, RemovedFolderName(share.token), share.name);
-        }
-        Drop(share.token);
-    });
+    const ChangeOutcome undone = TryChange([&] { TakeBack(volume, share); });
     return undone.end == ChangeEnd::kDone ? "" : " (not undone yet: " + undone.reason + ")";
+}
+
+// What this process has refused and could not take back then. Its caller was told so: never carried on with.
+void TakeBackRefused(const ShareRemovalRow& row) {
+    const auto share = FindShareByToken(row.token);
+    if (share) {
+        TakeBack(OpenVolume(row.volPath).Get(), *share);
+    } else {
+        Drop(row.token);
+    }
 }
 
 // Called with the write lock held, so that no two processes carry on with the same removal.
@@ -155,10 +168,14 @@ std::vector<std::string> RecoverShareRemovals(const std::vector<std::string>& vo
             continue;
         }
         const ChangeOutcome outcome = TryChange([&] {
+            const bool isKnown = std::find(volumes.begin(), volumes.end(), seen.volPath) != volumes.end();
+            if (isKnown && IsThisProcess(seen.maker)) {
+                TakeBackRefused(seen);
+                return;
+            }
             WriteTransaction transaction(Database());
             const auto row = Find(seen.token);
             if (row && !row->isHidden) {
-                const bool isKnown = std::find(volumes.begin(), volumes.end(), row->volPath) != volumes.end();
                 isKnown ? CarryOn(*row) : DropShareRemoval(row->token);
             }
             transaction.Commit();

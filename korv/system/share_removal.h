@@ -21,9 +21,10 @@ using RemovalObserver = std::function<void(RemovalStep)>;
 // was replaced by another one is no failure; the other one stays.
 ChangeOutcome RemoveShare(const ShareRow& share, const RemovalObserver& observer = {});
 
-// Carries on with every removal whose maker is gone, until the share is out of sight; one that can't go on
-// now is kept for later, and forgotten when `volumes`, the configured ones, no longer hold its volume. Safe
-// to run in several processes at once. Returns what could not be done, for the log.
+// Carries on with every removal whose maker died, until the share is out of sight; takes back those that this
+// very process has refused and could not take back then. One that can't go on now is kept for later, and
+// forgotten when `volumes`, the configured ones, no longer hold its volume. Safe to run in several processes
+// at once. Returns what could not be done, for the log.
 std::vector<std::string> RecoverShareRemovals(const std::vector<std::string>& volumes);
 
 // True when there is space of removed shares to free at `now_s`, unix seconds.

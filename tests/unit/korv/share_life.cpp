@@ -50,6 +50,13 @@ bool ShareLifeTest::HasFile(const std::string& folder) {
     return content == kContent;
 }
 
+void ShareLifeTest::Refuse(const std::string& what) {
+    korv::Database() << "create trigger refused before " + what +
+                            " begin select raise(abort, 'refused'); end";
+}
+
+void ShareLifeTest::Allow() { korv::Database() << "drop trigger refused"; }
+
 void ShareLifeTest::ExpectKilled(const std::function<void()>& work) {
     korv::CloseDatabase();
     const int status = machine::InChild([&] {

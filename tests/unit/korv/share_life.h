@@ -20,6 +20,10 @@ protected:
     static bool HasFile(const std::string& folder);
     // Runs `work` in a child, which must die by SIGKILL.
     static void ExpectKilled(const std::function<void()>& work);
+    // Makes every statement that does `what` ("delete on share_removal", for one) fail until it is allowed
+    // again or the test ends, as on a database that can't be written.
+    static void Refuse(const std::string& what);
+    static void Allow();
     // Unmounts everything at or beneath `folder`.
     static void UnmountAll(const std::string& folder);
 };

@@ -117,6 +117,50 @@ TEST_F(ShareRemovalTest, RefusesAnEncryptedShareWhoseFolderIsSomebodysPlace) {
     ExpectUntouched(share);
 }
 
+TEST_F(ShareRemovalTest, WhatWasRefusedIsNotCarriedOutLater) {
+    const korv::ShareRow share = Make("geheim", true);
+    const fs::path before = fs::current_path();
+    fs::current_path(share.Path());
+    Refuse("delete on share_removal");
+    const auto outcome = korv::RemoveShare(share);
+    EXPECT_EQ(outcome.end, ChangeEnd::kBusy);
+    EXPECT_NE(outcome.reason.find("not undone yet"), std::string::npos) << outcome.reason;
+    EXPECT_EQ(korv::ListShareRemovals().size(), 1U);
+    Allow();
+    fs::current_path(before);
+    EXPECT_EQ(Recover(), std::vector<std::string>());
+    ExpectUntouched(share);
+}
+
+TEST_F(ShareRemovalTest, AFailedOneGetsItsFolderBackAsSoonAsItsNameIsFree) {
+    const korv::ShareRow share = Make("rec");
+    Refuse("delete on share");
+    const auto outcome = korv::RemoveShare(share, [&](RemovalStep step) {
+        if (step == RemovalStep::kHidden) {
+            fs::create_directory(share.Path());
+        }
+    });
+    EXPECT_EQ(outcome.end, ChangeEnd::kFailed);
+    Allow();
+    EXPECT_EQ(korv::ListShareRemovals().size(), 1U);
+    EXPECT_EQ(Recover().size(), 1U);
+    EXPECT_EQ(Recover(), std::vector<std::string>()) << "tried again at once";
+    fs::remove(share.Path());
+    korv::Database() << "update share_removal set next_try_s = 0";
+    EXPECT_EQ(Recover(), std::vector<std::string>());
+    ExpectUntouched(share);
+}
+
+TEST_F(ShareRemovalTest, AnotherProcessOfTheSameNumberIsADeadOne) {
+    const korv::ShareRow share = Make("rec");
+    korv::ProcessIdentity maker = korv::ThisProcess();
+    ++maker.start;
+    korv::SaveShareRemoval({share.token, share.name, share.volPath, false, 0, maker});
+    EXPECT_EQ(Recover(), std::vector<std::string>());
+    ExpectGone(share);
+    ExpectFreed();
+}
+
 TEST_F(ShareRemovalTest, LeavesAFolderThatIsNotTheShares) {
     const korv::ShareRow removedByHand = Make("rec");
     fs::remove_all(removedByHand.Path());
