@@ -63,19 +63,20 @@ bool HasOption(const std::string& options, const std::string& wanted) {
 // options.
 std::optional<Mount> ParseLine(const std::string& line) {
     std::istringstream fields(line);
+    Mount mount;
     std::string skipped;
     std::string mountPoint;
     std::string options;
-    fields >> skipped >> skipped >> skipped >> skipped >> mountPoint >> options;
+    fields >> skipped >> skipped >> mount.device >> mount.root >> mountPoint >> options;
     while (fields >> skipped && skipped != "-") {
     }
-    Mount mount;
     std::string superOptions;
     if (!(fields >> mount.fsType >> mount.source >> superOptions)) {
         return std::nullopt;
     }
     mount.mountPoint = Unescape(mountPoint);
     mount.source = Unescape(mount.source);
+    mount.root = Unescape(mount.root);
     mount.isReadOnly = HasOption(options, "ro") || HasOption(superOptions, "ro");
     return mount;
 }
@@ -158,6 +159,12 @@ std::vector<Mount> ReadMounts() {
         throw std::runtime_error("cannot read the table of mounts");
     }
     return mounts;
+}
+
+std::vector<Mount> ReadMountsOf(pid_t pid) {
+    const FileDescriptor file(
+        open(("/proc/" + std::to_string(pid) + "/mountinfo").c_str(), O_RDONLY | O_CLOEXEC));
+    return file ? Parse(ReadAll(file.Get())) : std::vector<Mount>();
 }
 
 std::vector<std::string> MountsAtOrBeneath(const std::vector<Mount>& mounts, const std::string& path) {

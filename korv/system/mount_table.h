@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/types.h>
+
 // What is mounted where in this process's mount namespace, from the kernel's own list; no file system is
 // asked.
 namespace korv {
@@ -12,6 +14,8 @@ struct Mount {
     std::string fsType;  // "ext4", "btrfs", "nfs4", "fuse.gocryptfs", ...
     std::string source;  // "/dev/sdb1", "server:/export", ...
     bool isReadOnly = false;
+    std::string device;  // "8:1", the same for all mounts of a file system
+    std::string root;    // what of the file system is mounted, as a path in it: "/", "/rec" of a bind mount
 };
 
 // All mounts in the order they were made: of two at one place the later one is in sight. Read anew only after
@@ -24,6 +28,9 @@ std::vector<const Mount*> MountsAlong(const std::string& path);
 
 // The same as a list of the caller's own. Throws std::runtime_error when the kernel's list can't be read.
 std::vector<Mount> ReadMounts();
+
+// What process `pid` sees. Empty when it is gone.
+std::vector<Mount> ReadMountsOf(pid_t pid);
 
 // The mount points of `mounts` that are `path` itself or beneath it.
 std::vector<std::string> MountsAtOrBeneath(const std::vector<Mount>& mounts, const std::string& path);

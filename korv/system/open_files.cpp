@@ -1,12 +1,17 @@
 #include "korv/system/open_files.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <system_error>
+#include <vector>
 
 #include "include/run_as_scope.h"
+#include "korv/system/mount_table.h"
 
 namespace korv {
 
@@ -59,6 +64,42 @@ bool HasMapped(const fs::path& process, const std::string& prefix) {
     return false;
 }
 
+// Whether the path that /proc shows leads to the folder or beneath it, by whichever way its process reaches
+// it.
+bool LeadsInto(const std::string& shown, const std::string& folder) {
+    const std::string step = "/" + folder;
+    const std::size_t found = shown.find(step);
+    const std::size_t end = found + step.size();
+    return found != std::string::npos && (end == shown.size() || shown[end] == '/' || shown[end] == ' ');
+}
+
+bool HoldsFolder(const fs::path& process, const std::string& folder) {
+    std::error_code ignored;
+    for (const char* place : {"cwd", "root"}) {
+        if (LeadsInto(fs::read_symlink(process / place, ignored).string(), folder)) {
+            return true;
+        }
+    }
+    std::error_code error;
+    for (fs::directory_iterator each(process / "fd", error), end; !error && each != end;
+         each.increment(error)) {
+        if (LeadsInto(fs::read_symlink(each->path(), ignored).string(), folder) &&
+            fs::is_directory(each->path(), ignored)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// What is mounted at the folder itself, in whatever namespace, is no other way to it.
+bool IsMountedElsewhere(const std::vector<Mount>& mounts, const std::string& device, const std::string& root,
+                        const std::string& folder) {
+    return std::any_of(mounts.begin(), mounts.end(), [&](const Mount& mount) {
+        return mount.device == device && !LeadsInto(mount.mountPoint, folder) &&
+               (mount.root == root || IsBeneath(mount.root, root == "/" ? root : root + "/"));
+    });
+}
+
 bool IsProcess(const std::string& name) {
     return std::all_of(name.begin(), name.end(),
                        [](char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; });
@@ -74,6 +115,37 @@ bool IsFileOpenBeneath(const std::string& path) {
         if (IsProcess(each->path().filename().string()) &&
             (HasOpen(each->path(), path) ||
              (HasMapped(each->path(), path + "/") && HasFolder(each->path(), path)))) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool IsFolderHeld(const std::string& volume, const std::string& folder) {
+    const RunAsScope root = IF_RUN_AS;
+    const std::string path = volume + "/" + folder;
+    const auto along = MountsAlong(path);
+    if (along.empty()) {
+        return false;
+    }
+    const Mount own = *along.back();
+    const std::string rest = path.substr(std::min(path.size(), own.mountPoint.size()));
+    const std::string rootInside = own.root == "/" && !rest.empty() ? rest : own.root + rest;
+    std::set<std::string> namespaces;
+    std::error_code error;
+    for (fs::directory_iterator each("/proc", error), end; !error && each != end; each.increment(error)) {
+        const std::string name = each->path().filename();
+        if (!IsProcess(name)) {
+            continue;
+        }
+        const pid_t pid = std::stoi(name);
+        if (pid != getpid() && HoldsFolder(each->path(), folder)) {
+            return true;
+        }
+        std::error_code ignored;
+        const std::string itsNamespace = fs::read_symlink(each->path() / "ns/mnt", ignored);
+        if (!itsNamespace.empty() && namespaces.insert(itsNamespace).second &&
+            IsMountedElsewhere(ReadMountsOf(pid), own.device, rootInside, folder)) {
             return true;
         }
     }

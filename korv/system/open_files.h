@@ -10,4 +10,13 @@ namespace korv {
 // opened while it looks may be missed.
 bool IsFileOpenBeneath(const std::string& path);
 
+// True when somebody can make files in a folder without going there by its name: a process works in it or
+// below, has a folder of it open or as its root, or part of it is mounted elsewhere, in whichever mount
+// namespace.
+//   volume  path of a mounted file system
+//   folder  from there on; one that no other file system has, such as one named by a token
+// This process's own descriptors don't count. Reads /proc as root; of file systems only the folder's own is
+// asked.
+bool IsFolderHeld(const std::string& volume, const std::string& folder);
+
 }  // namespace korv
