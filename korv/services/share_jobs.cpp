@@ -175,6 +175,7 @@ int RunShareJobs() {
     std::signal(SIGINT, SIG_IGN);
     prctl(PR_SET_NAME, "korvd-moves");
     prctl(PR_SET_PDEATHSIG, SIGTERM);
+    Log("forgetting the passwords of jobs that are over", ForgetLostJobPasswords);
     Keeper keeper;
     do {
         keeper.Round();

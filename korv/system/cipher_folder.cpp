@@ -281,6 +281,13 @@ CipherState CipherFolder::State() const {
 }
 
 // The last mount at the path is the one that is seen.
+bool CipherFolder::IsComplete() const {
+    const RunAsScope root = IF_RUN_AS;
+    std::error_code error;
+    return fs::exists(m_cipherPath + "/" + kToolsConfiguration, error) &&
+           fs::exists(m_cipherPath + "/" + kToolsRootName, error);
+}
+
 std::vector<std::string> CipherFolder::MountPoints() {
     std::vector<std::string> points;
     for (const korv::Mount& mount : ListMounts()) {

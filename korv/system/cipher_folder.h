@@ -83,6 +83,8 @@ public:
     CipherEnd ChangePassword(const std::string& oldPassword, const std::string& newPassword) const;
 
     CipherState State() const;
+    // False when an initialization was cut short, which nothing can be mounted from.
+    bool IsComplete() const;
 
     const std::string& CipherPath() const { return m_cipherPath; }
     const std::string& MountPath() const { return m_mountPath; }

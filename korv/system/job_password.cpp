@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
+#include <filesystem>
 #include <system_error>
 
 #include <sys/stat.h>
@@ -18,10 +20,11 @@ namespace korv {
 namespace {
 
 constexpr mode_t kPrivateFile = S_IRUSR | S_IWUSR;
+constexpr const char* kExtension = ".password";
 constexpr std::size_t kLongestPassword = 4096;
 
 std::string Folder() { return KORV::GetConfiguration().stateDir + "/jobs"; }
-std::string PathOf(long long id) { return Folder() + "/" + std::to_string(id) + ".password"; }
+std::string PathOf(long long id) { return Folder() + "/" + std::to_string(id) + kExtension; }
 
 void Check(bool isRight, const char* what) {
     if (!isRight) {
@@ -53,6 +56,22 @@ std::string ReadJobPassword(long long id) {
     const ssize_t length = file ? read(file.Get(), password.data(), password.size()) : 0;
     password.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
     return password;
+}
+
+std::vector<long long> ListJobPasswords() {
+    const RunAsScope root = IF_RUN_AS;
+    std::vector<long long> ids;
+    std::error_code error;
+    for (std::filesystem::directory_iterator each(Folder(), error), end; !error && each != end;
+         each.increment(error)) {
+        const std::string name = each->path().filename();
+        long long id = 0;
+        const auto [rest, problem] = std::from_chars(name.data(), name.data() + name.size(), id);
+        if (problem == std::errc() && std::string(rest) == kExtension) {
+            ids.push_back(id);
+        }
+    }
+    return ids;
 }
 
 void ForgetJobPassword(long long id) {

@@ -54,16 +54,17 @@ std::vector<JobRow> Select(const std::string& rest, const std::string& value) {
     soci::statement statement =
         (Database().prepare
              << "select id, kind, share_token, share, state, is_cancel_asked, error, percent, step, reason,"
-                " total_bytes, copied_bytes, verified_bytes, changed_since_s, next_try_s, created_s, ended_s,"
-                " runner_pid, runner_start, runner_boot_id from job "
+                " total_bytes, copied_bytes, verified_bytes, changed_since_s, switched_s, next_try_s, "
+                "created_s,"
+                " ended_s, runner_pid, runner_start, runner_boot_id from job "
              << rest,
          soci::into(row.id), soci::into(cells.kind), soci::into(row.shareToken), soci::into(row.share),
          soci::into(cells.state), soci::into(cells.isCancelAsked), soci::into(cells.error),
          soci::into(row.percent), soci::into(cells.step), soci::into(cells.reason), soci::into(cells.total),
          soci::into(cells.copied), soci::into(cells.verified), soci::into(row.move.changedSince_s),
-         soci::into(row.nextTry_s), soci::into(row.created_s), soci::into(row.ended_s),
-         soci::into(row.runner.pid), soci::into(row.runner.start), soci::into(row.runner.bootId),
-         soci::use(value, "value"));
+         soci::into(row.move.switched_s), soci::into(row.nextTry_s), soci::into(row.created_s),
+         soci::into(row.ended_s), soci::into(row.runner.pid), soci::into(row.runner.start),
+         soci::into(row.runner.bootId), soci::use(value, "value"));
     statement.execute();
     std::vector<JobRow> rows;
     while (statement.fetch()) {
@@ -102,15 +103,16 @@ void SaveJob(const JobRow& row) {
     const auto total = static_cast<long long>(row.move.total_bytes),
                copied = static_cast<long long>(row.move.copied_bytes),
                verified = static_cast<long long>(row.move.verified_bytes);
-    const long long changedSince_s = row.move.changedSince_s;
+    const long long changedSince_s = row.move.changedSince_s, switched_s = row.move.switched_s;
     Database()
         << "update job set state = :state, error = :error, percent = :percent, step = :step,"
            " reason = :reason, total_bytes = :total, copied_bytes = :copied, verified_bytes = :verified,"
-           " changed_since_s = :changed, next_try_s = :next_try, ended_s = :ended, runner_pid = :pid,"
+           " changed_since_s = :changed, switched_s = :switched, next_try_s = :next_try, ended_s = :ended, "
+           "runner_pid = :pid,"
            " runner_start = :start, runner_boot_id = :boot_id where id = :id",
         soci::use(state), soci::use(error), soci::use(row.percent), soci::use(step), soci::use(reason),
         soci::use(total), soci::use(copied), soci::use(verified), soci::use(changedSince_s),
-        soci::use(row.nextTry_s), soci::use(row.ended_s), soci::use(row.runner.pid),
+        soci::use(switched_s), soci::use(row.nextTry_s), soci::use(row.ended_s), soci::use(row.runner.pid),
         soci::use(row.runner.start), soci::use(row.runner.bootId), soci::use(row.id);
 }
 

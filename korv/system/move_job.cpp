@@ -6,12 +6,15 @@
 #include <ctime>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "include/run_as_scope.h"
+#include "korv/framework/log.h"
 #include "korv/system/database.h"
 #include "korv/system/encrypted_share.h"
 #include "korv/system/job_password.h"
+#include "korv/system/samba_export.h"
 #include "korv/system/share_change_store.h"
 #include "korv/system/share_encryption.h"
 #include "korv/system/share_folder.h"
@@ -121,8 +124,6 @@ ChangeEnd EndOf(MoveEnd end) {
 
 bool IsOver(MoveStep step) { return step == MoveStep::kDone || step == MoveStep::kUndone; }
 
-bool IsSwitched(MoveStep step) { return step >= MoveStep::kFollow && step <= MoveStep::kDone; }
-
 void GiveUp(JobRow job) {
     job.state = JobState::kFailed;
     job.error = ChangeEnd::kFailed;
@@ -133,7 +134,22 @@ void GiveUp(JobRow job) {
     ForgetJobPassword(job.id);
 }
 
-// One run of a job.
+// Takes the job for this process, as it is now. None when it is over or another process works on it, such as
+// the child of a keeper that was killed.
+std::optional<JobRow> Claim(long long id) {
+    WriteTransaction transaction(Database());
+    auto job = FindJob(id);
+    if (!job || job->IsOver() || IsRunning(job->runner)) {
+        return std::nullopt;
+    }
+    job->runner = ThisProcess();
+    job->state = JobState::kProgressing;
+    SaveJob(*job);
+    transaction.Commit();
+    return job;
+}
+
+// One run of a job that was claimed.
 class JobRun {
 public:
     JobRun(const JobRow& job, const ShareRow& share, const std::function<bool()>& shouldStop)
@@ -142,14 +158,12 @@ public:
     std::string Run() {
         std::string password = ReadJobPassword(m_job.id);
         const std::unique_ptr<EncryptionPlaces> places = MakePlaces(password);
-        m_job.state = JobState::kProgressing;
-        m_job.runner = ThisProcess();
         Prepare(*places, password);
         explicit_bzero(password.data(), password.size());
         Save(m_job.move);
-        const MoveResult result =
-            RunMove(*places, m_job.move,
-                    {[this](const MoveState& state) { Save(state); }, [this] { return Wish(); }});
+        const MoveResult result = RunMove(*places, m_job.move,
+                                          {[this](const MoveState& state) { Save(state); },
+                                           [this] { return Wish(); }, [this] { SendAway(); }});
         Finish(result);
         return result.reason;
     }
@@ -163,7 +177,7 @@ private:
     }
 
     // What the move itself can't do: it undoes only what it can open, and a machine that was switched off
-    // after the switch has locked the share.
+    // when people were at the target already has locked the share.
     void Prepare(EncryptionPlaces& places, const std::string& password) {
         const bool hasSwitched =
             IsSwitched(m_job.move.step) || (m_job.move.step == MoveStep::kSwitch && places.HasSwitched());
@@ -171,9 +185,18 @@ private:
             m_job.move.step = MoveStep::kUndo;
             m_job.move.reason = MoveEnd::kCancelled;
         }
-        if (hasSwitched && m_job.kind == JobKind::kEncrypt && !password.empty() && !places.IsAtView() &&
+        const bool isShown =
+            m_job.move.step == MoveStep::kFollow || m_job.move.step == MoveStep::kRemoveSource;
+        if (isShown && m_job.kind == JobKind::kEncrypt && !password.empty() && !places.IsAtView() &&
             CipherOf(m_share).State() != CipherState::kUnlocked) {
             UnlockShare(m_share, password);
+        }
+    }
+
+    void SendAway() {
+        const std::string trouble = DisconnectFromSambaShare(m_share.name);
+        if (!trouble.empty()) {
+            LogLine("job " + std::to_string(m_job.id) + ": " + trouble);
         }
     }
 
@@ -255,9 +278,19 @@ CancelEnd CancelJob(long long id) {
     return CancelEnd::kDone;
 }
 
+void ForgetLostJobPasswords() {
+    WriteTransaction transaction(Database());  // a job's row and its password appear under it
+    for (const long long id : ListJobPasswords()) {
+        const auto job = FindJob(id);
+        if (!job || job->IsOver()) {
+            ForgetJobPassword(id);
+        }
+    }
+}
+
 std::string RunMoveJob(long long id, const std::function<bool()>& shouldStop) {
-    const auto job = FindJob(id);
-    if (!job || job->IsOver()) {
+    const auto job = Claim(id);
+    if (!job) {
         return "";
     }
     const auto share = FindShareByToken(job->shareToken);

@@ -25,8 +25,11 @@ enum class CancelEnd { kDone, kUnknown, kTooLate };
 // Asks a job to undo what it did; after its folder has taken the share's place it is too late.
 CancelEnd CancelJob(long long id);
 
-// Works on the job `id` until it is over, has to wait, or `shouldStop` says so; to be called by one process
-// at a time for one job. What is saved lets a later call go on wherever this process is killed. Returns what
+// Removes passwords that a killed process has left of jobs that are over, or were never made.
+void ForgetLostJobPasswords();
+
+// Works on the job `id` until it is over, has to wait, or `shouldStop` says so; does nothing when another
+// process works on it. What is saved lets a later call go on wherever this process is killed. Returns what
 // is worth a line of the log.
 std::string RunMoveJob(long long id, const std::function<bool()>& shouldStop);
 

@@ -154,4 +154,12 @@ std::string ExportSharesToSamba() {
     }
 }
 
+std::string DisconnectFromSambaShare(const std::string& name) {
+    if (KORV::GetConfiguration().sambaInclude.empty() || !IsSmbdRunning()) {
+        return "";
+    }
+    const ProgramEnd end = RunProgram(kSmbcontrol, {"smbd", "close-share", name}, kSmbcontrolDeadline);
+    return end.exitCode == 0 ? "" : "smbd was not told to close a share";
+}
+
 }  // namespace korv

@@ -11,4 +11,9 @@ namespace korv {
 // Blocks for about 50 ms, at worst for the deadlines of testparm (5 s) and smbcontrol (2 s).
 std::string ExportSharesToSamba();
 
+// Disconnects Samba's clients from the share `name` and closes what they have open there; they connect anew
+// by themselves. Does nothing without a running smbd. Returns what went wrong, for the log. Blocks for about
+// 20 ms, at worst for smbcontrol's deadline (2 s).
+std::string DisconnectFromSambaShare(const std::string& name);
+
 }  // namespace korv

@@ -11,7 +11,7 @@ namespace korv {
 
 namespace {
 
-constexpr int kSchemaVersion = 3;
+constexpr int kSchemaVersion = 4;
 
 // Version 2 keeps remote mounts.
 constexpr const char* kToVersion2 = R"sql(
@@ -83,6 +83,9 @@ create table job (
 create unique index job_under_way on job (share_token) where state in ('waiting', 'progressing');
 )sql";
 
+// Version 4 knows when a job has exchanged its folders.
+constexpr const char* kToVersion4 = "alter table job add column switched_s integer not null default 0;";
+
 int VersionOf(soci::session& session) {
     int version = 0;
     session << "pragma user_version", soci::into(version);
@@ -105,7 +108,8 @@ void Upgrade(soci::session& session, const Schema& schema, int version) {
 }  // namespace
 
 const Schema& CurrentSchema() {
-    static constexpr std::array<SchemaUpgrade, 2> kUpgrades{{{1, kToVersion2}, {2, kToVersion3}}};
+    static constexpr std::array<SchemaUpgrade, 3> kUpgrades{
+        {{1, kToVersion2}, {2, kToVersion3}, {3, kToVersion4}}};
     static const Schema schema{kSchemaVersion, kSchemaSql, kUpgrades};
     return schema;
 }

@@ -150,6 +150,7 @@ create table share_removal (
 --   error            why it failed or waits: ChangeEnd (share_change.h), 0 = for no reason
 --   step, reason     MoveStep and MoveEnd (share_move.h)
 --   changed_since_s  what changed in the folder since then was not looked at yet
+--   switched_s       not later than the moment at which the folder was exchanged
 --   runner_*         the process that works on it
 create table job (
     id               integer primary key autoincrement,
@@ -166,6 +167,7 @@ create table job (
     copied_bytes     integer not null default 0,
     verified_bytes   integer not null default 0,
     changed_since_s  integer not null default 0,
+    switched_s       integer not null default 0,
     next_try_s       integer not null default 0,
     created_s        integer not null,
     ended_s          integer not null default 0,

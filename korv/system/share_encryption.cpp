@@ -20,6 +20,7 @@
 
 #include "include/folder_stream.h"
 #include "korv/system/extended_attributes.h"
+#include "korv/system/open_files.h"
 #include "korv/system/share_folder.h"
 #include "korv/system/tree_remove.h"
 
@@ -132,6 +133,8 @@ void EncryptionPlaces::PrepareAside(bool isForFiles) {
 void EncryptionPlaces::Exchange() {
     const FileDescriptor volume = OpenVolume(m_volume);
     if (!HasSwitched()) {
+        // The names must not reach the disk before what they stand for.
+        Check(syncfs(volume.Get()) == 0, "cannot write to the disk");
         Check(renameat2(volume.Get(), m_name.c_str(), volume.Get(), m_aside.c_str(), RENAME_EXCHANGE) == 0,
               "cannot exchange two folders");
         Check(syncfs(volume.Get()) == 0, "cannot write to the disk");
@@ -140,6 +143,12 @@ void EncryptionPlaces::Exchange() {
     // Something mounted there says that this was done.
     Check(share || errno == EXDEV, "cannot open a folder");
     Check(!share || fremovexattr(share.Get(), kMoveMark) == 0 || errno == ENODATA, "cannot unmark a folder");
+}
+
+// A cipher's own file system has nothing to write: its files are the volume's.
+void EncryptionPlaces::Flush() {
+    Check(syncfs(OpenTarget().Get()) == 0 && syncfs(OpenVolume(m_volume).Get()) == 0,
+          "cannot write to the disk");
 }
 
 void EncryptionPlaces::ShowView(const std::string& from, const std::string& at) {
@@ -183,7 +192,7 @@ EncryptPlaces::EncryptPlaces(std::string volume, std::string name, const std::st
 FileDescriptor EncryptPlaces::OpenSource() { return OpenHidden(HasSwitched() ? m_aside : m_name); }
 
 FileDescriptor EncryptPlaces::OpenTarget() {
-    if (HasSwitched()) {
+    if (m_atShare.State() == CipherState::kUnlocked) {
         return OpenMounted(m_atShare);
     }
     MountView();
@@ -192,7 +201,7 @@ FileDescriptor EncryptPlaces::OpenTarget() {
 
 void EncryptPlaces::PrepareTarget() {
     PrepareAside(false);
-    if (m_atView.State() == CipherState::kAbsent) {
+    if (m_atView.State() == CipherState::kAbsent || !m_atView.IsComplete()) {
         RemoveHidden(m_cipher);  // half made
         const CipherEnd end = m_atView.Init(m_password);
         if (end != CipherEnd::kDone) {
@@ -218,8 +227,13 @@ void EncryptPlaces::MountView() {
     }
 }
 
-void EncryptPlaces::Switch() {
-    Exchange();
+void EncryptPlaces::Switch() { Exchange(); }
+
+// Not when it was unlocked by hand meanwhile: what people have made there since must stay.
+bool EncryptPlaces::HasToSettle() { return m_atShare.State() != CipherState::kUnlocked; }
+
+void EncryptPlaces::Show() {
+    Exchange();  // a crash may have left its last part undone
     if (m_atShare.State() == CipherState::kBroken) {
         m_atShare.Unmount(kBusyPatience, true);
     }
@@ -227,7 +241,12 @@ void EncryptPlaces::Switch() {
         ShowView(m_atView.MountPath(), SharePath());
     }
     HideView();
+    if (m_atShare.State() != CipherState::kUnlocked) {
+        FailLocked();
+    }
 }
+
+bool EncryptPlaces::IsSourceHeld() { return IsFolderHeld(m_volume, m_aside); }
 
 bool EncryptPlaces::RemoveSource() {
     RemoveHidden(m_view);
@@ -266,6 +285,11 @@ void DecryptPlaces::Detach() {
 }
 
 void DecryptPlaces::Switch() { Exchange(); }
+
+// Once the view is gone, those who held something of it have nothing left that could be carried over.
+bool DecryptPlaces::IsSourceHeld() {
+    return m_atView.State() == CipherState::kUnlocked && IsFolderHeld(m_volume, m_view);
+}
 
 bool DecryptPlaces::RemoveSource() {
     HideView();

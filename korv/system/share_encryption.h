@@ -23,6 +23,7 @@ public:
 
     std::uint64_t FreeBytes() override;
     bool HasSwitched() override;
+    void Flush() override;
     // True when the plain files are mounted at the hidden place.
     bool IsAtView() const { return m_atView.State() == CipherState::kUnlocked; }
 
@@ -49,7 +50,8 @@ protected:
     CipherFolder m_atView;
 };
 
-// Plain to encrypted. Files that are open at the switch are carried over when they are closed.
+// Plain to encrypted. The share is out of reach for the short time of settling; files that are open at the
+// switch are carried over when they are closed.
 class EncryptPlaces : public EncryptionPlaces {
 public:
     // `password` may be empty for a move that goes on: it ends with kLocked if it turns out to be needed.
@@ -60,6 +62,9 @@ public:
     void PrepareTarget() override;
     void Detach() override {}
     void Switch() override;
+    bool HasToSettle() override;
+    void Show() override;
+    bool IsSourceHeld() override;
     bool RemoveSource() override;
     bool RemoveTarget() override;
 
@@ -80,6 +85,9 @@ public:
     void PrepareTarget() override;
     void Detach() override;
     void Switch() override;
+    bool HasToSettle() override { return false; }
+    void Show() override {}
+    bool IsSourceHeld() override;
     bool RemoveSource() override;
     bool RemoveTarget() override;
 };

@@ -20,7 +20,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kMostCatchUps = 5;
 constexpr std::uint64_t kSmallCatchUp_bytes = std::uint64_t{64} << 20;
-constexpr std::chrono::milliseconds kFollowPause(500);
+constexpr std::chrono::milliseconds kShortestFollowPause(500);
+constexpr std::chrono::milliseconds kLongestFollowPause(30'000);
+constexpr int kFollowPasses = 5;  // a pass every so many times of its length
 constexpr std::int64_t kClockSlack_s = 2;
 // What encryption adds: 32 bytes to each 4 KiB, and up to two blocks to each entry.
 constexpr std::uint64_t kContentPerExtra = 100;
@@ -48,6 +50,11 @@ MoveFailure Explain(const CopyError& error) {
 bool IsOver(MoveStep step) { return step == MoveStep::kDone || step == MoveStep::kUndone; }
 
 bool CanBeUndone(MoveStep step) { return step < MoveStep::kFollow; }
+
+void WaitAfter(Clock::duration pass) {
+    std::this_thread::sleep_for(
+        std::clamp<Clock::duration>(pass * kFollowPasses, kShortestFollowPause, kLongestFollowPause));
+}
 
 class Mover {
 public:
@@ -113,6 +120,8 @@ private:
                 return CatchUp();
             case MoveStep::kSwitch:
                 return Switch();
+            case MoveStep::kSettle:
+                return Settle();
             case MoveStep::kFollow:
                 return Follow();
             case MoveStep::kRemoveSource:
@@ -138,7 +147,7 @@ private:
     void Copy() {
         m_state.copied_bytes = 0;
         Sync(SyncMode::kCopy, Observe(&m_state.copied_bytes));
-        Flush();
+        m_places.Flush();
         GoTo(MoveStep::kVerify);
     }
 
@@ -156,7 +165,7 @@ private:
         do {
             copied_bytes = CatchUpOnce();
         } while (copied_bytes > kSmallCatchUp_bytes && ++passes < kMostCatchUps);
-        Flush();
+        m_places.Flush();
         GoTo(MoveStep::kSwitch);
     }
 
@@ -170,26 +179,53 @@ private:
 
     void Switch() {
         if (!m_places.HasSwitched()) {
+            SendAway();
             m_places.Detach();
             CatchUpOnce();
-            Flush();
+            m_places.Flush();
+            m_state.switched_s = time(nullptr);
+            Save();
         }
         m_places.Switch();
+        SendAway();
+        GoTo(MoveStep::kSettle);
+    }
+
+    // People worked on during the last pass, and could rename behind its back.
+    void Settle() {
+        if (m_places.HasToSettle()) {
+            m_state.switched_s = time(nullptr);
+            Sync(SyncMode::kSettle, Observe(nullptr));
+            m_places.Flush();
+        }
         GoTo(MoveStep::kFollow);
     }
 
     void Follow() {
         const Clock::time_point end = Clock::now() + m_limits.followPatience;
-        m_places.Switch();  // a crash may have left its last part undone
-        while (Sync(SyncMode::kFollow, Observe(nullptr)).beingWritten > 0) {
+        m_places.Show();
+        SendAway();
+        while (true) {
+            const Clock::time_point start = Clock::now();
+            const bool isHeld =
+                m_places.IsSourceHeld();  // before the pass, which sees what was made till then
+            if (Sync(SyncMode::kFollow, Observe(nullptr)).beingWritten == 0 && !isHeld) {
+                break;
+            }
             if (Clock::now() >= end) {
-                throw MoveFailure{MoveEnd::kSourceBusy, "files of the old folder are still being written"};
+                throw MoveFailure{MoveEnd::kSourceBusy, "the old folder is still in use"};
             }
             Observe(nullptr)(0);
-            std::this_thread::sleep_for(kFollowPause);
+            WaitAfter(Clock::now() - start);
         }
-        Flush();
+        m_places.Flush();
         GoTo(MoveStep::kRemoveSource);
+    }
+
+    void SendAway() {
+        if (m_observer.sendAway) {
+            m_observer.sendAway();
+        }
     }
 
     void RemoveOld(bool isGone, MoveStep next) {
@@ -202,13 +238,10 @@ private:
     SyncCounts Sync(SyncMode mode, const CopyObserver& observe) {
         const FileDescriptor source = m_places.OpenSource();
         const FileDescriptor target = m_places.OpenTarget();
-        return SyncTree(source.Get(), target.Get(), mode, m_state.changedSince_s, observe);
-    }
-
-    void Flush() {
-        if (syncfs(m_places.OpenTarget().Get()) != 0) {
-            throw CopyError{CopyError::Where::kTarget, errno, "write to the disk"};
-        }
+        // What changed after the clock was set back has an earlier time.
+        const std::int64_t now_s = time(nullptr);
+        const SyncTimes times{std::min(m_state.changedSince_s, now_s), std::min(m_state.switched_s, now_s)};
+        return SyncTree(source.Get(), target.Get(), mode, times, observe);
     }
 
     // Adds to `progress`, asks for wishes and saves now and then.
@@ -260,6 +293,10 @@ private:
 
 }  // namespace
 
+bool IsSwitched(MoveStep step) {
+    return step == MoveStep::kSettle || (step >= MoveStep::kFollow && step <= MoveStep::kDone);
+}
+
 int MoveState::Percent() const {
     constexpr std::uint64_t kAll = 100;
     constexpr std::uint64_t kNearly = 99;
@@ -269,7 +306,7 @@ int MoveState::Percent() const {
     // Sources grow while they are copied.
     const std::uint64_t done_bytes =
         std::min(copied_bytes, total_bytes) + std::min(verified_bytes, total_bytes);
-    if (step > MoveStep::kVerify && step < MoveStep::kUndo) {
+    if (step > MoveStep::kVerify && step != MoveStep::kUndo) {
         return static_cast<int>(kNearly);
     }
     return total_bytes == 0 ? 0

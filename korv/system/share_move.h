@@ -26,7 +26,11 @@ enum class MoveStep {
     kDone = 8,
     kUndo = 9,  // the target is being removed, for `reason`
     kUndone = 10,
+    kSettle = 11,  // between kSwitch and kFollow: nobody is at the source nor at the target
 };
+
+// From the switch on there is no way back.
+bool IsSwitched(MoveStep step);
 
 enum class MoveEnd {
     kDone = 0,
@@ -49,6 +53,7 @@ struct MoveState {
     std::uint64_t copied_bytes = 0;
     std::uint64_t verified_bytes = 0;
     std::int64_t changedSince_s = 0;  // what changed since then was not looked at yet
+    std::int64_t switched_s = 0;      // not later than the switch
 
     // 0 to 99 while it goes on, 100 when it is over.
     int Percent() const;
@@ -81,6 +86,15 @@ public:
     // Puts the target in the source's place.
     virtual void Switch() = 0;
     virtual bool HasSwitched() = 0;
+    // After the switch: whether people could change the source up to it, and don't use the target yet.
+    virtual bool HasToSettle() = 0;
+    // Lets people at the target.
+    virtual void Show() = 0;
+    // After the switch: whether somebody can still make files in the source without its name: in a folder of
+    // it that he works in, keeps open or has mounted elsewhere.
+    virtual bool IsSourceHeld() = 0;
+    // Brings what the target holds to the disk.
+    virtual void Flush() = 0;
     // After the switch. True when nothing of it is left.
     virtual bool RemoveSource() = 0;
     // Before the switch: lets people at the source again and removes all that the move has made.
@@ -94,11 +108,14 @@ struct MoveObserver {
     // Asked some times a second; may be empty. A wish to cancel after the switch comes too late and is
     // ignored.
     std::function<MoveWish()> wish;
+    // Disconnects those who use the share over the network; they connect anew by themselves. Called before
+    // the switch, and again when people may find what is at its place then; may be empty.
+    std::function<void()> sendAway;
 };
 
 struct MoveLimits {
     std::chrono::milliseconds saveInterval{1000};
-    // How long kFollow waits for files of the source that are open for writing.
+    // How long kFollow waits for those who still hold something of the source.
     std::chrono::milliseconds followPatience{std::chrono::minutes(10)};
     std::uint64_t spare_bytes = std::uint64_t{64} << 20;  // to be left free
 };

@@ -22,6 +22,8 @@ using Where = CopyError::Where;
 
 constexpr mode_t kPrivateFolder = S_IRWXU;
 constexpr mode_t kPrivateFile = S_IRUSR | S_IWUSR;
+// Where kFollow makes what it carries over, in the target's own folder.
+constexpr const char* kCarried = ".korv-carried";
 constexpr mode_t kPlainModes = S_IRWXU | S_IRWXG | S_IRWXO;
 
 [[noreturn]] void Fail(Where where, int error, const char* action) { throw CopyError{where, error, action}; }
@@ -88,24 +90,27 @@ bool IsBeingWritten(int file) {
 // One pass. Source and target are walked in step.
 class Pass {
 public:
-    Pass(int source, int target, SyncMode mode, std::int64_t changedSince_s, const CopyObserver& observer)
+    Pass(int source, int target, SyncMode mode, const SyncTimes& times, const CopyObserver& observer)
         : m_source(FileDescriptor(fcntl(source, F_DUPFD_CLOEXEC, 0))),
           m_target(FileDescriptor(fcntl(target, F_DUPFD_CLOEXEC, 0))),
           m_targetRoot(target),
           m_mode(mode),
-          m_changedSince_s(changedSince_s),
+          m_times(times),
           m_observer(observer),
-          m_streams(1) {}
+          m_levels(1) {}
 
     SyncCounts Run() {
+        if (m_mode == SyncMode::kFollow) {
+            RemoveInterrupted();
+        }
         while (true) {
             FolderEntry entry;
-            if (m_streams.back().Next(m_source.Current(), entry)) {
+            if (m_levels.back().stream.Next(m_source.Current(), entry)) {
                 m_observer(0);
                 Visit(std::string(entry.name));
                 continue;
             }
-            const int error = m_streams.back().Error();
+            const int error = m_levels.back().stream.Error();
             if (error != 0 && error != ENOENT) {
                 Fail(Where::kSource, error, "list a folder");
             }
@@ -115,11 +120,18 @@ public:
             }
             Leave(m_source, Where::kSource);
             Leave(m_target, Where::kTarget);
-            m_streams.pop_back();
+            m_levels.pop_back();
         }
     }
 
 private:
+    struct Level {
+        FolderStream stream;  // of the source
+        // kSettle, kFollow: the folder, or one above it, may not be the one that an earlier pass saw here.
+        // The tree's own folder is: its rename is the switch.
+        bool isSuspect = false;
+    };
+
     struct FirstName {
         std::string path;
         nlink_t left = 0;  // names still to come
@@ -136,9 +148,18 @@ private:
         if (!StatEntry(m_source.Current(), name.c_str(), status, Where::kSource)) {
             return;
         }
+        if (IsAsSeen(status) && !S_ISDIR(status.st_mode)) {
+            return;
+        }
         struct stat copy {};
         bool isThere = StatEntry(m_target.Current(), name.c_str(), copy, Where::kTarget);
-        if (isThere && (status.st_mode & S_IFMT) != (copy.st_mode & S_IFMT) && m_mode != SyncMode::kFollow) {
+        if (isThere && (status.st_mode & S_IFMT) != (copy.st_mode & S_IFMT)) {
+            if (m_mode == SyncMode::kFollow && !IsTouched(status)) {
+                return;  // people have replaced it
+            }
+            if (m_mode == SyncMode::kFollow) {
+                Fail(Where::kTarget, EEXIST, "carry over an entry");
+            }
             Remove(name);
             isThere = false;
         }
@@ -151,19 +172,34 @@ private:
         }
     }
 
-    bool IsTouched(const struct stat& status) const { return status.st_ctim.tv_sec >= m_changedSince_s; }
+    bool IsTouched(const struct stat& status) const {
+        return status.st_ctim.tv_sec >= m_times.changedSince_s;
+    }
+
+    // kSettle: an entry of a folder that the pass before saw as it is, and that nobody touched since.
+    bool IsAsSeen(const struct stat& status) const {
+        const bool isInTopFolder = m_levels.size() == 1;
+        return m_mode == SyncMode::kSettle && !m_levels.back().isSuspect && !isInTopFolder &&
+               !IsTouched(status);
+    }
+
+    bool IsSuspect(const struct stat& folder) const {
+        const std::int64_t since_s =
+            m_mode == SyncMode::kFollow ? m_times.switched_s : m_times.changedSince_s;
+        return m_levels.back().isSuspect || folder.st_ctim.tv_sec >= since_s;
+    }
 
     void VisitFolder(const std::string& name, const struct stat& status, bool isThere) {
+        const bool isSuspect = IsSuspect(status);
         if (!isThere) {
-            if (m_mode == SyncMode::kFollow && !IsTouched(status)) {
+            if (m_mode == SyncMode::kFollow && !isSuspect) {
                 return;  // removed where people are now
             }
-            Check(mkdirat(m_target.Current(), name.c_str(), kPrivateFolder) == 0, Where::kTarget,
-                  "make a folder");
-            ++m_counts.copiedEntries;
+            MakeFolder(name, status);
         }
         if (const int error = m_source.Enter(name.c_str())) {
-            if (error != ENOENT) {
+            // Replaced or moved away meanwhile: the next pass sees what is there then.
+            if (error != ENOENT && error != ENOTDIR && error != ELOOP && error != ESTALE) {
                 Fail(Where::kSource, error, "enter a folder");
             }
             return;
@@ -171,11 +207,46 @@ private:
         if (const int error = m_target.Enter(name.c_str())) {
             Fail(Where::kTarget, error, "enter a folder");
         }
-        m_isNewFolder.resize(m_streams.size() + 1);
-        m_isNewFolder[m_streams.size()] = !isThere;
-        m_streams.emplace_back();
-        if (m_streams.size() > FolderStack::kOpenLevels) {
-            m_streams[m_streams.size() - FolderStack::kOpenLevels - 1].Suspend();
+        m_levels.emplace_back();
+        m_levels.back().isSuspect = isSuspect;
+        if (m_levels.size() > FolderStack::kOpenLevels) {
+            m_levels[m_levels.size() - FolderStack::kOpenLevels - 1].stream.Suspend();
+        }
+    }
+
+    void MakeFolder(const std::string& name, const struct stat& status) {
+        const EntryRef made = Making(name);
+        Check(mkdirat(made.folder, made.name, kPrivateFolder) == 0, Where::kTarget, "make a folder");
+        if (m_mode == SyncMode::kFollow) {
+            const FileDescriptor source(
+                OpenBeneath(m_source.Current(), name.c_str(), O_RDONLY | O_DIRECTORY));
+            const FileDescriptor target(OpenBeneath(made.folder, made.name, O_RDONLY | O_DIRECTORY));
+            Check(static_cast<bool>(source), Where::kSource, "open a folder");
+            Check(static_cast<bool>(target), Where::kTarget, "open a folder");
+            CopyAttributes(source.Get(), status, target.Get());
+        }
+        Show(name);
+        ++m_counts.copiedEntries;
+    }
+
+    // Where an entry named `name` is made: where people use the target, out of their sight until it is done.
+    EntryRef Making(const std::string& name) const {
+        return m_mode == SyncMode::kFollow ? EntryRef{m_targetRoot, kCarried}
+                                           : EntryRef{m_target.Current(), name.c_str()};
+    }
+
+    // Gives what was made its name, and its place where there is something already.
+    void Show(const std::string& name) {
+        Check(m_mode != SyncMode::kFollow ||
+                  renameat(m_targetRoot, kCarried, m_target.Current(), name.c_str()) == 0,
+              Where::kTarget, "name what was carried over");
+    }
+
+    void RemoveInterrupted() {
+        const TreeRemoval removal = RemoveTree(m_targetRoot, kCarried);
+        if (!removal.isGone) {
+            Fail(Where::kTarget, removal.problems.empty() ? EIO : removal.problems.front().error,
+                 "remove what was carried over half");
         }
     }
 
@@ -210,17 +281,34 @@ private:
         if (S_ISREG(status.st_mode)) {
             VisitRegular(name, status, copy);
         } else if (copy == nullptr || !IsSameSpecial(name, status, *copy)) {
-            if (m_mode != SyncMode::kFollow || (IsTouched(status) && copy == nullptr)) {
+            if (m_mode != SyncMode::kFollow || (IsToCarry(status) && copy == nullptr)) {
                 CopySpecial(name, status, copy);
             }
         }
     }
 
+    bool IsToCarry(const struct stat& status) const { return m_levels.back().isSuspect || IsTouched(status); }
+
+    // A file that somebody holds a write lease on can only be waited for.
+    FileDescriptor OpenSource(const std::string& name) const {
+        FileDescriptor file(OpenBeneath(m_source.Current(), name.c_str(), O_RDONLY | O_NOATIME | O_NONBLOCK));
+        if (!file && errno == EAGAIN) {
+            struct stat status {};
+            if (StatEntry(m_source.Current(), name.c_str(), status, Where::kSource) &&
+                S_ISREG(status.st_mode)) {
+                file = FileDescriptor(OpenBeneath(m_source.Current(), name.c_str(), O_RDONLY | O_NOATIME));
+            }
+        }
+        return file;
+    }
+
     void VisitRegular(const std::string& name, const struct stat& status, const struct stat* copy) {
-        const FileDescriptor source(
-            OpenBeneath(m_source.Current(), name.c_str(), O_RDONLY | O_NOATIME | O_NONBLOCK));
+        if (m_mode == SyncMode::kSettle && IsTouched(status) && (copy == nullptr || IsNewer(status, *copy))) {
+            return;  // kFollow's
+        }
+        const FileDescriptor source = OpenSource(name);
         if (!source) {
-            Check(errno == ENOENT, Where::kSource, "open a file");
+            Check(errno == ENOENT || errno == ELOOP, Where::kSource, "open a file");
             return;
         }
         if (m_mode == SyncMode::kFollow && IsBeingWritten(source.Get())) {
@@ -229,7 +317,7 @@ private:
         if (copy != nullptr && IsAsItMustBe(name, source.Get(), status, *copy)) {
             return;
         }
-        if (m_mode == SyncMode::kFollow && copy == nullptr && !IsTouched(status)) {
+        if (m_mode == SyncMode::kFollow && copy == nullptr && !IsToCarry(status)) {
             return;
         }
         CopyRegular(name, source.Get(), copy);
@@ -248,9 +336,10 @@ private:
                 m_observer(looksTheSame ? ContentBytes(status) : 0);
                 return looksTheSame;
             case SyncMode::kCatchUp:
+            case SyncMode::kSettle:
                 return looksTheSame && !IsTouched(status);
             case SyncMode::kFollow:
-                return !IsTouched(status) || !IsNewer(status, copy);
+                return !IsToCarry(status) || !IsNewer(status, copy);
             case SyncMode::kVerify:
                 break;
         }
@@ -284,8 +373,11 @@ private:
     void CopyRegular(const std::string& name, int source, const struct stat* copy) {
         struct stat before {};
         Check(fstat(source, &before) == 0, Where::kSource, "look at a file");
-        RemoveCopy(name, copy);
-        const FileDescriptor target(openat(m_target.Current(), name.c_str(),
+        if (m_mode != SyncMode::kFollow) {
+            RemoveCopy(name, copy);
+        }
+        const EntryRef made = Making(name);
+        const FileDescriptor target(openat(made.folder, made.name,
                                            O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                                            before.st_mode & kPlainModes));
         Check(static_cast<bool>(target), Where::kTarget, "make a file");
@@ -294,6 +386,9 @@ private:
             m_observer(bytes);
         });
         CopyAttributes(source, before, target.Get());
+        // Its time says that it is whole: that must not reach the disk before its content.
+        Check(m_mode != SyncMode::kFollow || fsync(target.Get()) == 0, Where::kTarget, "write to the disk");
+        Show(name);
         ++m_counts.copiedEntries;
     }
 
@@ -309,7 +404,7 @@ private:
     void CopySpecial(const std::string& name, const struct stat& status, const struct stat* copy) {
         RemoveCopy(name, copy);
         const EntryRef source{m_source.Current(), name.c_str()};
-        const EntryRef target{m_target.Current(), name.c_str()};
+        const EntryRef target = Making(name);
         if (S_ISLNK(status.st_mode)) {
             Check(symlinkat(ReadLink(source, Where::kSource).c_str(), target.folder, target.name) == 0,
                   Where::kTarget, "make a link");
@@ -319,6 +414,7 @@ private:
                   Where::kTarget, "make a special file");
         }
         CopyAttributes(source, status, target);
+        Show(name);
         ++m_counts.copiedEntries;
     }
 
@@ -340,11 +436,12 @@ private:
 
     // The source's list has come to its end.
     void FinishFolder() {
-        if (m_mode != SyncMode::kFollow) {
-            RemoveVanished();
-        } else if (m_streams.size() == 1 || !m_isNewFolder[m_streams.size() - 1]) {
+        const bool isAsSeen =
+            m_mode == SyncMode::kSettle && m_levels.size() > 1 && !m_levels.back().isSuspect;
+        if (m_mode == SyncMode::kFollow || isAsSeen) {
             return;
         }
+        RemoveVanished();
         struct stat status {};
         struct stat copy {};
         Check(fstat(m_source.Current(), &status) == 0, Where::kSource, "look at a folder");
@@ -371,19 +468,18 @@ private:
     FolderStack m_target;
     int m_targetRoot;
     SyncMode m_mode;
-    std::int64_t m_changedSince_s;
+    const SyncTimes m_times;
     const CopyObserver& m_observer;
-    std::vector<FolderStream> m_streams;  // of the source, one a level
-    std::vector<bool> m_isNewFolder;      // kFollow: by level
+    std::vector<Level> m_levels;
     std::map<std::pair<dev_t, ino_t>, FirstName> m_firstNames;
     SyncCounts m_counts;
 };
 
 }  // namespace
 
-SyncCounts SyncTree(int source, int target, SyncMode mode, std::int64_t changedSince_s,
+SyncCounts SyncTree(int source, int target, SyncMode mode, const SyncTimes& times,
                     const CopyObserver& observer) {
-    return Pass(source, target, mode, changedSince_s, observer).Run();
+    return Pass(source, target, mode, times, observer).Run();
 }
 
 }  // namespace korv

@@ -16,9 +16,22 @@ enum class SyncMode {
     kVerify,
     // As kCopy, and the source not touched since the time given.
     kCatchUp,
-    // For a source that people have already been moved away from: only what was made or written in it since
-    // the time given and is newer than its copy. Removes nothing and leaves folders' attributes alone.
+    // After a pass of kCatchUp that began at the time given, when nobody finds source or target by their
+    // names
+    // any more: what that pass could miss, which are renames and removals behind its back. Looks into the
+    // target only where the source was touched, and leaves to kFollow the files that it carries over.
+    kSettle,
+    // For a source that people have already been moved away from, and a target that they use: files made or
+    // written since the time given and newer than their copies, and all of a folder that was made or moved
+    // after the switch. Each appears at once and as a whole. Removes nothing and leaves folders' attributes
+    // alone.
     kFollow,
+};
+
+// Unix seconds.
+struct SyncTimes {
+    std::int64_t changedSince_s = 0;  // kCatchUp, kSettle, kFollow: what changed earlier was seen
+    std::int64_t switched_s = 0;      // kFollow: not later than the moment at which people were moved away
 };
 
 struct SyncCounts {
@@ -34,12 +47,10 @@ struct SyncCounts {
 // tree. What `target` has more goes. Subvolumes become folders. Both may change meanwhile: what vanishes is
 // skipped, a file that is written to during its copy gets an older time than its source, so that the next
 // pass copies it again.
-//   changedSince_s  unix seconds; for kCatchUp and kFollow
-//   observer        gets the bytes of the source's content that are dealt with, and 0 at every entry; may
-//   throw
+//   observer  gets the bytes of the source's content that are dealt with, and 0 at every entry; may throw
 // Bounded memory but for hard links, of which each file with names still to come costs its path. Needs root;
 // both descriptors are taken as they are and stay open. Throws CopyError; a mount inside the source is EXDEV.
-SyncCounts SyncTree(int source, int target, SyncMode mode, std::int64_t changedSince_s,
+SyncCounts SyncTree(int source, int target, SyncMode mode, const SyncTimes& times,
                     const CopyObserver& observer);
 
 // What a tree will need.

@@ -15,8 +15,9 @@ _NEEDS_KEY = 3328
 _ALLOWED = ("RecShare of RV 0 is empty|job [0-9]+( failed)?: .*(held|No space|needs [0-9]+ bytes|I/O error)|locked|"
             "could not be|No space left")
 _AFTER_A_RESTART = "korvd (serves|ends)|connect\\(\\) to unix"
-# Steps of a move, as the job's row names them; the share is what it was to become from the last one on.
-_PREPARE, _COPY, _VERIFY, _CATCH_UP, _SWITCH, _FOLLOW, _REMOVE_SOURCE = range(1, 8)
+# Steps of a move, as the job's row names them, in their order; the folders are exchanged before _SETTLE.
+_PREPARE, _COPY, _VERIFY, _CATCH_UP, _SWITCH, _SETTLE, _FOLLOW, _REMOVE_SOURCE, _DONE = _STEPS = (1, 2, 3, 4, 5, 11, 6,
+                                                                                                   7, 8)
 
 
 @pytest.fixture(autouse=True)
@@ -112,11 +113,14 @@ def execute(node, statement):
 def held_before(node, step):
     """No move gets to `step` or beyond for as long: what would save that fails. Gives a wait for one."""
     begin = len(node.read("log/korvd.log"))
+    position = _STEPS.index(step)
+    before = _STEPS[position - 1] if position else 0
+
     def has_tried(job):
         return "held" in node.read("log/korvd.log")[begin:] and \
-            rows(node, "korv.db", f"select step from job where id = {job}") == [(step - 1,)]
+            rows(node, "korv.db", f"select step from job where id = {job}") == [(before,)]
 
-    execute(node, f"create trigger held before update on job when new.step between {step} and 8 "
+    execute(node, f"create trigger held before update on job when new.step in {_STEPS[position:]} "
             "begin select raise(abort, 'held'); end")
     try:
         yield lambda job: wait_until(lambda: has_tried(job), f"the move is before step {step}")
@@ -137,8 +141,14 @@ def test_a_disk_that_gets_full_at_any_step_costs_no_file(node, admin, encrypted)
         assert (done["state"], done["error"]) == ("failed", _NO_SPACE), step
         share.expect_as_before()
         share.make_room()
-    with held_before(node, _FOLLOW) as wait:  # nothing is left to be written from here on
+    with held_before(node, _SETTLE) as wait:  # nothing is left to be written from here on
         job = share.start()
+        wait(job)
+        share.fill_up()
+    share.expect_moved(job)
+    share.make_room()
+    with held_before(node, _FOLLOW) as wait:
+        job = share.start_by_service()
         wait(job)
         share.fill_up()
     share.expect_moved(job)

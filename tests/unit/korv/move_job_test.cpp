@@ -1,11 +1,14 @@
 #include "korv/system/move_job.h"
 
+#include <unistd.h>
+
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include "korv/system/database.h"
 #include "korv/system/encrypted_share.h"
@@ -62,6 +65,52 @@ protected:
         return fs::exists(ciphers) ? machine::Entries(ciphers).size() : 0;
     }
 };
+
+TEST_F(MoveJobTest, IsDoneByOneProcessOnly) {
+    const korv::ShareRow share = Make("rec");
+    const long long id = Start(share);
+    const pid_t other = fork();
+    if (other == 0) {
+        pause();
+        _exit(0);
+    }
+    auto job = korv::FindJob(id);
+    job->state = JobState::kProgressing;
+    job->runner = korv::ThisProcess();
+    job->runner.pid = other;
+    std::ifstream stat("/proc/" + std::to_string(other) + "/stat");
+    for (int field = 1; field < 22; ++field) {  // its start is the 22nd
+        std::string skipped;
+        stat >> skipped;
+    }
+    stat >> job->runner.start;
+    ASSERT_TRUE(korv::IsRunning(job->runner));
+    {
+        korv::WriteTransaction transaction(korv::Database());
+        korv::SaveJob(*job);
+        transaction.Commit();
+    }
+    EXPECT_EQ(korv::RunMoveJob(id, GoOn), "");
+    EXPECT_EQ(korv::FindJob(id)->runner.pid, other);
+    EXPECT_EQ(korv::FindJob(id)->move.step, korv::MoveStep::kMeasure);
+    kill(other, SIGKILL);
+    ASSERT_EQ(waitpid(other, nullptr, 0), other);
+    EXPECT_EQ(korv::RunMoveJob(id, GoOn), "");
+    ExpectOver(id, JobState::kFinished);
+}
+
+TEST_F(MoveJobTest, ForgetsThePasswordsThatKilledProcessesLeft) {
+    const korv::ShareRow share = Make("rec");
+    const long long underWay = Start(share);
+    korv::KeepJobPassword(underWay + 5, "of a job that was never made");
+    korv::ForgetLostJobPasswords();
+    EXPECT_TRUE(fs::exists(PasswordFile(underWay)));
+    EXPECT_FALSE(fs::exists(PasswordFile(underWay + 5)));
+    EXPECT_EQ(korv::RunMoveJob(underWay, GoOn), "");
+    korv::KeepJobPassword(underWay, "of a job that is over");
+    korv::ForgetLostJobPasswords();
+    EXPECT_FALSE(fs::exists(PasswordFile(underWay)));
+}
 
 TEST_F(MoveJobTest, EncryptsAndDecryptsAgain) {
     const korv::ShareRow share = Make("rec");

@@ -35,6 +35,7 @@ using korv::MoveWish;
 constexpr const char* kPassword = "a secret";
 constexpr const char* kToken = "token";
 constexpr std::chrono::milliseconds kPatience(200);
+constexpr int kSteps = 9;  // of a move that ends well
 
 korv::MoveLimits Limits() {
     korv::MoveLimits limits;
@@ -95,7 +96,7 @@ protected:
                                                   saved(state);
                                               }
                                           },
-                                          wish};
+                                          wish, m_sendAway};
         if (GetParam() == Direction::kToCipher) {
             korv::EncryptPlaces places(m_volume, "rec", kToken, password);
             return korv::RunMove(places, m_journal->state, observer, Limits());
@@ -130,6 +131,7 @@ protected:
     CipherFolder m_cipher{CipherFolder::PathFor(m_volume, kToken), m_share};
     manifest::Manifest m_before;
     Journal* m_journal = nullptr;
+    std::function<void()> m_sendAway;
 };
 
 TEST_P(ShareMove, KeepsEverything) {
@@ -193,7 +195,7 @@ TEST_P(ShareMove, LosesNothingWhenItIsKilledAtAnySavedState) {
         }
         ++killed;
     }
-    EXPECT_EQ(killed, static_cast<int>(MoveStep::kDone));
+    EXPECT_EQ(killed, kSteps);
     ExpectMoved();
 }
 
@@ -249,7 +251,7 @@ TEST_P(ShareMove, RefusesToBeginWithoutSpace) {
     MakeShare(5);
     auto limits = Limits();
     limits.spare_bytes = std::uint64_t{1} << 60;
-    const korv::MoveObserver observer{[this](const MoveState& state) { m_journal->state = state; }, {}};
+    const korv::MoveObserver observer{[this](const MoveState& state) { m_journal->state = state; }, {}, {}};
     korv::EncryptPlaces encrypt(m_volume, "rec", kToken, kPassword);
     korv::DecryptPlaces decrypt(m_volume, "rec", kToken);
     korv::MovePlaces& places =
@@ -317,7 +319,7 @@ TEST_P(ShareMove, AStateThatCannotBeSavedStopsItAndItGoesOn) {
             ++failures;
         }
     }
-    EXPECT_EQ(failures, static_cast<int>(MoveStep::kDone));
+    EXPECT_EQ(failures, kSteps);
     ExpectMoved();
 }
 
@@ -344,7 +346,36 @@ INSTANTIATE_TEST_SUITE_P(To, ShareMove, testing::Values(Direction::kToCipher, Di
                              return direction.param == Direction::kToCipher ? "Cipher" : "Plain";
                          });
 
-class Encryption : public ShareMove {};
+// Does something when the last pass is over, just before the folders are exchanged.
+class HurriedPlaces : public korv::EncryptPlaces {
+public:
+    HurriedPlaces(const std::string& volume, std::function<void()> work)
+        : EncryptPlaces(volume, "rec", kToken, kPassword), m_work(std::move(work)) {}
+    void Switch() override {
+        if (!HasSwitched()) {
+            m_work();
+        }
+        EncryptPlaces::Switch();
+    }
+
+private:
+    std::function<void()> m_work;
+};
+
+class Encryption : public ShareMove {
+protected:
+    korv::MoveResult RunHurried(const std::function<void()>& work) {
+        HurriedPlaces places(m_volume, work);
+        const korv::MoveObserver observer{
+            [this](const MoveState& state) { m_journal->state = state; }, {}, {}};
+        return korv::RunMove(places, m_journal->state, observer, Limits());
+    }
+
+    static std::string Text(const std::string& path) {
+        std::ifstream file(path);
+        return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    }
+};
 class Decryption : public ShareMove {};
 
 TEST_P(Encryption, CarriesOverWhatAFileThatStaysOpenGets) {
@@ -352,14 +383,15 @@ TEST_P(Encryption, CarriesOverWhatAFileThatStaysOpenGets) {
     usleep(2'100'000);  // what was written in the second before the last pass counts as written later
     std::ofstream film(m_share + "/cam0/film");
     film << "before, " << std::flush;
-    bool hasSwitched = false;
-    const auto result = Run([&](const MoveState& state) {
-        if (state.step == MoveStep::kFollow && !hasSwitched) {
-            hasSwitched = true;
+    usleep(1'100'000);  // a folder in which something is made in the second of the switch may be another one
+    int shown = 0;
+    m_sendAway = [&] {
+        if (m_journal->state.step == MoveStep::kFollow && ++shown == 1) {
             film << "after" << std::flush;
-            fs::remove(m_share + "/cam0/second");
+            EXPECT_TRUE(fs::remove(m_share + "/cam0/second"));
         }
-    });
+    };
+    const auto result = Run();
     EXPECT_EQ(result.end, MoveEnd::kSourceBusy);
     film << "wards" << std::flush;
     film.close();
@@ -368,6 +400,138 @@ TEST_P(Encryption, CarriesOverWhatAFileThatStaysOpenGets) {
     const std::string text((std::istreambuf_iterator<char>(copy)), std::istreambuf_iterator<char>());
     EXPECT_EQ(text, "before, afterwards");
     EXPECT_FALSE(fs::exists(m_share + "/cam0/second"));
+}
+
+// What is renamed keeps its old times.
+TEST_P(Encryption, LosesNothingThatIsRenamedBehindTheLastPass) {
+    MakeShare(30);
+    fs::create_directories(m_volume + "/elsewhere/deep/er");
+    std::ofstream(m_volume + "/elsewhere/deep/er/film") << "film";
+    std::ofstream(m_share + "/cam0/kept") << "newer";
+    std::ofstream(m_share + "/cam0/older") << "older";
+    const timespec old[2] = {{1'600'000'000, 0}, {1'600'000'000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, (m_share + "/cam0/older").c_str(), old, 0), 0);
+    usleep(3'100'000);  // so that only the renames touch anything after the last pass's time
+    const auto result = RunHurried([&] {
+        usleep(3'100'000);
+        fs::rename(m_share + "/cam1", m_share + "/aaa");
+        fs::rename(m_share + "/cam2", m_share + "/zzz");
+        fs::create_directory(m_share + "/cam2");
+        fs::rename(m_volume + "/elsewhere", m_share + "/cam2/moved");
+        fs::rename(m_share + "/cam0/older", m_share + "/cam0/kept");
+        fs::remove(m_share + "/special/first");
+        m_before = manifest::Of(m_share);
+    });
+    EXPECT_EQ(result.end, MoveEnd::kDone) << result.reason;
+    EXPECT_EQ(Text(m_share + "/cam2/moved/deep/er/film"), "film");
+    EXPECT_EQ(Text(m_share + "/cam0/kept"), "older");
+    ExpectMoved();
+}
+
+TEST_P(Encryption, CopiesAnewWhatItWasCarryingOverWhenItWasStopped) {
+    MakeShare(5);
+    const std::string film(std::size_t{32} << 20, 'f');
+    const auto stop = [&] {
+        return fs::exists(m_share + "/.korv-carried") ? MoveWish::kPause : MoveWish::kGoOn;
+    };
+    std::ofstream writer(m_share + "/cam0/film");
+    writer << "begins" << std::flush;
+    const auto result = Run(
+        [&](const MoveState& state) {
+            if (state.step == MoveStep::kFollow && writer.is_open()) {
+                writer << film;
+                writer.close();
+            }
+        },
+        stop);
+    ASSERT_EQ(result.end, MoveEnd::kPaused);
+    EXPECT_EQ(Text(m_share + "/cam0/film").size(), 6U) << "never seen half";
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    EXPECT_EQ(Text(m_share + "/cam0/film").size(), film.size() + 6);
+    EXPECT_FALSE(fs::exists(m_share + "/.korv-carried"));
+}
+
+// A shell, a container or a file server in the old folder still makes files there.
+TEST_P(Encryption, WaitsForThoseWhoWorkInTheOldFolder) {
+    MakeShare(5);
+    int way[2];
+    ASSERT_EQ(pipe2(way, O_CLOEXEC), 0);
+    const pid_t worker = fork();
+    if (worker == 0) {
+        char go = 0;
+        const bool isThere = chdir((m_share + "/cam0").c_str()) == 0 && read(way[0], &go, 1) == 1;
+        std::ofstream("late") << "late";
+        _exit(isThere && mkdir("new", 0700) == 0 ? 0 : 1);
+    }
+    while (fs::read_symlink("/proc/" + std::to_string(worker) + "/cwd") != m_share + "/cam0") {
+        usleep(1000);
+    }
+    EXPECT_EQ(Run().end, MoveEnd::kSourceBusy);
+    EXPECT_EQ(m_journal->state.step, MoveStep::kFollow);
+    ASSERT_EQ(write(way[1], "x", 1), 1);
+    int status = 0;
+    ASSERT_EQ(waitpid(worker, &status, 0), worker);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    close(way[0]);
+    close(way[1]);
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    EXPECT_EQ(Text(m_share + "/cam0/late"), "late");
+    EXPECT_TRUE(fs::is_directory(m_share + "/cam0/new"));
+}
+
+TEST_P(Encryption, WaitsWhileAPartOfTheOldFolderIsMountedElsewhere) {
+    MakeShare(5);
+    const std::string elsewhere = m_volume + "/elsewhere";
+    fs::create_directory(elsewhere);
+    ASSERT_EQ(mount((m_share + "/cam0").c_str(), elsewhere.c_str(), nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(Run().end, MoveEnd::kSourceBusy);
+    fs::create_directories(elsewhere + "/made/inside");
+    std::ofstream(elsewhere + "/made/inside/late") << "late";
+    ASSERT_EQ(umount(elsewhere.c_str()), 0);
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    EXPECT_EQ(Text(m_share + "/cam0/made/inside/late"), "late");
+}
+
+TEST_P(Encryption, WaitsForTheHolderOfAWriteLease) {
+    MakeShare(5);
+    const std::string file = m_share + "/cam0/second";
+    const pid_t holder = fork();
+    if (holder == 0) {
+        sigset_t breaks;
+        sigemptyset(&breaks);
+        sigaddset(&breaks, SIGIO);
+        sigprocmask(SIG_BLOCK, &breaks, nullptr);
+        const int fd = open(file.c_str(), O_RDWR | O_CLOEXEC);
+        if (fcntl(fd, F_SETLEASE, F_WRLCK) != 0) {
+            _exit(1);
+        }
+        fs::create_directory(m_volume + "/leased");
+        int signal = 0;
+        sigwait(&breaks, &signal);
+        _exit(fcntl(fd, F_SETLEASE, F_UNLCK) == 0 ? 0 : 1);
+    }
+    while (!fs::exists(m_volume + "/leased") && waitpid(holder, nullptr, WNOHANG) == 0) {
+        usleep(1000);
+    }
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    int status = 0;
+    ASSERT_EQ(waitpid(holder, &status, 0), holder);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    ExpectMoved();
+}
+
+TEST_P(Encryption, MakesHalfMadeEncryptedFilesAnew) {
+    MakeShare(5);
+    Run({}, [&] { return m_journal->state.step == MoveStep::kCopy ? MoveWish::kPause : MoveWish::kGoOn; });
+    ASSERT_EQ(m_journal->state.step, MoveStep::kCopy);
+    m_journal->state.step = MoveStep::kPrepare;
+    Unmount(m_volume + "/.korv/view/token");
+    fs::remove_all(m_cipher.CipherPath());
+    ASSERT_EQ(m_cipher.Init(kPassword), korv::CipherEnd::kDone);
+    fs::remove(m_cipher.CipherPath() + "/gocryptfs.diriv");
+    EXPECT_FALSE(m_cipher.IsComplete());
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    ExpectMoved();
 }
 
 // What killing everything leaves: no view, and no password to show it again.
@@ -390,7 +554,7 @@ TEST_P(Encryption, WaitsForTheShareToBeUnlockedAfterTheSwitch) {
         }
     };
     EXPECT_THROW(Run(failAtFollow), std::system_error);
-    Unmount(m_share);
+    Unmount(m_volume + "/.korv/view/token");
     EXPECT_EQ(Run({}, {}, "").end, MoveEnd::kLocked);
     ASSERT_EQ(m_cipher.Mount(kPassword), korv::CipherEnd::kDone);
     EXPECT_EQ(Run({}, {}, "").end, MoveEnd::kDone);
