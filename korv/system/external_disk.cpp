@@ -125,10 +125,11 @@ ExternalPartition ReadPartition(udev_device& device, int number) {
     partition.fsType = facts.type;
     partition.label = facts.label;
     partition.mountPath = MountPathOf(partition.device);
-    if (!partition.mountPath.empty() && IsAnswering(partition.mountPath)) {
-        partition.state = PartitionState::kReady;
-    } else if (!partition.mountPath.empty() || IsHidden(facts)) {
+    partition.isSilent = !partition.mountPath.empty() && !IsAnswering(partition.mountPath);
+    if (partition.isSilent || (partition.mountPath.empty() && IsHidden(facts))) {
         partition.state = PartitionState::kHidden;
+    } else if (!partition.mountPath.empty()) {
+        partition.state = PartitionState::kReady;
     }
     return partition;
 }

@@ -29,6 +29,7 @@ struct ExternalPartition {
     std::string label;
     std::string shareName;  // while mounted; empty too where the name would become too long
     std::string mountPath;  // empty = not mounted
+    bool isSilent = false;  // what is mounted there doesn't answer
 };
 
 struct ExternalDisk {

@@ -73,12 +73,22 @@ void FillPartition(const korv::ExternalPartition& from, KORVEXTPARTITION& to) {
     Copy(to.mountPath, from.mountPath.size() < sizeof(to.mountPath) ? from.mountPath : "");
 }
 
+void LogSilence(const ExternalDisk& disk) {
+    for (const korv::ExternalPartition& partition : disk.partitions) {
+        if (partition.isSilent) {
+            korv::LogLine("external disk " + partition.device + ": " + partition.mountPath +
+                          " doesn't answer");
+        }
+    }
+}
+
 std::optional<ExternalDisk> FindDisk(const std::string& name, ExternalDiskKind kind) {
     auto disk = korv::FindExternalDisk(name);
     if (!disk || disk->kind != kind) {
         return std::nullopt;
     }
     korv::ReadPartitions(*disk);
+    LogSilence(*disk);
     return disk;
 }
 

@@ -45,10 +45,11 @@ def device_manager(node):
 
 
 class Disk:
-    """One attached disk, formatted with ext4; mounted at `place` when asked to."""
+    """One attached disk; mounted at `place` when asked to."""
 
-    def __init__(self, node, kind="usb", size_mb=64):
+    def __init__(self, node, kind="usb", size_mb=64, file_system="ext4"):
         self.node = node
+        self.file_system = file_system
         name = f"{_MARK}-{kind}-{secrets.token_hex(4)}.img"
         self.image = os.path.join(node.state, name)
         self.make_file_system(size_mb)
@@ -64,12 +65,22 @@ class Disk:
     def make_file_system(self, size_mb=64):
         with open(self.image, "wb") as file:
             file.truncate(size_mb * MB)
-        subprocess.run(["mkfs.ext4", "-q", self.image], check=True)
+        options = {"ext4": ["-q"], "ntfs": ["-Q", "-F", "-q"]}[self.file_system]
+        subprocess.run([f"mkfs.{self.file_system}", *options, self.image], check=True, stdout=subprocess.DEVNULL)
 
     def mount(self, mode="755"):
         self.node.inside("mkdir", "-p", self.place)
         self.node.inside("mount", self.device, self.place)
-        self.node.inside("chmod", mode, self.place)
+        if self.file_system == "ext4":  # others admit everybody
+            self.node.inside("chmod", mode, self.place)
+
+    def server(self):
+        """The process that serves its files, where the kernel doesn't."""
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            with contextlib.suppress(OSError), open(f"/proc/{pid}/cmdline", encoding="utf-8") as file:
+                if self.place in file.read().split("\0")[1:]:
+                    return int(pid)
+        raise AssertionError("no process serves the disk's files")
 
     def pull(self):
         """Takes it away at once, whoever uses it."""

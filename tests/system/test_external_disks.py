@@ -2,8 +2,10 @@
 
 import contextlib
 import os
+import signal
 import subprocess
 import threading
+import time
 
 import pytest
 
@@ -12,6 +14,7 @@ from external_disk import STATE_FILE, attached, device_manager
 from node import SHARE_API, wait_until
 
 _APP_PRIVILEGE = {"user": "viewer", "app": "KORV.KRX.Pavane"}
+_SYSTEM_FILE = "/etc/korvinfo.conf"
 _UNUSABLE = "Unable to get share name of external device"
 
 
@@ -215,3 +218,38 @@ def is_waiting(pid, disk):
                 memory.seek(int(address, 16))
                 return memory.read(len(disk.place)) == os.fsencode(disk.place)
     return False
+
+
+@pytest.fixture(name="ntfs_disk")
+def fixture_ntfs_disk(node):
+    with attached(node, file_system="ntfs") as disk:
+        disk.mount()
+        try:
+            yield disk
+        finally:
+            node.inside("rm", "-f", _SYSTEM_FILE)
+
+
+def test_ntfs_is_offered_where_the_machine_says_it_can_write_it(node, admin, viewer, ntfs_disk):
+    assert candidates(admin, 3) == {}
+    node.inside("tee", _SYSTEM_FILE, input='supportntfswrite="no"\n')
+    assert candidates(admin, 3) == {}
+    node.inside("tee", _SYSTEM_FILE, input='supportntfswrite="yes"\n')
+    total, free = ntfs_disk.size_mb()
+    element = {"value": ntfs_disk.share, "freesize": free, "display": f"{ntfs_disk.share}({total - free}/{total} MB)"}
+    assert candidates(admin, 1) == candidates(viewer, 1) == {ntfs_disk.share: element}
+
+
+def test_a_disk_that_hangs_holds_nobody_up_and_the_log_says_so(node, admin, ntfs_disk):
+    node.inside("tee", _SYSTEM_FILE, input='supportntfswrite="yes"\n')
+    assert candidates(admin, 1) != {}
+    server = ntfs_disk.server()
+    os.kill(server, signal.SIGSTOP)
+    try:
+        start = time.monotonic()
+        assert candidates(admin, 1) == {}
+        assert time.monotonic() - start < 10
+        (line,) = node.unexpected_lines()
+        assert line.endswith(f"external disk {ntfs_disk.device}: {ntfs_disk.place} doesn't answer")
+    finally:
+        os.kill(server, signal.SIGCONT)
