@@ -7,6 +7,7 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <json/json.h>
 #include <soci/soci.h>
@@ -17,6 +18,7 @@
 #include "pavane/cms/pairing.h"
 #include "pavane/cms/peer_address.h"
 #include "pavane/cms/peer_reply.h"
+#include "pavane/http_posts.h"
 #include "pavane/log_line.h"
 #include "pavane/store/database.h"
 
@@ -132,14 +134,19 @@ std::int64_t ClockAhead_s(const HttpReply& answer) {
     return answer.date_s != 0 ? answer.date_s - static_cast<std::int64_t>(std::time(nullptr)) : 0;
 }
 
-SendOutcome SendToPeer(const Peer& peer, const Json::Value& request, const SendOptions& options,
-                       Json::Value& reply) {
+// Whether anything may be sent to it at all.
+SendOutcome CheckPeer(const Peer& peer, const SendOptions& options) {
     if (peer.secret.empty() || peer.address.empty()) {
         return Fail(peer, options, SendFailure::kNotPaired, "it is not paired");
     }
     if (!IsPeerAddress(peer.address)) {
         return Fail(peer, options, SendFailure::kBadAddress, "its address is none of a paired server");
     }
+    return {SendFailure::kNone, 0};
+}
+
+// All but its deadlines.
+HttpPost MakePost(const Peer& peer, const Json::Value& request) {
     const std::string stamp = MakeStamp();
     HttpPost post;
     post.url = peer.address + "/peer";
@@ -147,8 +154,11 @@ SendOutcome SendToPeer(const Peer& peer, const Json::Value& request, const SendO
     post.headers = {"Content-Type: application/json", "Cookie: timestamp=" + stamp, "Expect:"};
     post.pinnedKey = peer.pinnedKey;
     post.replyLimit = request["relayedCmd"] == true ? kChangeReplyLimit : kListReplyLimit;
-    post.progress = options.progress;
-    const HttpReply answer = SendWithin(post, options);
+    return post;
+}
+
+SendOutcome JudgeReply(const Peer& peer, const HttpReply& answer, const SendOptions& options,
+                       Json::Value& reply) {
     if (answer.keyDiffers) {
         return Fail(peer, options, SendFailure::kKeyChanged,
                     "it shows another key than when it was paired. Either its key was made anew, or someone "
@@ -169,6 +179,17 @@ SendOutcome SendToPeer(const Peer& peer, const Json::Value& request, const SendO
                     peer.name.c_str(), std::llabs(ahead_s), ahead_s > 0 ? "ahead of" : "behind");
     }
     return {SendFailure::kNone, ahead_s};
+}
+
+SendOutcome SendToPeer(const Peer& peer, const Json::Value& request, const SendOptions& options,
+                       Json::Value& reply) {
+    const SendOutcome check = CheckPeer(peer, options);
+    if (check.failure != SendFailure::kNone) {
+        return check;
+    }
+    HttpPost post = MakePost(peer, request);
+    post.progress = options.progress;
+    return JudgeReply(peer, SendWithin(post, options), options, reply);
 }
 
 bool LoadPeer(int rvId, Peer& peer) { return rvId > 0 ? LoadRecServer(rvId, peer) : LoadHost(peer); }
@@ -205,6 +226,36 @@ constexpr int kHost = 0;
 
 SendOutcome SendToPaired(int rvId, const Json::Value& request, int wait_s, Json::Value& reply) {
     return Send(rvId, request, {wait_s, nullptr, 0, kAskConnectTimeout_ms, true}, reply);
+}
+
+void AskRecServers(const std::vector<int>& rvIds, const Json::Value& request, int wait_s,
+                   const std::function<void(int, const SendOutcome&, const Json::Value&)>& take) {
+    const SendOptions options{wait_s, nullptr, 0, kAskConnectTimeout_ms, true};
+    std::vector<std::pair<int, Peer>> peers;
+    for (const int rvId : rvIds) {
+        Peer peer;
+        const SendOutcome check = LoadRecServer(rvId, peer)
+                                      ? CheckPeer(peer, options)
+                                      : Fail(peer, options, SendFailure::kNotPaired, "it is not known");
+        if (check.failure == SendFailure::kNone) {
+            peers.emplace_back(rvId, peer);
+        } else {
+            take(rvId, check, Json::Value());
+        }
+    }
+    SendHttpPosts(
+        peers.size(),
+        [&](std::size_t index) {
+            HttpPost post = MakePost(peers[index].second, request);
+            post.totalTimeout_ms = std::chrono::milliseconds(std::chrono::seconds(wait_s)).count();
+            post.connectTimeout_ms = std::min(options.connectTimeout_ms, post.totalTimeout_ms);
+            return post;
+        },
+        [&](std::size_t index, const HttpReply& answer) {
+            const auto& [rvId, peer] = peers[index];
+            Json::Value reply;
+            take(rvId, JudgeReply(peer, answer, options, reply), reply);
+        });
 }
 
 SendFailure FailureOf(const HttpReply& answer) {

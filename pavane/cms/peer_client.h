@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include <json/json.h>
 
@@ -30,6 +32,13 @@ struct SendOutcome {
 // Sends to the host, or to the recording server `rvId` for rvId > 0. `reply` is the answer, or null after a
 // failure, which the caller logs. Blocks for at most wait_s. Never throws.
 SendOutcome SendToPaired(int rvId, const Json::Value& request, int wait_s, Json::Value& reply);
+
+// Sends the same to several recording servers at the same time. `take` gets each one's id, outcome and answer
+// (null after a failure) as soon as they are known, in no particular order. Nothing is logged. Blocks until
+// all are done, for at most wait_s after the last of them was sent to. Throws what the database or `take`
+// throws.
+void AskRecServers(const std::vector<int>& rvIds, const Json::Value& request, int wait_s,
+                   const std::function<void(int, const SendOutcome&, const Json::Value&)>& take);
 
 // What an exchange that went wrong failed at.
 SendFailure FailureOf(const HttpReply& answer);

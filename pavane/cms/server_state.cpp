@@ -1,5 +1,8 @@
 #include "pavane/cms/server_state.h"
 
+#include <map>
+#include <vector>
+
 #include "pavane/cms/pairing.h"
 #include "pavane/cms/remote_session.h"
 #include "pavane/cms/server_registry.h"
@@ -105,6 +108,44 @@ void LogChange(const std::string& name, const std::string& before, const std::st
     }
 }
 
+Json::Value Ping(bool wayBack) {
+    Json::Value request(Json::objectValue);
+    request["api"] = kCmsApi;
+    request["version"] = 1;
+    request["method"] = "ping";
+    request["wayBack"] = wayBack;
+    return request;
+}
+
+ServerState Judge(const SendOutcome& outcome, const Json::Value& reply, const std::string& expectedSerial) {
+    if (outcome.failure != SendFailure::kNone) {
+        const bool isUnpaired = outcome.failure == SendFailure::kNotPaired;
+        return Problem(isUnpaired ? RV_STATUS_UNPAIRED : RV_STATUS_OFFLINE, ProblemOf(outcome.failure));
+    }
+    const int code = CodeOf(reply);
+    return code == 0 ? JudgeAnswer(reply["data"], expectedSerial) : JudgeRefusal(code, outcome);
+}
+
+void Note(int rvId, const std::string& problemBefore, const ServerState& state) {
+    NoteRecServerState(rvId, state.status, state.problem, state.version, state.answered);
+    LogChange("recording server " + std::to_string(rvId), problemBefore, state.problem);
+}
+
+// Each state is kept as soon as it is known.
+void RefreshRecServers() {
+    std::map<int, RecServerRecord> servers;
+    std::vector<int> ids;
+    for (const RecServerRecord& server : ListRecServers()) {
+        servers[server.id] = server;
+        ids.push_back(server.id);
+    }
+    AskRecServers(ids, Ping(false), kWait_s,
+                  [&](int rvId, const SendOutcome& outcome, const Json::Value& reply) {
+                      const RecServerRecord& server = servers.at(rvId);
+                      Note(rvId, server.problem, Judge(outcome, reply, server.serial));
+                  });
+}
+
 void RefreshHost() {
     const auto host = PairedHost();
     if (!host) {
@@ -124,37 +165,23 @@ void RefreshHost() {
 }  // namespace
 
 ServerState AskServer(int rvId, bool wayBack) {
-    Json::Value request(Json::objectValue);
-    request["api"] = kCmsApi;
-    request["version"] = 1;
-    request["method"] = "ping";
-    request["wayBack"] = wayBack;
     Json::Value reply;
-    const SendOutcome outcome = SendToPaired(rvId, request, wayBack ? kWaitWithWayBack_s : kWait_s, reply);
-    if (outcome.failure != SendFailure::kNone) {
-        const bool isUnpaired = outcome.failure == SendFailure::kNotPaired;
-        return Problem(isUnpaired ? RV_STATUS_UNPAIRED : RV_STATUS_OFFLINE, ProblemOf(outcome.failure));
-    }
-    const int code = CodeOf(reply);
-    return code == 0 ? JudgeAnswer(reply["data"], ExpectedSerial(rvId)) : JudgeRefusal(code, outcome);
+    const SendOutcome outcome =
+        SendToPaired(rvId, Ping(wayBack), wayBack ? kWaitWithWayBack_s : kWait_s, reply);
+    return Judge(outcome, reply, ExpectedSerial(rvId));
 }
 
 ServerState RefreshRecServer(int rvId, bool wayBack) {
     const auto before = FindRecServer(rvId);
     ServerState state = AskServer(rvId, wayBack);
-    NoteRecServerState(rvId, state.status, state.problem, state.version, state.answered);
-    if (before) {
-        LogChange("recording server " + std::to_string(rvId), before->problem, state.problem);
-    }
+    Note(rvId, before ? before->problem : state.problem, state);
     return state;
 }
 
 void RefreshServerStates() {
     switch (GetCmsRole()) {
         case CmsRole::kHost:
-            for (const RecServerRecord& server : ListRecServers()) {
-                RefreshRecServer(server.id, false);
-            }
+            RefreshRecServers();
             break;
         case CmsRole::kRecServer:
             RefreshHost();

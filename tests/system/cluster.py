@@ -25,6 +25,7 @@ from node import ASAN_OPTIONS, BUILD, ROOT, Node, wait_until
 CMS_API = "KORV.Pavane.CMS"
 NETWORK = "10.88.0"
 OUTSIDE = f"{NETWORK}.254"  # the test's own address
+NOBODY = f"{NETWORK}.200"   # an address that nobody has
 _BRIDGE = "pvtest"
 _PEER_PORT = 5443
 _READY_DEADLINE_S = 300
@@ -244,6 +245,7 @@ class FakePeer:
         self.answer = None       # bytes of an answer to anything but a ping
         self.ping_answer = None  # the same for a ping, with its HTTP status
         self.delay_s = 0
+        self.ping_delay_s = 0
         self.date = None         # instead of the right one
         self.requests = []
         self.connections = 0
@@ -286,6 +288,7 @@ class FakePeer:
                 method = json.loads(body)["method"]
                 status, answer = 200, fake.answer
                 if method == "ping":
+                    time.sleep(fake.ping_delay_s)
                     status, answer = fake.ping_answer or (200, fake.good_ping())
                 else:
                     fake.requests.append(method)

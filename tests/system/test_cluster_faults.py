@@ -9,12 +9,16 @@ import time
 
 import pytest
 
-from cluster import CMS_API, Cluster, FakePeer, enter_own_network, pair_key, send_as_peer, stamp
+from cluster import CMS_API, NOBODY, Cluster, FakePeer, enter_own_network, pair_key, send_as_peer, stamp
 from node import SHARE_API, wait_until
 
 _ANSWER_S = 5
 _CLOCK_OFF_S = 600
 _REQUESTS = 20
+_SILENT_S = 60
+_SILENT_SERVERS = 30
+_WATCHED_S = 25
+_OLDEST_S = 20
 
 
 @pytest.fixture(scope="module")
@@ -145,6 +149,32 @@ def test_a_server_whose_clock_is_ten_minutes_off_is_refused_and_told_why(cluster
 def failure(code):
     params = {"param1": "", "param2": ""}
     return {"success": False, "error": {"code": code, "errors": params}, "data": params}
+
+
+def test_servers_that_are_silent_delay_nobodys_state(cluster, fake):
+    """Asked in turn, these would take longer than a minute."""
+    fake.add_to(cluster.host)
+    fake.ping_delay_s = _SILENT_S
+    cluster.host.rows("insert into rec_server (serial, name, address, pair_secret, pinned_key)"
+                      " with recursive n(i) as (select 1 union all select i + 1 from n where i < ?)"
+                      " select 'silent' || i, 'silent', 'https://' || ? || ':5443', pair_secret, pinned_key"
+                      " from n, rec_server where rec_server.serial = ?", _SILENT_SERVERS, NOBODY, fake.SERIAL)
+    try:
+        wait_until(lambda: not cluster.host.rows("select 1 from rec_server where name in ('silent', 'fake') and status = 0"
+                                                 " or checked_s = 0"), "the host has asked them all", 60)
+        oldest_s = 0
+        end_s = time.monotonic() + _WATCHED_S
+        while time.monotonic() < end_s:
+            states = [cluster.state(member) for member in (cluster.second, cluster.third)]
+            assert {state["statusName"] for state in states} == {"online"}
+            oldest_s = max([oldest_s, *(time.time() - state["checkedTime"] for state in states)])
+            time.sleep(0.5)
+        assert oldest_s < _OLDEST_S, f"a state was {oldest_s:.0f} s old"
+        problems = cluster.host.rows("select name, problem, count(*) from rec_server where name in ('silent', 'fake')"
+                                     " group by 1, 2 order by 1")
+        assert problems == [("fake", "no_answer", 1), ("silent", "unreachable", _SILENT_SERVERS)]
+    finally:
+        cluster.host.rows("delete from rec_server where name = 'silent'")
 
 
 def test_a_server_that_has_forgotten_the_pairing_is_unpaired(cluster, fake):

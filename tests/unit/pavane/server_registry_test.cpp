@@ -1,8 +1,12 @@
 #include "pavane/cms/server_registry.h"
 
+#include <unistd.h>
+
 #include <string>
+#include <vector>
 
 #include <json/json.h>
+#include <sys/wait.h>
 
 #include "platform/pavane/cms.h"
 #include "platform/pavane/rec_share.h"
@@ -152,6 +156,52 @@ TEST_F(Registry, AStateIsWhatTheServerAnswers) {
     const int id = AddServer("A", "http://127.0.0.1:1");
     EXPECT_EQ(pavane::RefreshRecServer(id, false).problem, "unreachable");
     EXPECT_EQ(pavane::AskServer(9999, false).status, RV_STATUS_UNPAIRED);
+}
+
+TEST_F(Registry, AServerThatDoesNotAnswerHoldsUpNoOther) {
+    const HttpStandIn silent("");
+    const HttpStandIn second(OkAnswer(Answer("B", PAVANE_VERSION)));
+    const HttpStandIn third(OkAnswer(Answer("C", "0.0.0")));
+    const int silentId = AddServer("A", silent.Address());
+    const int secondId = AddServer("B", second.Address());
+    const int thirdId = AddServer("C", third.Address());
+    pavane::SetCmsRole(CmsRole::kHost);
+
+    const pid_t asking = fork();
+    if (asking == 0) {
+        pavane::RefreshServerStates();
+        _exit(0);
+    }
+    ASSERT_TRUE(WaitUntil([&] {
+        return pavane::FindRecServer(secondId)->checked_s > 0 &&
+               pavane::FindRecServer(thirdId)->checked_s > 0;
+    }));
+    const bool isSilentLast = pavane::FindRecServer(silentId)->checked_s == 0;
+    int status = -1;
+    waitpid(asking, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(isSilentLast) << "the others waited for it";
+    EXPECT_EQ(pavane::FindRecServer(silentId)->problem, "no_answer");
+    EXPECT_EQ(pavane::FindRecServer(secondId)->problem, "");
+    EXPECT_EQ(pavane::FindRecServer(thirdId)->problem, "version");
+}
+
+TEST_F(Registry, EachServerGetsItsStateWhenManyAreAsked) {
+    constexpr int kMoreThanAtOnce = 70;
+    std::vector<int> ids;
+    ids.reserve(kMoreThanAtOnce + 1);
+    for (int i = 0; i < kMoreThanAtOnce; ++i) {
+        ids.push_back(AddServer("gone" + std::to_string(i), "http://127.0.0.1:1"));
+    }
+    ids.push_back(AddServer("never paired", ""));
+    const HttpStandIn server(OkAnswer(Answer("last", PAVANE_VERSION)));
+    const int last = AddServer("last", server.Address());
+    pavane::SetCmsRole(CmsRole::kHost);
+    pavane::RefreshServerStates();
+    for (const int id : ids) {
+        EXPECT_EQ(pavane::FindRecServer(id)->problem, id == ids.back() ? "unpaired" : "unreachable");
+    }
+    EXPECT_EQ(pavane::FindRecServer(last)->problem, "");
 }
 
 TEST_F(Registry, NothingIsSentInTheClearAcrossTheNetwork) {
