@@ -331,7 +331,8 @@ void AddServerCommands(CLI::App& app, Context& context) {
     });
     AddIdCommand(*server, context, "enable", "Let requests go to and come from it",
                  [](const Context& used, int id) { used.MakeClient().Call(kApi, "enable", WithId(id)); });
-    AddIdCommand(*server, context, "disable", "Leave it out of requests to all servers, and refuse its own",
+    AddIdCommand(*server, context, "disable",
+                 "Leave it out of requests to all servers, and refuse what it relays",
                  [](const Context& used, int id) { used.MakeClient().Call(kApi, "disable", WithId(id)); });
     AddFailover(*server, context);
     AddCheck(*server, context);

@@ -47,7 +47,17 @@ void WriteKey(const std::string& path, const std::string& content) {
     }
 }
 
+// A host can have another server open a folder by its key file; for the rest it has no method.
+void RefuseOtherServer(const KeyOptions& options, const std::string& command) {
+    if (options.server != 0) {
+        throw InputError(command +
+                         " only works on the server that has the folder: run it against recording server " +
+                         std::to_string(options.server) + " itself, by --url or PAVANE_URL");
+    }
+}
+
 void Lock(const Context& context, const KeyOptions& options) {
+    RefuseOtherServer(options, "share lock");
     Json::Value parameters(Json::objectValue);
     parameters["name"] = options.name;
     context.MakeClient().Call(kCryptoApi, "lock", parameters);
@@ -60,6 +70,7 @@ void Unlock(const Context& context, const KeyOptions& options) {
     Json::Value parameters(Json::objectValue);
     parameters["name"] = options.name;
     if (options.file.empty()) {
+        RefuseOtherServer(options, "share unlock without --key-file");
         parameters["password"] = options.password.Read("Password of the encrypted share: ");
         context.MakeClient().Call(kCryptoApi, "decrypt", parameters);
     } else {
@@ -73,6 +84,7 @@ void Unlock(const Context& context, const KeyOptions& options) {
 }
 
 void Export(const Context& context, const KeyOptions& options) {
+    RefuseOtherServer(options, "share export-key");
     Json::Value parameters(Json::objectValue);
     parameters["name"] = options.name;
     parameters["password"] = options.password.Read("Password of the encrypted share: ");
@@ -84,12 +96,13 @@ void Export(const Context& context, const KeyOptions& options) {
     }
 }
 
-// A command with the name of a share.
+// A command with the name of a share and the server that has it.
 CLI::App* AddCommand(CLI::App& share, Context& context, const char* name, const char* description,
-                     const std::shared_ptr<KeyOptions>& options,
+                     const char* serverDescription, const std::shared_ptr<KeyOptions>& options,
                      void (*action)(const Context&, const KeyOptions&)) {
     CLI::App* const command = share.add_subcommand(name, description);
     command->add_option("name", options->name, "Name of the shared folder")->required();
+    command->add_option("--server", options->server, serverDescription)->check(CLI::NonNegativeNumber);
     command->callback([&context, options, action] {
         context.chosen = [&context, options, action] { action(context, *options); };
     });
@@ -99,24 +112,23 @@ CLI::App* AddCommand(CLI::App& share, Context& context, const char* name, const 
 }  // namespace
 
 void AddShareKeyCommands(CLI::App& share, Context& context) {
-    AddCommand(share, context, "lock", "Lock an encrypted shared folder", std::make_shared<KeyOptions>(),
-               Lock);
+    constexpr const char* kOnlyThere =
+        "0 is this server. A recording server's folder: run the command against that server itself";
+    AddCommand(share, context, "lock", "Lock an encrypted shared folder", kOnlyThere,
+               std::make_shared<KeyOptions>(), Lock);
 
     const auto unlocking = std::make_shared<KeyOptions>();
-    CLI::App* const unlock =
-        AddCommand(share, context, "unlock", "Unlock an encrypted shared folder", unlocking, Unlock);
-    CLI::Option* const keyFile =
-        unlock->add_option("--key-file", unlocking->file, "Exported key file, instead of the password")
-            ->check(CLI::ExistingFile);
-    unlock->add_option("--server", unlocking->server, "Id of the recording server that owns it")
-        ->check(CLI::NonNegativeNumber)
-        ->needs(keyFile);
+    CLI::App* const unlock = AddCommand(
+        share, context, "unlock", "Unlock an encrypted shared folder",
+        "Id of the recording server that has it, with --key-file; 0 is this server", unlocking, Unlock);
+    unlock->add_option("--key-file", unlocking->file, "Exported key file, instead of the password")
+        ->check(CLI::ExistingFile);
     unlocking->password.AddOptions(*unlock);
 
     const auto exporting = std::make_shared<KeyOptions>();
     CLI::App* const exported =
         AddCommand(share, context, "export-key", "Write the key of an encrypted shared folder into a file",
-                   exporting, Export);
+                   kOnlyThere, exporting, Export);
     exported->add_option("--out", exporting->file, "The file; without it NAME.key in the current folder");
     exporting->password.AddOptions(*exported);
 }

@@ -95,7 +95,11 @@ void AddShareUseCommands(CLI::App& share, Context& context) {
                              "List which applications keep data in which folders; of all shares, those "
                              "that are not in order");
     usage->add_option("share", used->share, "Id of a recording share")->check(CLI::NonNegativeNumber);
-    usage->add_option("--server", used->server, "Only what is on this recording server; 0 is this server")
+    usage
+        ->add_option(
+            "--server", used->server,
+            "Only what is on this recording server; 0 is this server. Without a share all servers are asked "
+            "all the same, and each must answer")
         ->check(CLI::NonNegativeNumber);
     usage->callback([&context, used] { context.chosen = [&context, used] { Usage(context, *used); }; });
 

@@ -152,6 +152,28 @@ def test_a_disabled_server_may_not_relay(cluster):
     assert not any(path in ("/volume1/alone", "/volume1/refused") for path, _ in cluster.host.records())
 
 
+def test_what_a_disabled_server_asks_for_itself_is_answered(cluster):
+    """Disabling stops relays; who is not to be trusted any more is removed."""
+    serial, secret = cluster.third.pairing()
+    number = cluster.ids["server3"]
+    cluster.pavane(cluster.host, "server", "disable", str(number))
+    try:
+        def send(method, **parameters):
+            return send_as_peer(cluster.host, serial, secret, SHARE_API, method, **parameters)
+
+        assert send("ListRecShare")["success"]
+        made = send("CreateRecShare", shareName="asked", volume="/volume1")
+        assert made["success"], made
+        share = [{"shareId": made["data"]["id"], "shareRvId": 0, "sharePath": "/volume1/asked"}]
+        assert ("/volume1/asked", 0) in cluster.host.records(), "a share of the host's, as for any caller"
+        assert send("DelRecShare", delShareList=share, relayedCmd=True)["error"]["code"] == 405
+        assert send("DelRecShare", delShareList=share)["success"]
+        assert ("/volume1/asked", 0) not in cluster.host.records()
+        assert cluster.state(cluster.third)["statusName"] == "online", "it is still asked for its state"
+    finally:
+        cluster.pavane(cluster.host, "server", "enable", str(number))
+
+
 def test_a_stranger_may_not_be_paired_twice(cluster):
     """A recording server has one host; another's wish is refused, and so is a wrong password."""
     arguments = ["server", "add", cluster.second.peer_url, "--account", "admin", "--trust"]
@@ -259,6 +281,18 @@ def test_the_commands_name_the_server_that_owns_a_share(cluster):
     pavane("delete", share, "--server", number, "--yes")
     assert not cluster.second.has_folder("/volume1/said")
     assert cluster.host.has_folder("/volume1/spoken"), "the host's own of that name stays"
+
+
+def test_what_only_the_server_itself_can_do_is_said(cluster):
+    number = str(cluster.ids["server2"])
+    for command in ("lock", "unlock", "export-key"):
+        refused = cluster.pavane(cluster.host, "share", command, "vault", "--server", number, check=False)
+        assert refused.returncode != 0
+        assert re.search(f"only works on the server that has the folder: run it against recording server {number} itself",
+                         refused.stderr), refused.stderr
+        assert not os.path.exists("vault.key")
+    refused = cluster.pavane(cluster.host, "share", "lock", "vault", "--server", "0", check=False)
+    assert "error 3303" in refused.stderr, "the host looked for a folder of its own"
 
 
 def differences(cluster, *options):
