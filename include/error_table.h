@@ -13,8 +13,10 @@ struct ErrorTableRow {
 // Every code that a web API of this system answers. docs/ref/errors.md is printed from it
 // (`korvd --print-errors`), and the command line shows its texts. Sorted by API, then by code.
 inline constexpr ErrorTableRow kErrorTable[] = {
-    {"", 101, "The request is malformed.",
-     "Send one JSON object with \"api\", \"version\" and \"method\" and parameters of the documented types."},
+    {"", 101, "The request is malformed or too large.",
+     "Send one JSON object with \"api\", \"version\" and \"method\" and parameters of the documented types, "
+     "of "
+     "at most 1 MiB, or 10 MiB with a file."},
     {"", 102, "No loaded module has this API in this version.",
      "Check the API's name and version, and whether its module is listed under `modules` in the "
      "configuration."},

@@ -33,12 +33,14 @@ def make_vault(admin, name):
     assert admin.call("KORV.Core.Share.Crypto", "lock", name=name)["success"]
 
 
-def upload(admin, content, **parameters):
+def post(admin, content, **parameters):
     request = {"api": SHARE_API, "version": 1, "method": "DecryptByFile", **parameters}
-    answer = admin.session.post(f"{admin.url}/webapi", timeout=60,
-                                files={"request": (None, json.dumps(request)),
-                                       "password_file_tmp": ("key", content)})
-    return answer.json()
+    return admin.session.post(f"{admin.url}/webapi", timeout=60, files={"request": (None, json.dumps(request)),
+                                                                         "password_file_tmp": ("key", content)})
+
+
+def upload(admin, content, **parameters):
+    return post(admin, content, **parameters).json()
 
 
 def test_an_exported_key_unlocks_its_share_only(node, admin, pavane, tmp_path):
@@ -78,6 +80,36 @@ def test_what_is_no_key_file_is_refused(node, admin, pavane, tmp_path, change):
     answer = upload(admin, change(content), name="vault")
     assert answer["error"] == {"code": 400, "errors": {"param1": "", "param2": ""}}
     assert os.listdir(f"{node.state}/state/uploads") == []
+
+
+# The limit of 10 MiB is one of the whole request, so that a file of that size is beyond it.
+@pytest.mark.parametrize("size, status, error", [
+    (10_000_000, 200, {"code": 400, "errors": {"param1": "", "param2": ""}}), (10 << 20, 413, {"code": 101})],
+    ids=["10 MB", "10 MiB"])
+def test_a_key_file_of_ten_megabytes_is_refused_and_nothing_is_lost(node, admin, pavane, tmp_path, size, status, error):
+    node.allow("Share \\[big\\] get failed|buffered to a temporary file|client intended to send too large body")
+    if not [share for share in admin.call("KORV.Core.Share", "list")["data"]["shares"] if share["name"] == "big"]:
+        make_vault(admin, "big")
+        assert pavane("share", "unlock", "big", "--password-stdin", password=PASSWORD)[0] == 0
+        node.inside("sh", "-c", "echo kept > /volume1/big/file")
+        assert pavane("share", "lock", "big")[0] == 0
+    key = tmp_path / "big.key"
+    assert pavane("share", "export-key", "big", "--out", str(key), "--password-stdin", password=PASSWORD)[0] == 0
+    content = (key.read_bytes() * (size // key.stat().st_size + 1))[:size]  # begins like the real one
+
+    response = post(admin, content, name="big")
+    assert (response.status_code, response.json()["error"]) == (status, error)
+    assert os.listdir(f"{node.state}/state/uploads") == os.listdir(f"{node.state}/run/nginx/body") == []
+    long_file = tmp_path / "long.key"
+    long_file.write_bytes(content)
+    told, text = pavane("share", "unlock", "big", "--key-file", str(long_file))
+    assert told == 1 and f"error {error['code']}" in text, text
+    assert "too large" in text or size < 10 << 20
+    assert node.inside("test", "-e", "/volume1/big/file", check=False).returncode != 0
+
+    assert upload(admin, key.read_bytes(), name="big")["success"]
+    assert node.inside("cat", "/volume1/big/file") == "kept\n"
+    assert pavane("share", "lock", "big")[0] == 0
 
 
 def test_a_key_file_can_only_be_uploaded(node, admin):
