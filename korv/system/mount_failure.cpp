@@ -20,7 +20,7 @@ struct Words {
 
 // What helpers write instead of a number, in lower case; the first that is found decides, so that the
 // particular stands before the general.
-constexpr std::array<Words, 20> kWords{{
+constexpr std::array<Words, 22> kWords{{
     {"could not resolve address", kNoSuchHost},
     {"name or service not known", kNoSuchHost},
     {"failed to resolve server", kNoSuchHost},
@@ -41,6 +41,8 @@ constexpr std::array<Words, 20> kWords{{
     {"unknown filesystem type", ENODEV},
     {"no such device", ENODEV},
     {"operation now in progress", ETIMEDOUT},
+    {"incorrect mount option", EINVAL},
+    {"is busy or already mounted", EBUSY},
 }};
 
 // The number in "mount error(N)", 0 when there is none.

@@ -21,6 +21,7 @@ def helpers(shared_node):
         "/denied": {"says": "access denied by server while mounting 127.0.0.1:/denied"},
         "/stale": {"says": "Stale file handle"},
         "/version": {"says": "requested NFS version or transport protocol is not supported for /x"},
+        "/option": {"says": "an incorrect mount option was specified"},
         "/driver": {"says": "unknown filesystem type 'nfs'"},
         "/odd": {"says": "something that nobody has heard of"},
         "/slow": {"hangs": True},
@@ -46,8 +47,8 @@ def nothing_is_left(node, admin):
     return admin.call(LIST_API, "list")["data"]["total"] == 0 and node.inside("ls", "-A", "/volume1/video") == ""
 
 
-@pytest.mark.parametrize("export, code", [("/denied", 433), ("/stale", 440), ("/version", 435), ("/driver", 439), ("/odd", 412),
-                                          ("/nosuch", 427), ("/slow", 441)])
+@pytest.mark.parametrize("export, code", [("/denied", 433), ("/stale", 440), ("/version", 435), ("/option", 436), ("/driver", 439),
+                                          ("/odd", 412), ("/nosuch", 427), ("/slow", 441)])
 def test_what_the_mount_program_says_becomes_a_code(node, admin, port, export, code):
     node.allow("mounting at")
     answer = mount(admin, port, export, nfs_version="3", protocol="tcp")

@@ -88,6 +88,8 @@ TEST(MountFailure, IsReadFromWhatHelpersWrite) {
     EXPECT_EQ(nfs("mount.nfs: requested NFS version or transport protocol is not supported for /mnt"),
               MountFailure::kProtocol);
     EXPECT_EQ(nfs("mount.nfs: Stale file handle"), MountFailure::kStale);
+    EXPECT_EQ(nfs("mount.nfs: an incorrect mount option was specified"), MountFailure::kBadOption);
+    EXPECT_EQ(nfs("mount.nfs: nas:/x is busy or already mounted or sharecache fail"), MountFailure::kBusy);
     EXPECT_EQ(nfs("something else"), MountFailure::kFailed);
 }
 
