@@ -15,6 +15,12 @@ void AddShareRename(const ShareRenameRow& row) {
         soci::use(row.maker.start), soci::use(row.maker.bootId);
 }
 
+void SaveShareRenameMaker(const std::string& token, const ProcessIdentity& maker) {
+    Database() << "update share_rename set maker_pid = :pid, maker_start = :start, maker_boot_id = :boot_id"
+                  " where token = :token",
+        soci::use(maker.pid), soci::use(maker.start), soci::use(maker.bootId), soci::use(token);
+}
+
 void DropShareRename(const std::string& token) {
     Database() << "delete from share_rename where token = :token", soci::use(token);
 }

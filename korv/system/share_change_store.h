@@ -29,6 +29,8 @@ struct ShareRemovalRow {
 };
 
 void AddShareRename(const ShareRenameRow& row);
+// Makes the row that of `maker`; of nobody, whoever recovers next takes it up.
+void SaveShareRenameMaker(const std::string& token, const ProcessIdentity& maker);
 void DropShareRename(const std::string& token);
 std::vector<ShareRenameRow> ListShareRenames();
 

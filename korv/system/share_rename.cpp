@@ -1,7 +1,6 @@
 #include "korv/system/share_rename.h"
 
 #include <optional>
-#include <system_error>
 
 #include "korv/system/database.h"
 #include "korv/system/encrypted_share.h"
@@ -68,16 +67,42 @@ void FolderAndRow(int volume, const ShareRow& share, const ShareRow& renamed,
     observer(RenameStep::kRecorded);
 }
 
+void BringFolderBack(int volume, const ShareRow& share, const std::string& newName) {
+    if (IsFolderOfToken(volume, newName, share.token) && !RenameShareFolder(volume, newName, share.name)) {
+        throw ChangeFailure{ChangeEnd::kNameTaken, "something else has the share's old name"};
+    }
+}
+
 // Takes back what FolderAndRow has done, after a failure of it. Returns what went wrong.
 std::string Undo(int volume, const ShareRow& share, const std::string& newName) {
     const ChangeOutcome undone = TryChange([&] {
-        if (IsFolderOfToken(volume, newName, share.token)) {
-            RenameShareFolder(volume, newName, share.name);
-        }
+        BringFolderBack(volume, share, newName);
         PutMountBack(share);
         Drop(share.token);
     });
     return undone.end == ChangeEnd::kDone ? "" : " (not undone yet: " + undone.reason + ")";
+}
+
+// Lets whoever recovers next take up a rename that is to be finished.
+void GiveUp(const std::string& token) {
+    WriteTransaction transaction(Database());
+    SaveShareRenameMaker(token, {});
+    transaction.Commit();
+}
+
+// What comes after the share's row has its new name. The rename is a fact then, whatever goes wrong.
+ChangeOutcome PutInOrder(const ShareRow& renamed, const RenameObserver& observer) {
+    const ChangeOutcome outcome = TryChange([&] {
+        PutMountBack(renamed);
+        observer(RenameStep::kMountBack);
+        Drop(renamed.token);
+    });
+    if (outcome.end == ChangeEnd::kDone) {
+        return outcome;
+    }
+    const std::string trouble = TryChange([&] { GiveUp(renamed.token); }).reason;
+    return {ChangeEnd::kDone, "renamed, the rest is done later: " + outcome.reason +
+                                  (trouble.empty() ? "" : ", and by this process only: " + trouble)};
 }
 
 ChangeOutcome Rename(const ShareRow& share, const ShareRow& renamed, const RenameObserver& observer) {
@@ -98,36 +123,57 @@ ChangeOutcome Rename(const ShareRow& share, const ShareRow& renamed, const Renam
         outcome.reason += Undo(volume.Get(), share, renamed.name);
         return outcome;
     }
-    return TryChange([&] {
-        PutMountBack(renamed);
-        observer(RenameStep::kMountBack);
-        Drop(share.token);
-    });
+    return PutInOrder(renamed, observer);
 }
 
-// Called with the write lock held, so that no two processes recover the same rename.
-void FinishOrUndo(const ShareRenameRow& row) {
-    auto share = FindShareByToken(row.token);
-    if (share) {
-        const FileDescriptor volume = OpenVolume(share->volPath);
-        if (share->name != row.name && IsFolderOfToken(volume.Get(), row.name, row.token)) {
-            const std::string oldPath = share->Path();
-            share->name = row.name;
-            SaveShareFacts(*share);
-            RenameMountRows(oldPath, *share);
-        }
-        PutMountBack(*share);
-    }
-    DropShareRename(row.token);
-}
-
-bool IsStillThere(const std::string& token) {
+std::optional<ShareRenameRow> Find(const std::string& token) {
     for (const ShareRenameRow& each : ListShareRenames()) {
         if (each.token == token) {
-            return true;
+            return each;
         }
     }
-    return false;
+    return std::nullopt;
+}
+
+// False when another process was faster. Others can write while this one works on what it has claimed.
+bool ClaimGivenUp(const std::string& token) {
+    WriteTransaction transaction(Database());
+    const auto row = Find(token);
+    if (!row || !IsGivenUp(row->maker)) {
+        return false;
+    }
+    SaveShareRenameMaker(token, ThisProcess());
+    transaction.Commit();
+    return true;
+}
+
+void RecordFinished(const std::string& token, const std::string& newName) {
+    WriteTransaction transaction(Database());
+    if (auto share = FindShareByToken(token)) {
+        const std::string oldPath = share->Path();
+        share->name = newName;
+        SaveShareFacts(*share);
+        RenameMountRows(oldPath, *share);
+    }
+    transaction.Commit();
+}
+
+// One that this very process has not got recorded was reported as failed: it is never finished.
+void FinishOrUndo(const ShareRenameRow& row) {
+    auto share = FindShareByToken(row.token);
+    if (share && share->name != row.name) {
+        const FileDescriptor volume = OpenVolume(share->volPath);
+        if (IsThisProcess(row.maker)) {
+            BringFolderBack(volume.Get(), *share, row.name);
+        } else if (IsFolderOfToken(volume.Get(), row.name, row.token)) {
+            RecordFinished(row.token, row.name);
+            share = FindShareByToken(row.token);
+        }
+    }
+    if (share) {
+        PutMountBack(*share);
+    }
+    Drop(row.token);
 }
 
 }  // namespace
@@ -155,16 +201,20 @@ std::vector<std::string> RecoverShareRenames() {
         if (!IsGivenUp(seen.maker)) {
             continue;
         }
-        WriteTransaction transaction(Database());
-        // Another process may have been faster.
-        if (!IsStillThere(seen.token)) {
+        bool isClaimed = false;
+        const ChangeOutcome outcome = TryChange([&] {
+            isClaimed = ClaimGivenUp(seen.token);
+            if (isClaimed) {
+                FinishOrUndo(seen);
+            }
+        });
+        if (outcome.end == ChangeEnd::kDone) {
             continue;
         }
-        try {
-            FinishOrUndo(seen);
-            transaction.Commit();
-        } catch (const std::system_error& error) {
-            troubles.push_back(std::string("a rename is kept for later: ") + error.what());
+        troubles.push_back("a rename is kept for later: " + outcome.reason);
+        if (isClaimed && !IsThisProcess(seen.maker)) {
+            // Failing this, the row stays this process's, which takes the rename back then.
+            TryChange([&] { GiveUp(seen.token); });
         }
     }
     return troubles;

@@ -18,11 +18,13 @@ using RenameObserver = std::function<void(RenameStep)>;
 
 // Makes the row and the folder of `share`, as it was just read, what `wanted` says about name (a valid one),
 // description and visibility; the rest of `wanted` is not looked at. All of it happens or nothing. A rename
-// of a share whose files are open, or that is changing already, is kBusy.
+// of a share whose files are open, or that is changing already, is kBusy. From the moment that the row has
+// the new name the end is kDone; a reason says then what a recovery has yet to put in order.
 ChangeOutcome ChangeShare(const ShareRow& share, const ShareRow& wanted, const RenameObserver& observer = {});
 
-// Finishes or undoes every rename whose maker is gone; one whose volume isn't mounted now is kept for later.
-// Safe to run in several processes at once. Returns what could not be done, for the log.
+// Finishes or undoes every rename whose maker is gone, and undoes those that this very process has reported
+// as failed and could not undo then; one whose volume isn't mounted now is kept for later. Safe to run in
+// several processes at once. Returns what could not be done, for the log.
 std::vector<std::string> RecoverShareRenames();
 
 }  // namespace korv

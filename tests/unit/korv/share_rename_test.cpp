@@ -138,6 +138,36 @@ TEST_F(ShareRenameTest, AnUnlockedShareStaysUnlocked) {
     EXPECT_TRUE(HasFile(last.Path()));
 }
 
+TEST_F(ShareRenameTest, OnceRecordedItIsDoneWhateverComesAfter) {
+    const korv::ShareRow share = Make("geheim", true);
+    Refuse("delete on share_rename");
+    const auto outcome = korv::ChangeShare(share, Renamed(share, "neu"));
+    EXPECT_EQ(outcome.end, ChangeEnd::kDone);
+    EXPECT_NE(outcome.reason.find("done later"), std::string::npos) << outcome.reason;
+    EXPECT_TRUE(korv::FindShare("neu"));
+    EXPECT_EQ(korv::RecoverShareRenames().size(), 1U);
+    Allow();
+    EXPECT_EQ(korv::RecoverShareRenames(), std::vector<std::string>());
+    ExpectWhole("neu", "geheim");
+}
+
+TEST_F(ShareRenameTest, WhatWasReportedAsFailedIsNotFinishedLater) {
+    const korv::ShareRow share = Make("rec");
+    Refuse("update on share");
+    const auto outcome = korv::ChangeShare(share, Renamed(share, "new"), [&](RenameStep step) {
+        if (step == RenameStep::kFolderRenamed) {
+            fs::create_directory(share.Path());
+        }
+    });
+    EXPECT_EQ(outcome.end, ChangeEnd::kFailed);
+    Allow();
+    EXPECT_EQ(korv::RecoverShareRenames().size(), 1U);
+    EXPECT_EQ(korv::ListShareRenames().size(), 1U);
+    fs::remove(share.Path());
+    EXPECT_EQ(korv::RecoverShareRenames(), std::vector<std::string>());
+    ExpectWhole("rec", "new");
+}
+
 TEST_F(ShareRenameTest, OneOfManyRenamesOntoANameWins) {
     constexpr int kShares = 8;
     for (int i = 0; i < kShares; ++i) {
