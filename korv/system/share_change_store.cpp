@@ -49,6 +49,19 @@ void SaveShareRemoval(const ShareRemovalRow& row) {
         soci::use(row.maker.bootId);
 }
 
+void SaveShareRemovalMaker(const std::string& token, const ProcessIdentity& maker) {
+    Database() << "update share_removal set maker_pid = :pid, maker_start = :start, maker_boot_id = :boot_id"
+                  " where token = :token",
+        soci::use(maker.pid), soci::use(maker.start), soci::use(maker.bootId), soci::use(token);
+}
+
+void PostponeShareRemoval(const std::string& token, bool isHidden, long long until_s) {
+    const int wasHidden = isHidden;
+    Database() << "update share_removal set next_try_s = :until where token = :token"
+                  " and is_hidden = :was_hidden",
+        soci::use(until_s), soci::use(token), soci::use(wasHidden);
+}
+
 void DropShareRemoval(const std::string& token) {
     Database() << "delete from share_removal where token = :token", soci::use(token);
 }

@@ -36,6 +36,11 @@ std::vector<ShareRenameRow> ListShareRenames();
 
 // Replaces what is known of that token.
 void SaveShareRemoval(const ShareRemovalRow& row);
+// As SaveShareRenameMaker.
+void SaveShareRemovalMaker(const std::string& token, const ProcessIdentity& maker);
+// Lets the next attempt wait until `until_s`, unless the removal has got further since it was seen with
+// `isHidden`.
+void PostponeShareRemoval(const std::string& token, bool isHidden, long long until_s);
 void DropShareRemoval(const std::string& token);
 std::vector<ShareRemovalRow> ListShareRemovals();
 

@@ -86,17 +86,18 @@ void TakeBackRefused(const ShareRemovalRow& row) {
     }
 }
 
-// Called with the write lock held, so that no two processes carry on with the same removal.
 void CarryOn(const ShareRemovalRow& row) {
     const FileDescriptor volume = OpenVolume(row.volPath);
     const auto share = FindShareByToken(row.token);
-    if (share) {
-        Lock(*share);
-        HideShareFolder(volume.Get(), share->name, share->token);
-        Record(*share);
-    } else {
-        DropShareRemoval(row.token);
+    if (!share) {
+        Drop(row.token);
+        return;
     }
+    Lock(*share);
+    HideShareFolder(volume.Get(), share->name, share->token);
+    WriteTransaction transaction(Database());
+    Record(*share);
+    transaction.Commit();
 }
 
 std::optional<ShareRemovalRow> Find(const std::string& token) {
@@ -108,10 +109,44 @@ std::optional<ShareRemovalRow> Find(const std::string& token) {
     return std::nullopt;
 }
 
-void Postpone(ShareRemovalRow row, long long until_s) {
+// Makes the row that of this process, so that others can write while it works. False when there is nothing to
+// do any more: another process was faster, or the volume is none of the configured ones.
+bool ClaimGivenUp(const std::string& token, bool isVolumeKnown) {
     WriteTransaction transaction(Database());
-    row.nextTry_s = until_s;
-    SaveShareRemoval(row);
+    const auto row = Find(token);
+    if (!row || row->isHidden || !IsGivenUp(row->maker)) {
+        return false;
+    }
+    if (isVolumeKnown) {
+        SaveShareRemovalMaker(token, ThisProcess());
+    } else {
+        DropShareRemoval(token);
+    }
+    transaction.Commit();
+    return isVolumeKnown;
+}
+
+void CarryOnOrTakeBack(const ShareRemovalRow& row) {
+    IsThisProcess(row.maker) ? TakeBackRefused(row) : CarryOn(row);
+}
+
+// Leaves a removal that can't go on now to whoever recovers later; one that this process has refused stays
+// its own. Returns what went wrong.
+std::string PutOff(const ShareRemovalRow& row) {
+    const ChangeOutcome outcome = TryChange([&] {
+        WriteTransaction transaction(Database());
+        PostponeShareRemoval(row.token, false, time(nullptr) + kBusyPause_s);
+        if (!IsThisProcess(row.maker)) {
+            SaveShareRemovalMaker(row.token, {});
+        }
+        transaction.Commit();
+    });
+    return outcome.end == ChangeEnd::kDone ? "" : " (and is taken back then: " + outcome.reason + ")";
+}
+
+void Postpone(const ShareRemovalRow& row, long long until_s) {
+    WriteTransaction transaction(Database());
+    PostponeShareRemoval(row.token, row.isHidden, until_s);
     transaction.Commit();
 }
 
@@ -167,22 +202,17 @@ std::vector<std::string> RecoverShareRemovals(const std::vector<std::string>& vo
         if (seen.isHidden || seen.nextTry_s > time(nullptr) || !IsGivenUp(seen.maker)) {
             continue;
         }
+        bool isClaimed = false;
         const ChangeOutcome outcome = TryChange([&] {
             const bool isKnown = std::find(volumes.begin(), volumes.end(), seen.volPath) != volumes.end();
-            if (isKnown && IsThisProcess(seen.maker)) {
-                TakeBackRefused(seen);
-                return;
+            isClaimed = ClaimGivenUp(seen.token, isKnown);
+            if (isClaimed) {
+                CarryOnOrTakeBack(seen);
             }
-            WriteTransaction transaction(Database());
-            const auto row = Find(seen.token);
-            if (row && !row->isHidden) {
-                isKnown ? CarryOn(*row) : DropShareRemoval(row->token);
-            }
-            transaction.Commit();
         });
         if (outcome.end != ChangeEnd::kDone) {
-            troubles.push_back("a removal on " + seen.volPath + " is kept for later: " + outcome.reason);
-            Postpone(seen, time(nullptr) + kBusyPause_s);
+            troubles.push_back("a removal on " + seen.volPath + " is kept for later: " + outcome.reason +
+                               (isClaimed ? PutOff(seen) : ""));
         }
     }
     return troubles;

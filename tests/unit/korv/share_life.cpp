@@ -1,8 +1,11 @@
 #include "tests/unit/korv/share_life.h"
 
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -56,6 +59,28 @@ void ShareLifeTest::Refuse(const std::string& what) {
 }
 
 void ShareLifeTest::Allow() { korv::Database() << "drop trigger refused"; }
+
+bool ShareLifeTest::CanOthersWriteDuring(const std::function<void()>& work) {
+    soci::session other;
+    korv::OpenDatabase(other, machine::StateFolder() + "/korv.db");
+    other << "pragma busy_timeout = 2000";
+    std::atomic<bool> isOver{false};
+    bool canWrite = true;
+    std::thread writer([&] {
+        while (!isOver && canWrite) {
+            try {
+                korv::WriteTransaction transaction(other);
+            } catch (const soci::soci_error&) {
+                canWrite = false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    });
+    work();
+    isOver = true;
+    writer.join();
+    return canWrite;
+}
 
 void ShareLifeTest::ExpectKilled(const std::function<void()>& work) {
     korv::CloseDatabase();

@@ -24,6 +24,8 @@ protected:
     // again or the test ends, as on a database that can't be written.
     static void Refuse(const std::string& what);
     static void Allow();
+    // Whether others could write into korv.db while `work` went on, none waiting for two seconds.
+    static bool CanOthersWriteDuring(const std::function<void()>& work);
     // Unmounts everything at or beneath `folder`.
     static void UnmountAll(const std::string& folder);
 };

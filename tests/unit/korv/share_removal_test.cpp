@@ -161,6 +161,32 @@ TEST_F(ShareRemovalTest, AnotherProcessOfTheSameNumberIsADeadOne) {
     ExpectFreed();
 }
 
+TEST_F(ShareRemovalTest, WhatHasGotFurtherIsNotPutBackByWhoSawItBefore) {
+    const korv::ShareRow share = Make("rec");
+    ASSERT_EQ(korv::RemoveShare(share).end, ChangeEnd::kDone);
+    korv::PostponeShareRemoval(share.token, false, kNow_s + 1);
+    EXPECT_TRUE(korv::IsSpaceToFree(kNow_s));
+    korv::PostponeShareRemoval(share.token, true, kNow_s + 1);
+    EXPECT_FALSE(korv::IsSpaceToFree(kNow_s));
+    EXPECT_TRUE(korv::ListShareRemovals().at(0).isHidden);
+}
+
+TEST_F(ShareRemovalTest, OthersCanWriteWhileARecoveryWaitsForAMount) {
+    const korv::ShareRow share = Make("geheim", true);
+    ExpectKilled([&] { korv::RemoveShare(share, [](RemovalStep) { raise(SIGKILL); }); });
+    const fs::path before = fs::current_path();
+    fs::current_path(share.Path());
+    std::vector<std::string> troubles;
+    EXPECT_TRUE(CanOthersWriteDuring([&] { troubles = Recover(); }));
+    EXPECT_EQ(troubles.size(), 1U);
+    fs::current_path(before);
+    EXPECT_TRUE(HasFile(share.Path()));
+    korv::Database() << "update share_removal set next_try_s = 0";
+    EXPECT_EQ(Recover(), std::vector<std::string>());
+    ExpectGone(share);
+    ExpectFreed();
+}
+
 TEST_F(ShareRemovalTest, LeavesAFolderThatIsNotTheShares) {
     const korv::ShareRow removedByHand = Make("rec");
     fs::remove_all(removedByHand.Path());
