@@ -92,7 +92,7 @@ void GiveUp(const std::string& token) {
 
 // What comes after the share's row has its new name. The rename is a fact then, whatever goes wrong.
 ChangeOutcome PutInOrder(const ShareRow& renamed, const RenameObserver& observer) {
-    const ChangeOutcome outcome = TryChange([&] {
+    ChangeOutcome outcome = TryChange([&] {
         PutMountBack(renamed);
         observer(RenameStep::kMountBack);
         Drop(renamed.token);
