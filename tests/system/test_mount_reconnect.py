@@ -169,6 +169,12 @@ def test_a_share_that_is_gone(node, admin, nfs_mount):
     assert reconnect(admin) is None
 
 
+def test_a_source_that_makes_no_sense(node, admin, nfs_mount):
+    """Such a mount is never taken on: the database was changed by other hands."""
+    change_database(node, f"update mount set source = '127.0.0.1' where source = '127.0.0.1:{EXPORT}'")
+    refused(admin, 410)
+
+
 def test_a_mount_of_somebody_else_and_one_that_nobody_knows(node, admin, nfs_mount):
     assert reconnect(node.client("viewer")) == {"code": 432}
     for point, code in (("/rec/other", 411), (f"{SHARE}/../rec/deep/nas", 413)):
