@@ -187,6 +187,35 @@ def test_a_paused_server_is_abnormal_and_holds_up_nothing(node, server, admin):
     assert os.listdir(server.data) == []
 
 
+def test_a_folder_of_a_silent_server_that_somebody_waits_for_is_freed_by_a_reconnection(node, server, admin):
+    node.allow("unmounting|reconnecting|the mount at")
+    assert mount(admin, server)["success"]
+    server.pause()
+    with subprocess.Popen(["nsenter", "-t", str(node.korvd), "-m", "--", "ls", POINT], stdout=subprocess.DEVNULL,
+                          stderr=subprocess.DEVNULL) as waiting:
+        wait_until(lambda: wait_channel(waiting.pid) == "request_wait_answer", "somebody waits for the server")
+        assert unmount(admin)["error"] == {"code": 438}  # as of any folder in use
+        assert admin.call(LIST_API, "reconnect", mount_point=[POINT])["error"] == {"code": 424}
+        assert waiting.wait(10) != 0
+    assert unmount(admin)["success"]
+    assert mounts(admin) == [] and node.inside("ls", "-A", SHARE) == ""
+
+
+def test_a_folder_of_a_silent_server_is_unmounted_in_time(node, server, admin):
+    node.allow("the mount at")
+    assert mount(admin, server)["success"]
+    server.pause()
+    begin = time.monotonic()
+    assert unmount(admin)["success"]
+    assert time.monotonic() - begin < 30
+    assert mounts(admin) == [] and node.inside("ls", "-A", SHARE) == ""
+
+
+def wait_channel(pid):
+    with open(f"/proc/{pid}/wchan", encoding="utf-8") as file:
+        return file.read()
+
+
 def replace(folder):
     """As when somebody restores a folder behind the server: another one of the same name."""
     shutil.rmtree(folder)
