@@ -163,9 +163,9 @@ bool HasSameContent(int source, int target, const CopyObserver& observer) {
     }
 }
 
-// Changing the owner clears mode bits and capabilities, changing the mode rewrites an ACL's mask, and all of
-// it touches times, hence the order.
-void CopyAttributes(int source, const struct stat& status, int target) {
+// Changing the owner clears mode bits and capabilities, writing content clears capabilities, changing the
+// mode rewrites an ACL's mask, and all of it touches times, hence the order.
+void CopyRights(const struct stat& status, int target) {
     struct stat copy {};
     Check(fstat(target, &copy) == 0, Where::kTarget, "look at a copy");
     // A new file mostly has both already, and on an encrypted folder each call is a way to another process.
@@ -176,10 +176,18 @@ void CopyAttributes(int source, const struct stat& status, int target) {
     if ((copy.st_mode & kModeBits) != (status.st_mode & kModeBits)) {
         Check(fchmod(target, status.st_mode & kModeBits) == 0, Where::kTarget, "set a mode");
     }
+}
+
+void CopyAttributesAndTimes(int source, const struct stat& status, int target) {
     errno = AttributeFile(source).CopyTo(AttributeFile(target));
     Check(errno == 0, Where::kTarget, "set an attribute");
     const timespec times[] = {status.st_atim, status.st_mtim};
     Check(futimens(target, times) == 0, Where::kTarget, "set a time");
+}
+
+void CopyAttributes(int source, const struct stat& status, int target) {
+    CopyRights(status, target);
+    CopyAttributesAndTimes(source, status, target);
 }
 
 void CopyAttributes(const EntryRef& source, const struct stat& status, const EntryRef& target) {

@@ -127,9 +127,11 @@ public:
 private:
     struct Level {
         FolderStream stream;  // of the source
-        // kSettle, kFollow: the folder, or one above it, may not be the one that an earlier pass saw here.
-        // The tree's own folder is: its rename is the switch.
+        // The folder, or one above it, may not be the one that an earlier pass saw here. The tree's own
+        // folder always is.
         bool isSuspect = false;
+        bool isFresh = false;  // made by this pass, which nobody else writes to yet
+        std::uint64_t copiedBefore = 0;
     };
 
     struct FirstName {
@@ -148,11 +150,16 @@ private:
         if (!StatEntry(m_source.Current(), name.c_str(), status, Where::kSource)) {
             return;
         }
-        if (IsAsSeen(status) && !S_ISDIR(status.st_mode)) {
+        if (!S_ISDIR(status.st_mode) && IsAsSeen(status)) {
+            return;
+        }
+        if (m_mode == SyncMode::kFollow && S_ISREG(status.st_mode) && !IsToCarry(status)) {
+            LookForWriter(name);
             return;
         }
         struct stat copy {};
-        bool isThere = StatEntry(m_target.Current(), name.c_str(), copy, Where::kTarget);
+        bool isThere =
+            !m_levels.back().isFresh && StatEntry(m_target.Current(), name.c_str(), copy, Where::kTarget);
         if (isThere && (status.st_mode & S_IFMT) != (copy.st_mode & S_IFMT)) {
             if (m_mode == SyncMode::kFollow && !IsTouched(status)) {
                 return;  // people have replaced it
@@ -176,11 +183,16 @@ private:
         return status.st_ctim.tv_sec >= m_times.changedSince_s;
     }
 
-    // kSettle: an entry of a folder that the pass before saw as it is, and that nobody touched since.
+    // An entry that the pass before saw here as it is, and that nobody touched since: the target needn't be
+    // asked. Not so a file of several names, whose others may have to be linked to it.
     bool IsAsSeen(const struct stat& status) const {
-        const bool isInTopFolder = m_levels.size() == 1;
-        return m_mode == SyncMode::kSettle && !m_levels.back().isSuspect && !isInTopFolder &&
-               !IsTouched(status);
+        return IsFolderAsSeen() && !IsTouched(status) && (S_ISDIR(status.st_mode) || status.st_nlink == 1);
+    }
+
+    // The tree's own folder is always looked at: its rename at the switch hides when it was touched.
+    bool IsFolderAsSeen() const {
+        const bool isLater = m_mode == SyncMode::kCatchUp || m_mode == SyncMode::kSettle;
+        return isLater && m_levels.size() > 1 && !m_levels.back().isSuspect;
     }
 
     bool IsSuspect(const struct stat& folder) const {
@@ -209,6 +221,8 @@ private:
         }
         m_levels.emplace_back();
         m_levels.back().isSuspect = isSuspect;
+        m_levels.back().isFresh = !isThere && m_mode != SyncMode::kFollow;
+        m_levels.back().copiedBefore = m_counts.copiedEntries;
         if (m_levels.size() > FolderStack::kOpenLevels) {
             m_levels[m_levels.size() - FolderStack::kOpenLevels - 1].stream.Suspend();
         }
@@ -289,7 +303,7 @@ private:
 
     bool IsToCarry(const struct stat& status) const { return m_levels.back().isSuspect || IsTouched(status); }
 
-    // A file that somebody holds a write lease on can only be waited for.
+    // None when it is gone. A file that somebody holds a write lease on can only be waited for.
     FileDescriptor OpenSource(const std::string& name) const {
         FileDescriptor file(OpenBeneath(m_source.Current(), name.c_str(), O_RDONLY | O_NOATIME | O_NONBLOCK));
         if (!file && errno == EAGAIN) {
@@ -299,7 +313,21 @@ private:
                 file = FileDescriptor(OpenBeneath(m_source.Current(), name.c_str(), O_RDONLY | O_NOATIME));
             }
         }
+        Check(file || errno == ENOENT || errno == ELOOP, Where::kSource, "open a file");
         return file;
+    }
+
+    void CountWriter(int source) {
+        if (m_mode == SyncMode::kFollow && IsBeingWritten(source)) {
+            ++m_counts.beingWritten;
+        }
+    }
+
+    void LookForWriter(const std::string& name) {
+        const FileDescriptor source = OpenSource(name);
+        if (source) {
+            CountWriter(source.Get());
+        }
     }
 
     void VisitRegular(const std::string& name, const struct stat& status, const struct stat* copy) {
@@ -308,16 +336,10 @@ private:
         }
         const FileDescriptor source = OpenSource(name);
         if (!source) {
-            Check(errno == ENOENT || errno == ELOOP, Where::kSource, "open a file");
             return;
         }
-        if (m_mode == SyncMode::kFollow && IsBeingWritten(source.Get())) {
-            ++m_counts.beingWritten;
-        }
+        CountWriter(source.Get());
         if (copy != nullptr && IsAsItMustBe(name, source.Get(), status, *copy)) {
-            return;
-        }
-        if (m_mode == SyncMode::kFollow && copy == nullptr && !IsToCarry(status)) {
             return;
         }
         CopyRegular(name, source.Get(), copy);
@@ -339,7 +361,7 @@ private:
             case SyncMode::kSettle:
                 return looksTheSame && !IsTouched(status);
             case SyncMode::kFollow:
-                return !IsToCarry(status) || !IsNewer(status, copy);
+                return !IsNewer(status, copy);
             case SyncMode::kVerify:
                 break;
         }
@@ -381,11 +403,12 @@ private:
                                            O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                                            before.st_mode & kPlainModes));
         Check(static_cast<bool>(target), Where::kTarget, "make a file");
+        CopyRights(before, target.Get());  // asked now, its facts needn't be fetched
         CopyContent(source, target.Get(), [this](std::uint64_t bytes) {
             m_counts.copied_bytes += bytes;
             m_observer(bytes);
         });
-        CopyAttributes(source, before, target.Get());
+        CopyAttributesAndTimes(source, before, target.Get());
         // Its time says that it is whole: that must not reach the disk before its content.
         Check(m_mode != SyncMode::kFollow || fsync(target.Get()) == 0, Where::kTarget, "write to the disk");
         Show(name);
@@ -436,12 +459,13 @@ private:
 
     // The source's list has come to its end.
     void FinishFolder() {
-        const bool isAsSeen =
-            m_mode == SyncMode::kSettle && m_levels.size() > 1 && !m_levels.back().isSuspect;
-        if (m_mode == SyncMode::kFollow || isAsSeen) {
+        const bool hasCopied = m_counts.copiedEntries > m_levels.back().copiedBefore;
+        if (m_mode == SyncMode::kFollow || (IsFolderAsSeen() && !hasCopied)) {
             return;
         }
-        RemoveVanished();
+        if (!m_levels.back().isFresh && !IsFolderAsSeen()) {
+            RemoveVanished();
+        }
         struct stat status {};
         struct stat copy {};
         Check(fstat(m_source.Current(), &status) == 0, Where::kSource, "look at a folder");

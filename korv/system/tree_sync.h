@@ -14,12 +14,12 @@ enum class SyncMode {
     kCopy,
     // The same content, byte for byte, and the same attributes.
     kVerify,
-    // As kCopy, and the source not touched since the time given.
+    // As kCopy, and the source not touched since an earlier pass began, at the time given; looks into the
+    // target only where it was.
     kCatchUp,
-    // After a pass of kCatchUp that began at the time given, when nobody finds source or target by their
-    // names
-    // any more: what that pass could miss, which are renames and removals behind its back. Looks into the
-    // target only where the source was touched, and leaves to kFollow the files that it carries over.
+    // As kCatchUp after one of that kind, when nobody finds source or target by their names any more: what
+    // that could miss, which are renames and removals behind its back. Leaves to kFollow the files that it
+    // carries over.
     kSettle,
     // For a source that people have already been moved away from, and a target that they use: files made or
     // written since the time given and newer than their copies, and all of a folder that was made or moved
