@@ -7,6 +7,7 @@ import subprocess
 
 import pytest
 
+from life import NAS, PASSWORD, is_there, wait_for_job
 from node import free_port, wait_until
 
 _CONFIGURATION = """[global]
@@ -57,12 +58,29 @@ class Smbd:
                         and os.readlink(f"/proc/{pid}/exe").startswith("/usr/libexec/samba/")):
                     os.kill(int(pid), signal.SIGTERM)
 
-    def client(self, account, *arguments):
-        """What smbclient says as that account; the password goes through a private file."""
-        login = os.path.join(self.node.folder, f"login.{account}")
-        with open(login, "w", encoding="utf-8", opener=lambda path, flags: os.open(path, flags, 0o600)) as file:
+    def login(self, account):
+        """A private file with the account's password."""
+        path = os.path.join(self.node.folder, f"login.{account}")
+        with open(path, "w", encoding="utf-8", opener=lambda name, flags: os.open(name, flags, 0o600)) as file:
             file.write(f"username = {account}\npassword = {self.passwords[account]}\n")
-        return self.node.inside("smbclient", "-p", str(self.port), "-A", login, *arguments, check=False)
+        return path
+
+    def client(self, account, *arguments):
+        """What smbclient says as that account."""
+        return self.node.inside("smbclient", "-p", str(self.port), "-A", self.login(account), *arguments, check=False)
+
+    @contextlib.contextmanager
+    def session(self, account, share):
+        """Stays connected; gives what sends it a line."""
+        with subprocess.Popen(["nsenter", "-t", str(self.node.korvd), "-m", "--", "smbclient", "-p", str(self.port), "-A",
+                               self.login(account), f"//127.0.0.1/{share}"], stdin=subprocess.PIPE, text=True,
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL) as process:
+            def say(line):
+                process.stdin.write(line + "\n")
+                process.stdin.flush()
+            yield say
+            process.stdin.close()
+            process.wait(20)
 
     def browsed(self):
         listing = self.client("admin", "-g", "-L", "127.0.0.1")
@@ -102,3 +120,21 @@ def test_a_name_that_means_something_to_samba_harms_no_other_share(node, admin, 
     assert admin.create("plain", blHideShare=False)["success"]
     wait_until(lambda: "plain" in smbd.browsed(), "smbd knows the share")
     assert node.inside("testparm", "-s", "--suppress-prompt", check=False).returncode == 0
+
+
+def test_nothing_gets_lost_that_a_connected_client_writes_while_a_share_is_encrypted(node, admin, smbd):
+    """smbd keeps working in the folder that it knows, whatever its name is by then."""
+    assert admin.create("moved", blHideShare=False)["success"]
+    wait_until(lambda: "moved" in smbd.browsed(), "smbd knows the share")
+    with smbd.session("admin", "moved") as say:
+        say("put /etc/passwd before")
+        wait_until(lambda: is_there(node, "/volume1/moved/before"), "the client is connected")
+        answer = admin.call(NAS, "set", name="moved", shareinfo={"encryption": True, "enc_passwd": PASSWORD})
+        assert answer["success"], answer
+        assert wait_for_job(admin, answer["data"]["task_id"])["state"] == "finished"
+        say("put /etc/passwd after")
+        assert smbd.client("admin", "//127.0.0.1/moved", "-c", "put /etc/passwd anew").returncode == 0
+    assert "gocryptfs" in node.inside("findmnt", "-no", "FSTYPE", "/volume1/moved")
+    names = node.inside("ls", "/volume1/moved").split()
+    assert {"before", "anew"} <= set(names) <= {"before", "anew", "after"}
+    assert node.inside("find", "/volume1/.korv/move", "-mindepth", "1") == ""
