@@ -1,7 +1,9 @@
 #include "pavane/cms/record_drift.h"
 
-#include <algorithm>
+#include <deque>
 #include <exception>
+#include <map>
+#include <string>
 
 #include <soci/soci.h>
 
@@ -69,19 +71,22 @@ RecShare RecordAtHost(int rvId, const Json::Value& record) {
     return share;
 }
 
-// Gives each drift the record of `known` that stands for what is wanted, and takes it out of `known`.
-template <typename IsSame>
-void TakeMatches(std::vector<Drift>& drifts, std::list<RecShare>& known, IsSame isSame) {
+// Gives each drift the first record of `known` with the same key as what is wanted, and takes it out of
+// `known`.
+template <typename Key>
+void TakeMatches(std::vector<Drift>& drifts, std::list<RecShare>& known, Key (*keyOf)(const RecShare&)) {
+    std::map<Key, std::deque<std::list<RecShare>::iterator>> places;
+    for (auto share = known.begin(); share != known.end(); ++share) {
+        places[keyOf(*share)].push_back(share);
+    }
     for (Drift& drift : drifts) {
-        const auto found = drift.kind != DriftKind::kMissing
-                               ? known.end()
-                               : std::find_if(known.begin(), known.end(), [&](const RecShare& share) {
-                                     return isSame(share, drift.wanted);
-                                 });
-        if (found != known.end()) {
+        const auto found =
+            drift.kind != DriftKind::kMissing ? places.end() : places.find(keyOf(drift.wanted));
+        if (found != places.end() && !found->second.empty()) {
             drift.kind = DriftKind::kDiffers;
-            drift.atHost = *found;
-            known.erase(found);
+            drift.atHost = *found->second.front();
+            known.erase(found->second.front());
+            found->second.pop_front();
         }
     }
 }
@@ -141,12 +146,8 @@ std::vector<Drift> FindDrift(int rvId, const Json::Value& answer) {
     for (const Json::Value& record : answer) {
         drifts.emplace_back().wanted = RecordAtHost(rvId, record);
     }
-    TakeMatches(drifts, known, [](const RecShare& share, const RecShare& wanted) {
-        return share.GetIdOnRec() == wanted.GetIdOnRec();
-    });
-    TakeMatches(drifts, known, [](const RecShare& share, const RecShare& wanted) {
-        return share.GetPath() == wanted.GetPath();
-    });
+    TakeMatches<int>(drifts, known, [](const RecShare& share) { return share.GetIdOnRec(); });
+    TakeMatches<std::string>(drifts, known, [](const RecShare& share) { return share.GetPath(); });
     for (Drift& drift : drifts) {
         if (drift.kind == DriftKind::kDiffers) {
             drift.fields = DifferingFields(drift.atHost, drift.wanted);
