@@ -1,7 +1,9 @@
 """Servers of remote folders that fail: each failure has its code, harms nothing and ends in time."""
 
+import contextlib
 import os
 import socket
+import threading
 import time
 
 import pytest
@@ -48,7 +50,7 @@ def nothing_is_left(node, admin):
 
 
 @pytest.mark.parametrize("export, code", [("/denied", 433), ("/stale", 440), ("/version", 435), ("/option", 436), ("/driver", 439),
-                                          ("/odd", 412), ("/nosuch", 427), ("/slow", 441)])
+                                          ("/odd", 412), ("/nosuch", 427)])
 def test_what_the_mount_program_says_becomes_a_code(node, admin, port, export, code):
     node.allow("mounting at")
     answer = mount(admin, port, export, nfs_version="3", protocol="tcp")
@@ -64,6 +66,36 @@ def test_a_missing_mount_program_has_its_code(node, admin, port):
         assert mount(admin, port)["error"] == {"code": 439}
     finally:
         node.inside("umount", "/usr/sbin/mount.nfs")
+    assert nothing_is_left(node, admin)
+
+
+def test_a_slow_mount_program_has_its_code_and_keeps_others_from_its_place(node, admin, port):
+    node.allow("mounting at")
+    slow = {}
+    first = threading.Thread(target=lambda: slow.update(mount(node.client("admin"), port, "/slow")))
+    first.start()
+    wait_until(lambda: os.listdir(f"{node.state}/run/mounts"), "the mount program runs")
+    begin = time.monotonic()
+    assert mount(admin, port, "/odd")["error"] == {"code": 438}
+    assert time.monotonic() - begin < 20
+    first.join()
+    assert slow["error"] == {"code": 441}
+    assert nothing_is_left(node, admin)
+
+
+def test_a_host_that_drops_packets_has_its_code(node, admin):
+    """A full queue of connections: what asks for another one is dropped without a word."""
+    node.allow("mounting at")
+    with socket.socket() as listener, contextlib.ExitStack() as waiting:
+        listener.bind(("127.0.0.1", 0))
+        listener.listen(0)
+        for _ in range(3):
+            client = waiting.enter_context(socket.socket())
+            client.setblocking(False)
+            client.connect_ex(listener.getsockname())
+        begin = time.monotonic()
+        assert mount(admin, listener.getsockname()[1])["error"] == {"code": 424}
+        assert 5 < time.monotonic() - begin < 30
     assert nothing_is_left(node, admin)
 
 
