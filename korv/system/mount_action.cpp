@@ -57,10 +57,11 @@ MountEnd EndOf(const ChildEnd& child) {
     end.output = child.output;
     if (!child.isInTime) {
         end.failure = MountFailure::kTooSlow;
-    } else if (child.exitCode >= 0) {
-        end.failure = child.exitCode == 0 ? MountFailure::kNone
-                                          : static_cast<MountFailure>(child.exitCode + kFirstCode);
-    }
+    } else if (child.exitCode == 0) {
+        end.failure = MountFailure::kNone;
+    } else if (child.exitCode > 0 && child.exitCode <= ExitOf(MountFailure::kTooSlow)) {
+        end.failure = static_cast<MountFailure>(child.exitCode + kFirstCode);
+    }  // else it died or threw
     return end;
 }
 

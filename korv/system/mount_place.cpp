@@ -283,8 +283,11 @@ OpenedPlace ReopenMountFolder(const MountPlace& place, MountFolderState& state) 
 void ReleaseMountFolder(const MountPlace& place, const MountFolderState& state) {
     const FileDescriptor share = OpenShare(place);
     const FileDescriptor folder(TryOpen(share.Get(), place.below));
+    if (!folder && errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {
+        throw std::system_error(errno, std::generic_category(), "cannot open a mount point");
+    }
     if (!folder) {
-        return;
+        return;  // somebody has taken it away
     }
     Unguard(folder.Get(), state);
     const FileDescriptor above(TryOpen(share.Get(), ParentOf(place.below)));

@@ -140,6 +140,19 @@ def test_a_mount_above_the_mount_point(node, admin, nfs_mount):
     assert reconnect(admin) is None
 
 
+def test_a_mount_that_another_one_covers_is_not_forgotten(node, admin, nfs_mount):
+    node.allow("unmounting")
+    assert reconnect(admin) is None
+    node.inside("mount", "-t", "tmpfs", "tmpfs", f"{SHARE}/deep")
+    try:
+        assert admin.call(MOUNT_API, "unmount", mount_point=POINT)["error"] == {"code": 412}
+        assert [each["mount_point"] for each in listed(admin)] == [POINT]
+    finally:
+        node.inside("umount", f"{SHARE}/deep")
+    assert admin.call(MOUNT_API, "unmount", mount_point=POINT)["success"]
+    assert node.inside("ls", "-A", f"{SHARE}/deep") == ""
+
+
 def test_a_link_in_the_place_of_the_mount_point(node, admin, nfs_mount):
     node.inside("chattr", "-i", POINT)
     node.inside("rmdir", POINT)
