@@ -1,5 +1,6 @@
 // The web API "KORV.Core.Job": long work on shares.
 
+#include <map>
 #include <string>
 
 #include "platform/korv/api_table.h"
@@ -10,17 +11,27 @@
 #include "korv/services/share_error.h"
 #include "korv/system/job_store.h"
 #include "korv/system/move_job.h"
+#include "korv/system/share_store.h"
 
 namespace {
 
 constexpr const char* kApi = "KORV.Core.Job";
 
-Json::Value JobData(const korv::JobRow& job) {
-    const auto share = korv::FindShareByToken(job.shareToken);
+// The names of the shares there are, by token.
+std::map<std::string, std::string> ShareNames() {
+    std::map<std::string, std::string> names;
+    for (const korv::ShareRow& share : korv::ListShares()) {
+        names[share.token] = share.name;
+    }
+    return names;
+}
+
+Json::Value JobData(const korv::JobRow& job, const std::map<std::string, std::string>& names) {
+    const auto name = names.find(job.shareToken);
     Json::Value data(Json::objectValue);
     data["id"] = std::to_string(job.id);
     data["kind"] = korv::NameOf(job.kind);
-    data["share"] = share ? share->name : job.share;
+    data["share"] = name != names.end() ? name->second : job.share;
     data["state"] = korv::NameOf(job.state);
     data["percent"] = job.percent;
     data["finish"] = job.IsOver();
@@ -36,9 +47,10 @@ void List(KORV::APIRequest* request, KORV::APIResponse* response) {
     if (!korv::AdmitAdministrator(*request, *response)) {
         return;
     }
+    const std::map<std::string, std::string> names = ShareNames();
     Json::Value jobs(Json::arrayValue);
     for (const korv::JobRow& job : korv::ListJobs()) {
-        jobs.append(JobData(job));
+        jobs.append(JobData(job, names));
     }
     Json::Value data(Json::objectValue);
     data["total"] = jobs.size();
