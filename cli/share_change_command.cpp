@@ -51,9 +51,15 @@ struct DeleteOptions {
     bool yes = false;
 };
 
-// Of this server's own folder as it is now: the list may be a few seconds old.
-bool IsEncrypted(Client& client, const Json::Value& share) {
-    if (share["shareRvId"].asInt() != 0) {
+bool IsOwn(const Json::Value& share) { return share["shareRvId"].asInt() == 0; }
+
+// As it will be once the job under way is over; without one, of this server's own folder as it is now: the
+// list may be a few seconds old.
+bool IsEncrypted(Client& client, const Json::Value& share, const Json::Value& job) {
+    if (IsUnderWay(job)) {
+        return Cell(job, "kind") == "encrypt";
+    }
+    if (!IsOwn(share)) {
         return share["encType"].asInt() != 0;
     }
     Json::Value parameters(Json::objectValue);
@@ -61,7 +67,23 @@ bool IsEncrypted(Client& client, const Json::Value& share) {
     return client.Call(kNasApi, "get", parameters)["encryption"].asInt() != 0;
 }
 
-Json::Value EditParameters(Client& client, const EditOptions& options, const Json::Value& share) {
+// Throws InputError for what can't be changed while the job goes on.
+void CheckAgainstJob(const EditOptions& options, const Json::Value& share, const Json::Value& job) {
+    if (!IsUnderWay(job)) {
+        return;
+    }
+    const bool isEncrypting = Cell(job, "kind") == "encrypt";
+    const bool isRenamed = options.name.has_value() && *options.name != Cell(share, "shareName");
+    if (isRenamed || (isEncrypting ? options.decrypt : options.encrypt)) {
+        const std::string id = Cell(job, "id");
+        throw InputError("the files of " + Cell(share, "shareName") + " are being " +
+                         (isEncrypting ? "encrypted" : "decrypted") + "; wait for it (`pavane job follow " +
+                         id + "`) or cancel it (`pavane job cancel " + id + "`) first");
+    }
+}
+
+Json::Value EditParameters(Client& client, const EditOptions& options, const Json::Value& share,
+                           const Json::Value& job) {
     Json::Value parameters(Json::objectValue);
     parameters["shareId"] = share["shareId"];
     parameters["rvId"] = share["shareRvId"];
@@ -71,48 +93,81 @@ Json::Value EditParameters(Client& client, const EditOptions& options, const Jso
     parameters["blRecLimit"] =
         options.limitGB.has_value() || (share["enableRecLimit"].asBool() && !options.noLimit);
     parameters["recLimitGB"] = options.limitGB.value_or(share["recLimitGB"].asInt());
-    parameters["blEncryption"] = options.encrypt || (IsEncrypted(client, share) && !options.decrypt);
+    parameters["blEncryption"] = options.encrypt || (IsEncrypted(client, share, job) && !options.decrypt);
     if (options.encrypt) {
         parameters["encPasswd"] = options.password.Read("Password to encrypt the share with: ");
     }
     return parameters;
 }
 
-// The job that moves the data of this server's shared folder `name`; "" when there is none.
-std::string MovingJob(Client& client, const std::string& name) {
-    constexpr int kNoJob = 3314;
-    Json::Value parameters(Json::objectValue);
-    parameters["name"] = name;
-    try {
-        return Cell(client.Call(kNasApi, "move_status", parameters), "task_id");
-    } catch (const Refused& refused) {
-        if (refused.code != kNoJob) {
-            throw;
-        }
-        return "";
+// A job that has failed before anybody could look at it is followed to its end, too.
+bool ShowMove(Client& client, const Json::Value& job, bool noWait) {
+    const std::string id = Cell(job, "id");
+    if (noWait && IsUnderWay(job)) {
+        PrintLine("job " + id + " moves its data; `pavane job follow " + id + "` shows how far it is");
+        return true;
     }
+    return FollowJob(client, id);
 }
 
 void Edit(Context& context, const EditOptions& options) {
     Client client = context.MakeClient();
     const Json::Value share = FindShare(client, options.share, options.server);
-    const Json::Value parameters = EditParameters(client, options, share);
+    const Json::Value before = IsOwn(share) ? NewestJob(client, Cell(share, "shareName")) : Json::Value();
+    CheckAgainstJob(options, share, before);
+    const Json::Value parameters = EditParameters(client, options, share, before);
     const Json::Value data = client.Call(kApi, "EditRecShare", parameters);
     if (context.json) {
         PrintJson(data);
         return;
     }
     PrintLine("recording share " + std::to_string(options.share) + " is changed");
-    const bool isMoving = (options.encrypt || options.decrypt) && share["shareRvId"].asInt() == 0;
-    const std::string job = isMoving ? MovingJob(client, Cell(parameters, "shareName")) : "";
-    if (job.empty()) {
+    if (!(options.encrypt || options.decrypt) || !IsOwn(share)) {
         return;
     }
-    if (options.noWait) {
-        PrintLine("job " + job + " moves its data; `pavane job follow " + job + "` shows how far it is");
-    } else {
-        context.hasFailed = !FollowJob(client, job);
+    const Json::Value job = NewestJob(client, Cell(parameters, "shareName"));
+    if (IsUnderWay(job) || Cell(job, "id") != Cell(before, "id")) {
+        context.hasFailed = !ShowMove(client, job, options.noWait);
     }
+}
+
+// The names of this server's `folders` that are still there. Nothing is known to those who may not ask.
+std::vector<std::string> Remaining(Client& client, const std::vector<std::string>& folders) {
+    constexpr int kNotAllowed = 105, kNoSuchShare = 3303;
+    std::vector<std::string> remaining;
+    for (const std::string& name : folders) {
+        Json::Value parameters(Json::objectValue);
+        parameters["name"] = name;
+        try {
+            client.Call(kNasApi, "get", parameters);
+            remaining.push_back(name);
+        } catch (const Refused& refused) {
+            if (refused.code != kNoSuchShare && refused.code != kNotAllowed) {
+                throw;
+            }
+        }
+    }
+    return remaining;
+}
+
+void ShowDeleted(bool areFoldersKept, const std::vector<std::string>& remaining) {
+    if (areFoldersKept) {
+        PrintLine("no recording shares any more; the folders are kept");
+        return;
+    }
+    if (remaining.empty()) {
+        PrintLine("deleted");
+        return;
+    }
+    PrintLine("no recording shares any more, but these folders stay with all that is in them:");
+    for (const std::string& name : remaining) {
+        PrintLine("  " + name);
+    }
+    PrintLine(
+        "Files of them are open, something is mounted in them, or a job works on them; korvd.log on the");
+    PrintLine(
+        "server tells which. Stop that, make them recording shares again (`pavane share create NAME ...");
+    PrintLine("--adopt`) and delete them anew.");
 }
 
 // Whether the person at the terminal wants that. Throws InputError when not.
@@ -127,11 +182,12 @@ void Confirm() {
     }
 }
 
-void Delete(const Context& context, const DeleteOptions& options) {
+void Delete(Context& context, const DeleteOptions& options) {
     Client client = context.MakeClient();
     Json::Value parameters(Json::objectValue);
     parameters["blKeepOskShare"] = options.keepFolder;
     parameters["delShareList"] = Json::Value(Json::arrayValue);
+    std::vector<std::string> folders;
     Table table(
         {{"ID", Align::kRight}, {"NAME"}, {"PATH"}, {"SERVER", Align::kRight}, {"CAMERAS", Align::kRight}});
     for (const int id : options.shares) {
@@ -141,6 +197,9 @@ void Delete(const Context& context, const DeleteOptions& options) {
         item["shareRvId"] = share["shareRvId"];
         item["sharePath"] = share["sharePath"];
         parameters["delShareList"].append(item);
+        if (IsOwn(share) && share["mountType"].asInt() == 0) {
+            folders.push_back(Cell(share, "shareName"));
+        }
         table.Add({Cell(share, "shareId"), Cell(share, "shareName"), Cell(share, "sharePath"),
                    Cell(share, "shareRvId"), Cell(share, "camCnt")});
     }
@@ -150,12 +209,17 @@ void Delete(const Context& context, const DeleteOptions& options) {
                                      : "They will be deleted, with their folders and all that is in them.");
         Confirm();
     }
-    const Json::Value data = client.Call(kApi, "DelRecShare", parameters);
-    if (context.json) {
-        PrintJson(data);
-    } else {
-        PrintLine(options.keepFolder ? "no recording shares any more; the folders are kept" : "deleted");
+    Json::Value data = client.Call(kApi, "DelRecShare", parameters);
+    const auto remaining = options.keepFolder ? std::vector<std::string>() : Remaining(client, folders);
+    context.hasFailed = !remaining.empty();
+    if (!context.json) {
+        ShowDeleted(options.keepFolder, remaining);
+        return;
     }
+    for (const std::string& name : remaining) {
+        data["remainingFolders"].append(name);
+    }
+    PrintJson(data);
 }
 
 // Only a share's owner knows what is moved out of it; of another server's share this one asks the owner.

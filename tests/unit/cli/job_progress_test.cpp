@@ -50,3 +50,23 @@ TEST(JobProgress, TheEndTellsTheReason) {
     EXPECT_EQ(failed.rfind("encrypting rec failed: ", 0), 0U) << failed;
     EXPECT_GT(failed.size(), std::string("encrypting rec failed: ").size());
 }
+
+TEST(JobProgress, AWaitingJobSaysWhatItWaitsFor) {
+    EXPECT_EQ(cli::JobStateText(Job("encrypt", "progressing", 10, 0)), "encrypting rec goes on");
+    EXPECT_EQ(cli::JobStateText(Job("encrypt", "waiting", 0, 0)), "encrypting rec is about to begin");
+    EXPECT_EQ(cli::JobStateText(Job("decrypt", "waiting", 10, 3328)),
+              "decrypting rec waits until the shared folder is unlocked");
+    EXPECT_EQ(cli::JobStateText(Job("encrypt", "waiting", 10, 3305)),
+              "encrypting rec waits until nobody uses its files and nothing is mounted in it");
+    EXPECT_EQ(cli::JobStateText(Job("encrypt", "waiting", 10, kNoSpace)),
+              "encrypting rec waits for free space on its volume");
+}
+
+TEST(JobProgress, OnlyAJobThatIsNotOverIsUnderWay) {
+    Json::Value job = Job("encrypt", "waiting", 0, 0);
+    job["finish"] = false;
+    EXPECT_TRUE(cli::IsUnderWay(job));
+    job["finish"] = true;
+    EXPECT_FALSE(cli::IsUnderWay(job));
+    EXPECT_FALSE(cli::IsUnderWay(Json::Value()));
+}
