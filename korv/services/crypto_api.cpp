@@ -86,6 +86,11 @@ void Decrypt(KORV::APIRequest* request, KORV::APIResponse* response) {
     }
     const Json::Value params = korv::ParamsOf(*request);
     const auto share = FindEncrypted(params, *response);
+    // A job that moves its data may wait for just that.
+    if (share && korv::IsShareBeingRenamedOrRemoved(share->token)) {
+        response->SetError(korv::kShareInUse, Json::Value());
+        return;
+    }
     auto password = share ? PasswordFor(*share, params, *response) : std::nullopt;
     if (password) {
         const korv::CipherEnd end = korv::UnlockShare(*share, *password);

@@ -84,6 +84,14 @@ std::vector<ShareRemovalRow> ListShareRemovals() {
     return rows;
 }
 
+bool IsShareBeingRenamedOrRemoved(const std::string& token) {
+    int count = 0;
+    Database() << "select (select count(*) from share_rename where token = :token)"
+                  " + (select count(*) from share_removal where token = :token)",
+        soci::use(token, "token"), soci::into(count);
+    return count != 0;
+}
+
 bool IsShareChanging(const std::string& token) {
     int count = 0;
     Database() << "select (select count(*) from share_rename where token = :token)"

@@ -44,7 +44,10 @@ void PostponeShareRemoval(const std::string& token, bool isHidden, long long unt
 void DropShareRemoval(const std::string& token);
 std::vector<ShareRemovalRow> ListShareRemovals();
 
-// True when somebody is about to rename or remove the share of `token`, or its data are being moved.
+// True when somebody is about to rename or remove the share of `token`.
+bool IsShareBeingRenamedOrRemoved(const std::string& token);
+
+// The same, or its data are being moved.
 bool IsShareChanging(const std::string& token);
 
 // Takes the remote mounts in the folder `oldPath` along to `newPath`.

@@ -14,6 +14,7 @@
 #include "korv/framework/api_registry.h"
 #include "korv/framework/module_loader.h"
 #include "korv/system/encrypted_share.h"
+#include "korv/system/share_change_store.h"
 #include "korv/system/share_creation.h"
 #include "tests/unit/korv/private_machine.h"
 
@@ -86,6 +87,18 @@ protected:
 
     static std::string File() { return machine::StateFolder() + "/video.key"; }
 };
+
+TEST_F(CryptoApi, AShareThatIsBeingRemovedOrRenamedIsNeitherUnlockedNorLocked) {
+    const korv::ShareRow share = *korv::FindShare("video");
+    korv::SaveShareRemoval({share.token, share.name, share.volPath, false, 0, korv::ThisProcess()});
+    constexpr int kInUse = 3305;
+    EXPECT_EQ(CodeOf(Call("decrypt", "video", kPassword)), kInUse);
+    EXPECT_EQ(CodeOf(Call("lock", "video")), kInUse);
+    EXPECT_EQ(korv::EncryptionOf(share), korv::ShareEncryption::kLocked);
+    korv::DropShareRemoval(share.token);
+    EXPECT_EQ(CodeOf(Call("decrypt", "video", kPassword)), 0);
+    EXPECT_EQ(korv::EncryptionOf(share), korv::ShareEncryption::kUnlocked);
+}
 
 TEST_F(CryptoApi, LocksAndUnlocks) {
     EXPECT_EQ(CodeOf(Call("decrypt", "video", "wrong")), 3328);
