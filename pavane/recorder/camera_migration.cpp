@@ -22,10 +22,18 @@ std::string MigrationFolder() { return KORV::GetConfiguration().stateDir + "/mig
 
 [[noreturn]] void Fail(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
 
-// Between single quotes a value of the key-value format stands as it is.
-bool CanBeQuoted(const std::string& text) {
-    return text.find('\'') == std::string::npos &&
-           std::all_of(text.begin(), text.end(), [](unsigned char byte) { return byte >= ' '; });
+// A line of the key-value format holds everything but the end of a line.
+bool IsOneLine(const std::string& text) {
+    return std::all_of(text.begin(), text.end(), [](unsigned char byte) { return byte >= ' '; });
+}
+
+std::string Quoted(const std::string& text) {
+    std::string quoted = "\"";
+    for (const char character : text) {
+        quoted += character == '"' || character == '\\' ? "\\" : "";
+        quoted += character;
+    }
+    return quoted + "\"";
 }
 
 void WriteFile(const std::string& path, const std::string& text) {
@@ -70,7 +78,7 @@ void StartCameraMigration(int camId, const std::string& sourceDir) {
     if (GetCamOwnerRvId(camId) != 0) {
         throw std::invalid_argument("no such camera of this server");
     }
-    if (sourceDir.empty() || sourceDir.front() != '/' || !CanBeQuoted(sourceDir)) {
+    if (sourceDir.empty() || sourceDir.front() != '/' || !IsOneLine(sourceDir)) {
         throw std::invalid_argument("not the path of a recording folder");
     }
     if (mkdir(MigrationFolder().c_str(), kFolderMode) != 0 && errno != EEXIST) {
@@ -78,7 +86,7 @@ void StartCameraMigration(int camId, const std::string& sourceDir) {
     }
     const std::string path = GetRecMigrateTmpFilePath(camId);
     const std::string fresh = path + ".new." + std::to_string(getpid());  // two may start it at once
-    WriteFile(fresh, "srcDir='" + sourceDir + "'\n");
+    WriteFile(fresh, "srcDir=" + Quoted(sourceDir) + "\n");
     if (rename(fresh.c_str(), path.c_str()) != 0) {
         const int error = errno;
         unlink(fresh.c_str());

@@ -41,7 +41,8 @@ protected:
 
 TEST_F(CameraMigration, ItsFileNamesTheSourceWhileItRuns) {
     EXPECT_FALSE(fs::exists(GetRecMigrateTmpFilePath(m_own)));
-    for (const char* source : {"/volume1/rec/door", "/volume1/a \"b\" $c #\\d", "/volume1/\xC3\xA4/x=y"}) {
+    for (const char* source : {"/volume1/rec/door", "/volume1/a \"b\" $c #\\d", "/volume1/it's/\\\\\"'",
+                               "/volume1/\xC3\xA4/x=y"}) {
         pavane::StartCameraMigration(m_own, source);
         EXPECT_EQ(SourceOf(m_own), source);
     }
@@ -56,7 +57,7 @@ TEST_F(CameraMigration, ItsFileNamesTheSourceWhileItRuns) {
 TEST_F(CameraMigration, OnlyCamerasOfThisServerMigrateAndFromCleanPaths) {
     EXPECT_THROW(pavane::StartCameraMigration(m_other, "/volume1/rec/yard"), std::invalid_argument);
     EXPECT_THROW(pavane::StartCameraMigration(999999, "/volume1/rec/yard"), std::invalid_argument);
-    for (const char* source : {"", "volume1/rec", "/volume1/it's", "/volume1/new\nsrcDir=/etc"}) {
+    for (const char* source : {"", "volume1/rec", "/volume1/new\nsrcDir=/etc"}) {
         EXPECT_THROW(pavane::StartCameraMigration(m_own, source), std::invalid_argument) << source;
     }
     EXPECT_FALSE(fs::exists(GetRecMigrateTmpFilePath(m_own)));
