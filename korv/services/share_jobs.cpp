@@ -17,6 +17,8 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 
+#include "platform/korv/configuration.h"
+
 #include "korv/framework/log.h"
 #include "korv/framework/service_process.h"
 #include "korv/system/database.h"
@@ -66,7 +68,8 @@ void RunJob(long long id, const std::function<bool()>& shouldStop) {
 
 void FreeSpace(const std::function<bool()>& shouldStop) {
     Log("freeing the space of removed shares", [&] {
-        for (const std::string& trouble : FreeRemovedShares(time(nullptr), shouldStop)) {
+        for (const std::string& trouble :
+             FreeRemovedShares(time(nullptr), KORV::GetConfiguration().volumes, shouldStop)) {
             LogLine(trouble);
         }
     });
@@ -115,7 +118,7 @@ private:
     std::vector<long long> Due() {
         const long long now_s = time(nullptr);
         std::vector<long long> due;
-        if (!m_children.contains(kFreeing) && IsSpaceToFree(now_s)) {
+        if (!m_children.contains(kFreeing) && IsSpaceToFree(now_s, KORV::GetConfiguration().volumes)) {
             due.push_back(kFreeing);
         }
         for (const JobRow& job : ListJobsUnderWay()) {
@@ -176,6 +179,11 @@ int RunShareJobs() {
     prctl(PR_SET_NAME, "korvd-moves");
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     Log("forgetting the passwords of jobs that are over", ForgetLostJobPasswords);
+    Log("a look for removed shares", [] {
+        for (const std::string& volume : VolumesOfForgottenSpace(KORV::GetConfiguration().volumes)) {
+            LogLine("data of removed shares stay on " + volume + ", which is not configured");
+        }
+    });
     Keeper keeper;
     do {
         keeper.Round();

@@ -23,21 +23,30 @@ void Log(const std::vector<std::string>& troubles) {
     }
 }
 
+void Export() {
+    if (const std::string trouble = ExportSharesToSamba(); !trouble.empty()) {
+        Log({trouble});
+    }
+}
+
 }  // namespace
 
 void RecoverDeadMakers() {
     const std::vector<std::string>& volumes = KORV::GetConfiguration().volumes;
     Log(RecoverShareCreations(volumes));
-    Log(RecoverShareRenames());
-    Log(RecoverShareRemovals(volumes));
+    const Recovery renames = RecoverShareRenames();
+    Log(renames.troubles);
+    const Recovery removals = RecoverShareRemovals(volumes);
+    Log(removals.troubles);
     Log(RecoverShareGrants(volumes));
+    if (renames.hasChangedShares || removals.hasChangedShares) {
+        Export();
+    }
 }
 
 void RecoverShares() {
     RecoverDeadMakers();
-    if (const std::string trouble = ExportSharesToSamba(); !trouble.empty()) {
-        Log({trouble});
-    }
+    Export();
     CloseDatabase();
 }
 

@@ -9,7 +9,8 @@ namespace korv {
 void RecoverShares();
 
 // The same for a worker, which does so before it decides whether a name is free: finishes or undoes what dead
-// processes have left of creations and grants. Costs two small queries when there is nothing to do.
+// processes have left of changes, and tells Samba of shares that got another name or went that way. Costs
+// four small queries when there is nothing to do.
 void RecoverDeadMakers();
 
 }  // namespace korv

@@ -3,6 +3,7 @@
 #include <exception>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "korv/system/process_identity.h"
 
@@ -22,6 +23,12 @@ enum class ChangeEnd : int {
 struct ChangeOutcome {
     ChangeEnd end = ChangeEnd::kFailed;
     std::string reason;  // for the log; empty when nothing went wrong
+};
+
+// What a recovery has done.
+struct Recovery {
+    bool hasChangedShares = false;
+    std::vector<std::string> troubles;  // what could not be done, for the log
 };
 
 // Thrown by parts of a change.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ctime>
 #include <optional>
+#include <set>
 #include <system_error>
 
 #include "korv/system/database.h"
@@ -150,6 +151,12 @@ void Postpone(const ShareRemovalRow& row, long long until_s) {
     transaction.Commit();
 }
 
+bool IsOn(const std::vector<std::string>& volumes, const ShareRemovalRow& row) {
+    return std::find(volumes.begin(), volumes.end(), row.volPath) != volumes.end();
+}
+
+bool IsDue(const ShareRemovalRow& row, long long now_s) { return row.isHidden && row.nextTry_s <= now_s; }
+
 // Empty when nothing of it is left.
 std::string Free(const ShareRemovalRow& row, const std::function<bool()>& shouldStop) {
     const FileDescriptor volume = OpenVolume(row.volPath);
@@ -196,39 +203,50 @@ ChangeOutcome RemoveShare(const ShareRow& share, const RemovalObserver& observer
     return outcome;
 }
 
-std::vector<std::string> RecoverShareRemovals(const std::vector<std::string>& volumes) {
-    std::vector<std::string> troubles;
+Recovery RecoverShareRemovals(const std::vector<std::string>& volumes) {
+    Recovery recovery;
     for (const ShareRemovalRow& seen : ListShareRemovals()) {
         if (seen.isHidden || seen.nextTry_s > time(nullptr) || !IsGivenUp(seen.maker)) {
             continue;
         }
         bool isClaimed = false;
         const ChangeOutcome outcome = TryChange([&] {
-            const bool isKnown = std::find(volumes.begin(), volumes.end(), seen.volPath) != volumes.end();
-            isClaimed = ClaimGivenUp(seen.token, isKnown);
+            isClaimed = ClaimGivenUp(seen.token, IsOn(volumes, seen));
             if (isClaimed) {
                 CarryOnOrTakeBack(seen);
             }
         });
-        if (outcome.end != ChangeEnd::kDone) {
-            troubles.push_back("a removal on " + seen.volPath + " is kept for later: " + outcome.reason +
-                               (isClaimed ? PutOff(seen) : ""));
+        if (outcome.end == ChangeEnd::kDone) {
+            recovery.hasChangedShares |= isClaimed;
+        } else {
+            recovery.troubles.push_back("a removal on " + seen.volPath + " is kept for later: " +
+                                        outcome.reason + (isClaimed ? PutOff(seen) : ""));
         }
     }
-    return troubles;
+    return recovery;
 }
 
-bool IsSpaceToFree(long long now_s) {
-    int count = 0;
-    Database() << "select count(*) from share_removal where is_hidden = 1 and next_try_s <= :now",
-        soci::use(now_s), soci::into(count);
-    return count != 0;
+bool IsSpaceToFree(long long now_s, const std::vector<std::string>& volumes) {
+    const auto rows = ListShareRemovals();
+    return std::any_of(rows.begin(), rows.end(),
+                       [&](const ShareRemovalRow& row) { return IsDue(row, now_s) && IsOn(volumes, row); });
 }
 
-std::vector<std::string> FreeRemovedShares(long long now_s, const std::function<bool()>& shouldStop) {
+std::vector<std::string> VolumesOfForgottenSpace(const std::vector<std::string>& volumes) {
+    std::set<std::string> forgotten;
+    for (const ShareRemovalRow& row : ListShareRemovals()) {
+        if (row.isHidden && !IsOn(volumes, row)) {
+            forgotten.insert(row.volPath);
+        }
+    }
+    return {forgotten.begin(), forgotten.end()};
+}
+
+std::vector<std::string> FreeRemovedShares(long long now_s, const std::vector<std::string>& volumes,
+                                           const std::function<bool()>& shouldStop) {
     std::vector<std::string> troubles;
     for (const ShareRemovalRow& row : ListShareRemovals()) {
-        if (!row.isHidden || row.nextTry_s > now_s || shouldStop()) {
+        if (!IsDue(row, now_s) || !IsOn(volumes, row) || shouldStop()) {
             continue;
         }
         std::string trouble;

@@ -24,15 +24,21 @@ ChangeOutcome RemoveShare(const ShareRow& share, const RemovalObserver& observer
 // Carries on with every removal whose maker died, until the share is out of sight; takes back those that this
 // very process has refused and could not take back then. One that can't go on now is kept for later, and
 // forgotten when `volumes`, the configured ones, no longer hold its volume. Safe to run in several processes
-// at once. Returns what could not be done, for the log.
-std::vector<std::string> RecoverShareRemovals(const std::vector<std::string>& volumes);
+// at once.
+Recovery RecoverShareRemovals(const std::vector<std::string>& volumes);
 
-// True when there is space of removed shares to free at `now_s`, unix seconds.
-bool IsSpaceToFree(long long now_s);
+// True when there is space of removed shares to free at `now_s`, unix seconds, on one of `volumes`, the
+// configured ones.
+bool IsSpaceToFree(long long now_s, const std::vector<std::string>& volumes);
 
-// Frees the space of all removed shares, without following links. Blocks for as long as that takes or until
-// `shouldStop` says so; what can't be removed now is tried again some minutes later. For one process at a
-// time. Returns what could not be done, for the log.
-std::vector<std::string> FreeRemovedShares(long long now_s, const std::function<bool()>& shouldStop);
+// The volumes that are none of the configured `volumes` and hold data of removed shares. Those are freed if
+// the volume is ever configured again.
+std::vector<std::string> VolumesOfForgottenSpace(const std::vector<std::string>& volumes);
+
+// Frees the space of all removed shares on `volumes`, without following links. Blocks for as long as that
+// takes or until `shouldStop` says so; what can't be removed now is tried again some minutes later. For one
+// process at a time. Returns what could not be done, for the log.
+std::vector<std::string> FreeRemovedShares(long long now_s, const std::vector<std::string>& volumes,
+                                           const std::function<bool()>& shouldStop);
 
 }  // namespace korv

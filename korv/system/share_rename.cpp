@@ -195,8 +195,8 @@ ChangeOutcome ChangeShare(const ShareRow& share, const ShareRow& wanted, const R
     });
 }
 
-std::vector<std::string> RecoverShareRenames() {
-    std::vector<std::string> troubles;
+Recovery RecoverShareRenames() {
+    Recovery recovery;
     for (const ShareRenameRow& seen : ListShareRenames()) {
         if (!IsGivenUp(seen.maker)) {
             continue;
@@ -209,15 +209,16 @@ std::vector<std::string> RecoverShareRenames() {
             }
         });
         if (outcome.end == ChangeEnd::kDone) {
+            recovery.hasChangedShares |= isClaimed;
             continue;
         }
-        troubles.push_back("a rename is kept for later: " + outcome.reason);
+        recovery.troubles.push_back("a rename is kept for later: " + outcome.reason);
         if (isClaimed && !IsThisProcess(seen.maker)) {
             // Failing this, the row stays this process's, which takes the rename back then.
             TryChange([&] { GiveUp(seen.token); });
         }
     }
-    return troubles;
+    return recovery;
 }
 
 }  // namespace korv

@@ -24,7 +24,7 @@ ChangeOutcome ChangeShare(const ShareRow& share, const ShareRow& wanted, const R
 
 // Finishes or undoes every rename whose maker is gone, and undoes those that this very process has reported
 // as failed and could not undo then; one whose volume isn't mounted now is kept for later. Safe to run in
-// several processes at once. Returns what could not be done, for the log.
-std::vector<std::string> RecoverShareRenames();
+// several processes at once.
+Recovery RecoverShareRenames();
 
 }  // namespace korv

@@ -3,13 +3,16 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include <sys/mount.h>
 
 #include "platform/korv/configuration.h"
 
+#include "korv/services/share_recovery.h"
 #include "korv/system/database.h"
 #include "korv/system/encrypted_share.h"
+#include "korv/system/samba_export.h"
 #include "korv/system/share_change_store.h"
 #include "tests/unit/korv/share_life.h"
 
@@ -24,7 +27,9 @@ constexpr long long kNow_s = 2'000'000'000;
 
 bool GoOn() { return false; }
 
-std::vector<std::string> Recover() { return korv::RecoverShareRemovals(KORV::GetConfiguration().volumes); }
+const std::vector<std::string>& Volumes() { return KORV::GetConfiguration().volumes; }
+
+std::vector<std::string> Recover() { return korv::RecoverShareRemovals(Volumes()).troubles; }
 
 class ShareRemovalTest : public ShareLifeTest {
 protected:
@@ -35,9 +40,9 @@ protected:
 
     // Nothing of removed shares is left, neither on the volume nor in the journal.
     static void ExpectFreed(const std::string& volume = machine::Volume()) {
-        EXPECT_TRUE(korv::IsSpaceToFree(kNow_s));
-        EXPECT_EQ(korv::FreeRemovedShares(kNow_s, GoOn), std::vector<std::string>());
-        EXPECT_FALSE(korv::IsSpaceToFree(kNow_s));
+        EXPECT_TRUE(korv::IsSpaceToFree(kNow_s, Volumes()));
+        EXPECT_EQ(korv::FreeRemovedShares(kNow_s, Volumes(), GoOn), std::vector<std::string>());
+        EXPECT_FALSE(korv::IsSpaceToFree(kNow_s, Volumes()));
         EXPECT_TRUE(korv::ListShareRemovals().empty());
         for (const auto& entry : fs::recursive_directory_iterator(volume)) {
             EXPECT_TRUE(entry.is_directory() && entry.path().string().find("/.korv") != std::string::npos)
@@ -62,8 +67,8 @@ TEST_F(ShareRemovalTest, TakesRowAndFolderAwayAtOnceAndFreesLater) {
     ExpectGone(share);
     EXPECT_FALSE(korv::IsShareNameTaken("rec"));
     const korv::ShareRow again = Make("rec");
-    EXPECT_TRUE(korv::IsSpaceToFree(kNow_s));
-    EXPECT_TRUE(korv::FreeRemovedShares(kNow_s, GoOn).empty());
+    EXPECT_TRUE(korv::IsSpaceToFree(kNow_s, Volumes()));
+    EXPECT_TRUE(korv::FreeRemovedShares(kNow_s, Volumes(), GoOn).empty());
     ExpectUntouched(again);
     EXPECT_EQ(machine::Entries(machine::Volume()), std::vector<std::string>{"rec"});
     EXPECT_TRUE(fs::exists(outside + "/kept"));
@@ -104,7 +109,7 @@ TEST_F(ShareRemovalTest, RefusesWhileSomethingUsesTheShare) {
         ExpectUntouched(share);
         umount2((share.Path() + "/fern").c_str(), 0);
         EXPECT_EQ(korv::RemoveShare(share).end, ChangeEnd::kDone);
-        EXPECT_TRUE(korv::FreeRemovedShares(kNow_s, GoOn).empty());
+        EXPECT_TRUE(korv::FreeRemovedShares(kNow_s, Volumes(), GoOn).empty());
     }
 }
 
@@ -165,9 +170,9 @@ TEST_F(ShareRemovalTest, WhatHasGotFurtherIsNotPutBackByWhoSawItBefore) {
     const korv::ShareRow share = Make("rec");
     ASSERT_EQ(korv::RemoveShare(share).end, ChangeEnd::kDone);
     korv::PostponeShareRemoval(share.token, false, kNow_s + 1);
-    EXPECT_TRUE(korv::IsSpaceToFree(kNow_s));
+    EXPECT_TRUE(korv::IsSpaceToFree(kNow_s, Volumes()));
     korv::PostponeShareRemoval(share.token, true, kNow_s + 1);
-    EXPECT_FALSE(korv::IsSpaceToFree(kNow_s));
+    EXPECT_FALSE(korv::IsSpaceToFree(kNow_s, Volumes()));
     EXPECT_TRUE(korv::ListShareRemovals().at(0).isHidden);
 }
 
@@ -187,6 +192,35 @@ TEST_F(ShareRemovalTest, OthersCanWriteWhileARecoveryWaitsForAMount) {
     ExpectFreed();
 }
 
+TEST_F(ShareRemovalTest, OnAVolumeNoLongerConfiguredWaitsInSilence) {
+    const korv::ShareRow share = Make("rec");
+    ASSERT_EQ(korv::RemoveShare(share).end, ChangeEnd::kDone);
+    EXPECT_FALSE(korv::IsSpaceToFree(kNow_s, {}));
+    EXPECT_EQ(korv::FreeRemovedShares(kNow_s, {}, GoOn), std::vector<std::string>());
+    EXPECT_EQ(korv::VolumesOfForgottenSpace({}), std::vector<std::string>{machine::Volume()});
+    EXPECT_EQ(korv::VolumesOfForgottenSpace(Volumes()), std::vector<std::string>());
+    ExpectFreed();
+    EXPECT_EQ(korv::VolumesOfForgottenSpace({}), std::vector<std::string>());
+}
+
+TEST_F(ShareRemovalTest, ARecoveryTellsSamba) {
+    const auto isExported = [] {
+        std::ifstream file(machine::SambaInclude());
+        const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        return text.find("[rec]") != std::string::npos;
+    };
+    const korv::ShareRow share = Make("rec");
+    ASSERT_EQ(korv::ExportSharesToSamba(), "");
+    if (!isExported()) {
+        GTEST_SKIP() << "no Samba on this machine";
+    }
+    ExpectKilled([&] { korv::RemoveShare(share, [](RemovalStep) { raise(SIGKILL); }); });
+    korv::RecoverDeadMakers();
+    ExpectGone(share);
+    EXPECT_FALSE(isExported());
+    ExpectFreed();
+}
+
 TEST_F(ShareRemovalTest, LeavesAFolderThatIsNotTheShares) {
     const korv::ShareRow removedByHand = Make("rec");
     fs::remove_all(removedByHand.Path());
@@ -198,7 +232,7 @@ TEST_F(ShareRemovalTest, LeavesAFolderThatIsNotTheShares) {
     std::ofstream(replaced.Path() + "/mine") << "mine";
     ASSERT_EQ(korv::RemoveShare(replaced).end, ChangeEnd::kDone);
     EXPECT_FALSE(korv::FindShare("rec"));
-    EXPECT_TRUE(korv::FreeRemovedShares(kNow_s, GoOn).empty());
+    EXPECT_TRUE(korv::FreeRemovedShares(kNow_s, Volumes(), GoOn).empty());
     EXPECT_TRUE(fs::exists(replaced.Path() + "/mine"));
 }
 
@@ -207,11 +241,11 @@ TEST_F(ShareRemovalTest, WhatCanNotBeRemovedIsTriedAgainLater) {
     ASSERT_EQ(korv::RemoveShare(share).end, ChangeEnd::kDone);
     const std::string inside = machine::Volume() + "/.korv-gone-" + share.token + "/cam1";
     ASSERT_EQ(mount("tmpfs", inside.c_str(), "tmpfs", 0, ""), 0);
-    EXPECT_EQ(korv::FreeRemovedShares(kNow_s, GoOn).size(), 1U);
-    EXPECT_FALSE(korv::IsSpaceToFree(kNow_s));
+    EXPECT_EQ(korv::FreeRemovedShares(kNow_s, Volumes(), GoOn).size(), 1U);
+    EXPECT_FALSE(korv::IsSpaceToFree(kNow_s, Volumes()));
     umount2(inside.c_str(), 0);
-    EXPECT_TRUE(korv::IsSpaceToFree(kNow_s + 300));
-    EXPECT_TRUE(korv::FreeRemovedShares(kNow_s + 300, GoOn).empty());
+    EXPECT_TRUE(korv::IsSpaceToFree(kNow_s + 300, Volumes()));
+    EXPECT_TRUE(korv::FreeRemovedShares(kNow_s + 300, Volumes(), GoOn).empty());
     EXPECT_TRUE(korv::ListShareRemovals().empty());
 }
 
@@ -222,7 +256,7 @@ TEST_F(ShareRemovalTest, StopsWhenAskedToAndGoesOn) {
     }
     ASSERT_EQ(korv::RemoveShare(share).end, ChangeEnd::kDone);
     int questions = 0;
-    EXPECT_TRUE(korv::FreeRemovedShares(kNow_s, [&] { return ++questions > 2; }).empty());
+    EXPECT_TRUE(korv::FreeRemovedShares(kNow_s, Volumes(), [&] { return ++questions > 2; }).empty());
     EXPECT_FALSE(machine::Entries(machine::Volume()).empty());
     ExpectFreed();
 }

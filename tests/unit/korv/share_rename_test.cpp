@@ -145,9 +145,9 @@ TEST_F(ShareRenameTest, OnceRecordedItIsDoneWhateverComesAfter) {
     EXPECT_EQ(outcome.end, ChangeEnd::kDone);
     EXPECT_NE(outcome.reason.find("done later"), std::string::npos) << outcome.reason;
     EXPECT_TRUE(korv::FindShare("neu"));
-    EXPECT_EQ(korv::RecoverShareRenames().size(), 1U);
+    EXPECT_EQ(korv::RecoverShareRenames().troubles.size(), 1U);
     Allow();
-    EXPECT_EQ(korv::RecoverShareRenames(), std::vector<std::string>());
+    EXPECT_EQ(korv::RecoverShareRenames().troubles, std::vector<std::string>());
     ExpectWhole("neu", "geheim");
 }
 
@@ -161,10 +161,10 @@ TEST_F(ShareRenameTest, WhatWasReportedAsFailedIsNotFinishedLater) {
     });
     EXPECT_EQ(outcome.end, ChangeEnd::kFailed);
     Allow();
-    EXPECT_EQ(korv::RecoverShareRenames().size(), 1U);
+    EXPECT_EQ(korv::RecoverShareRenames().troubles.size(), 1U);
     EXPECT_EQ(korv::ListShareRenames().size(), 1U);
     fs::remove(share.Path());
-    EXPECT_EQ(korv::RecoverShareRenames(), std::vector<std::string>());
+    EXPECT_EQ(korv::RecoverShareRenames().troubles, std::vector<std::string>());
     ExpectWhole("rec", "new");
 }
 
@@ -201,7 +201,7 @@ TEST_P(KilledRenameTest, IsFinishedOrUndone) {
         });
     });
     EXPECT_TRUE(korv::IsShareNameTaken("new"));
-    EXPECT_EQ(korv::RecoverShareRenames(), std::vector<std::string>());
+    EXPECT_EQ(korv::RecoverShareRenames().troubles, std::vector<std::string>());
     const bool isDone = step >= RenameStep::kFolderRenamed;
     ExpectWhole(isDone ? "new" : "rec", isDone ? "rec" : "new");
     const korv::ShareRow row = *korv::FindShareByToken(share.token);
