@@ -133,13 +133,20 @@ void EncryptionPlaces::PrepareAside(bool isForFiles) {
 void EncryptionPlaces::Exchange() {
     const FileDescriptor volume = OpenVolume(m_volume);
     if (!HasSwitched()) {
+        Unmark(volume.Get());  // a mark that was left there would undo the next exchange
         // The names must not reach the disk before what they stand for.
         Check(syncfs(volume.Get()) == 0, "cannot write to the disk");
         Check(renameat2(volume.Get(), m_name.c_str(), volume.Get(), m_aside.c_str(), RENAME_EXCHANGE) == 0,
               "cannot exchange two folders");
-        Check(syncfs(volume.Get()) == 0, "cannot write to the disk");
     }
-    const FileDescriptor share(OpenBeneath(volume.Get(), m_name.c_str(), O_RDONLY | O_DIRECTORY));
+    Check(syncfs(volume.Get()) == 0, "cannot write to the disk");
+    Unmark(volume.Get());
+    Check(syncfs(volume.Get()) == 0, "cannot write to the disk");
+}
+
+// The folder at the share's place.
+void EncryptionPlaces::Unmark(int volume) const {
+    const FileDescriptor share(OpenBeneath(volume, m_name.c_str(), O_RDONLY | O_DIRECTORY));
     // Something mounted there says that this was done.
     Check(share || errno == EXDEV, "cannot open a folder");
     Check(!share || fremovexattr(share.Get(), kMoveMark) == 0 || errno == ENODATA, "cannot unmark a folder");
@@ -192,7 +199,9 @@ EncryptPlaces::EncryptPlaces(std::string volume, std::string name, const std::st
 FileDescriptor EncryptPlaces::OpenSource() { return OpenHidden(HasSwitched() ? m_aside : m_name); }
 
 FileDescriptor EncryptPlaces::OpenTarget() {
-    if (m_atShare.State() == CipherState::kUnlocked) {
+    const bool isShown =
+        m_atView.State() != CipherState::kUnlocked && m_atShare.State() == CipherState::kUnlocked;
+    if (isShown) {
         return OpenMounted(m_atShare);
     }
     MountView();
@@ -230,20 +239,30 @@ void EncryptPlaces::MountView() {
 void EncryptPlaces::Switch() { Exchange(); }
 
 // Not when it was unlocked by hand meanwhile: what people have made there since must stay.
-bool EncryptPlaces::HasToSettle() { return m_atShare.State() != CipherState::kUnlocked; }
+// Once the view is mounted nobody can unlock it elsewhere.
+bool EncryptPlaces::HasToSettle() {
+    if (m_atShare.State() == CipherState::kUnlocked) {
+        return false;
+    }
+    MountView();
+    return true;
+}
 
-void EncryptPlaces::Show() {
+bool EncryptPlaces::Show() {
     Exchange();  // a crash may have left its last part undone
     if (m_atShare.State() == CipherState::kBroken) {
         m_atShare.Unmount(kBusyPatience, true);
     }
-    if (m_atView.State() == CipherState::kUnlocked && m_atShare.State() != CipherState::kUnlocked) {
+    const bool isHidden =
+        m_atView.State() == CipherState::kUnlocked && m_atShare.State() != CipherState::kUnlocked;
+    if (isHidden) {
         ShowView(m_atView.MountPath(), SharePath());
     }
     HideView();
     if (m_atShare.State() != CipherState::kUnlocked) {
         FailLocked();
     }
+    return isHidden;
 }
 
 bool EncryptPlaces::IsSourceHeld() { return IsFolderHeld(m_volume, m_aside); }
@@ -294,7 +313,9 @@ bool DecryptPlaces::IsSourceHeld() {
 bool DecryptPlaces::RemoveSource() {
     HideView();
     const bool isGone = RemoveHidden(m_view) && RemoveHidden(m_cipher);
-    return isGone && RemoveHidden(m_aside);
+    // The old mount point: what is in it was put there by root while nothing was mounted.
+    const FileDescriptor volume = OpenVolume(m_volume);
+    return isGone && (unlinkat(volume.Get(), m_aside.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT);
 }
 
 bool DecryptPlaces::RemoveTarget() {

@@ -33,6 +33,7 @@ protected:
     void PrepareAside(bool isForFiles);
     // Exchanges the share's folder and the one aside, if that was not done yet.
     void Exchange();
+    void Unmark(int volume) const;
     void ShowView(const std::string& from, const std::string& at);
     void HideView();
     bool RemoveHidden(const std::string& path);
@@ -63,7 +64,7 @@ public:
     void Detach() override {}
     void Switch() override;
     bool HasToSettle() override;
-    void Show() override;
+    bool Show() override;
     bool IsSourceHeld() override;
     bool RemoveSource() override;
     bool RemoveTarget() override;
@@ -86,7 +87,7 @@ public:
     void Detach() override;
     void Switch() override;
     bool HasToSettle() override { return false; }
-    void Show() override {}
+    bool Show() override { return false; }
     bool IsSourceHeld() override;
     bool RemoveSource() override;
     bool RemoveTarget() override;

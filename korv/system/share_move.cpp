@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <optional>
 #include <system_error>
 #include <thread>
 
@@ -155,7 +156,7 @@ private:
         m_state.verified_bytes = 0;
         const std::int64_t start_s = Now();
         Sync(SyncMode::kVerify, Observe(&m_state.verified_bytes));
-        m_state.changedSince_s = start_s;
+        SetChangedSince(start_s);
         GoTo(MoveStep::kCatchUp);
     }
 
@@ -165,24 +166,28 @@ private:
         do {
             copied_bytes = CatchUpOnce();
         } while (copied_bytes > kSmallCatchUp_bytes && ++passes < kMostCatchUps);
-        m_places.Flush();
         GoTo(MoveStep::kSwitch);
     }
 
     std::uint64_t CatchUpOnce() {
         const std::int64_t start_s = Now();
         const SyncCounts counts = Sync(SyncMode::kCatchUp, Observe(nullptr));
-        m_state.changedSince_s = start_s;
+        SetChangedSince(start_s);
         Save();
         return counts.copied_bytes;
     }
 
+    // What an earlier pass has copied isn't looked at any more, so that it must be on the disk by then.
+    void SetChangedSince(std::int64_t start_s) {
+        m_places.Flush();
+        m_state.changedSince_s = start_s;
+        m_clock_s = ClockOffset();
+    }
+
     void Switch() {
         if (!m_places.HasSwitched()) {
-            SendAway();
-            m_places.Detach();
+            Detach();
             CatchUpOnce();
-            m_places.Flush();
             m_state.switched_s = time(nullptr);
             Save();
         }
@@ -191,35 +196,59 @@ private:
         GoTo(MoveStep::kSettle);
     }
 
+    // Those who use the share over the network hold it, too, and come back by themselves.
+    void Detach() {
+        try {
+            m_places.Detach();
+        } catch (const MoveFailure& failure) {
+            if (failure.end != MoveEnd::kSourceBusy) {
+                throw;
+            }
+            SendAway();
+            m_places.Detach();
+        }
+    }
+
     // People worked on during the last pass, and could rename behind its back.
     void Settle() {
+        if (!m_places.HasSwitched()) {
+            return GoTo(MoveStep::kSwitch);  // a power failure has taken the exchange back
+        }
         if (m_places.HasToSettle()) {
             m_state.switched_s = time(nullptr);
             Sync(SyncMode::kSettle, Observe(nullptr));
             m_places.Flush();
+        } else {
+            m_state.switched_s = std::min(m_state.switched_s, m_state.changedSince_s);
         }
         GoTo(MoveStep::kFollow);
     }
 
     void Follow() {
         const Clock::time_point end = Clock::now() + m_limits.followPatience;
-        m_places.Show();
-        SendAway();
+        if (m_places.Show()) {
+            SendAway();
+        }
+        WrittenFiles written;
         while (true) {
             const Clock::time_point start = Clock::now();
+            const std::int64_t start_s = time(nullptr);
             const bool isHeld =
                 m_places.IsSourceHeld();  // before the pass, which sees what was made till then
-            if (Sync(SyncMode::kFollow, Observe(nullptr)).beingWritten == 0 && !isHeld) {
-                break;
+            const bool isWritten = Sync(SyncMode::kFollow, Observe(nullptr), &written).beingWritten > 0;
+            written.isKnown = true;
+            SetChangedSince(start_s);
+            m_state.switched_s = start_s;
+            if (!isWritten && !isHeld) {
+                return GoTo(MoveStep::kRemoveSource);
             }
+            Save();
             if (Clock::now() >= end) {
                 throw MoveFailure{MoveEnd::kSourceBusy, "the old folder is still in use"};
             }
             Observe(nullptr)(0);
             WaitAfter(Clock::now() - start);
         }
-        m_places.Flush();
-        GoTo(MoveStep::kRemoveSource);
     }
 
     void SendAway() {
@@ -235,13 +264,25 @@ private:
         GoTo(next);
     }
 
-    SyncCounts Sync(SyncMode mode, const CopyObserver& observe) {
+    SyncCounts Sync(SyncMode mode, const CopyObserver& observe, WrittenFiles* written = nullptr) {
         const FileDescriptor source = m_places.OpenSource();
         const FileDescriptor target = m_places.OpenTarget();
-        // What changed after the clock was set back has an earlier time.
-        const std::int64_t now_s = time(nullptr);
-        const SyncTimes times{std::min(m_state.changedSince_s, now_s), std::min(m_state.switched_s, now_s)};
-        return SyncTree(source.Get(), target.Get(), mode, times, observe);
+        const SyncTimes times{AsClockIs(m_state.changedSince_s), AsClockIs(m_state.switched_s)};
+        return SyncTree(source.Get(), target.Get(), mode, times, observe, written);
+    }
+
+    // The real time less the time since the machine was started: smaller after the clock was set back.
+    static std::int64_t ClockOffset() {
+        timespec running{};
+        clock_gettime(CLOCK_BOOTTIME, &running);
+        return time(nullptr) - running.tv_sec;
+    }
+
+    // A saved time as the clock shows it that changes have got their times from since: after it was set back
+    // they have earlier ones. What an earlier process saved can only be seen to be later than now.
+    std::int64_t AsClockIs(std::int64_t saved_s) const {
+        const std::int64_t setBack_s = m_clock_s ? *m_clock_s - ClockOffset() : 0;
+        return saved_s > time(nullptr) ? 0 : saved_s - std::max<std::int64_t>(setBack_s, 0);
     }
 
     // Adds to `progress`, asks for wishes and saves now and then.
@@ -286,6 +327,7 @@ private:
     const MoveObserver& m_observer;
     const MoveLimits& m_limits;
     std::string m_reason;
+    std::optional<std::int64_t> m_clock_s;  // ClockOffset() when changedSince_s was set
     bool m_isSaving = false;
     Clock::time_point m_nextQuestion{};
     Clock::time_point m_nextSave{};

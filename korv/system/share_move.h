@@ -88,8 +88,8 @@ public:
     virtual bool HasSwitched() = 0;
     // After the switch: whether people could change the source up to it, and don't use the target yet.
     virtual bool HasToSettle() = 0;
-    // Lets people at the target.
-    virtual void Show() = 0;
+    // Lets people at the target. True when they weren't before.
+    virtual bool Show() = 0;
     // After the switch: whether somebody can still make files in the source without its name: in a folder of
     // it that he works in, keeps open or has mounted elsewhere.
     virtual bool IsSourceHeld() = 0;
@@ -108,8 +108,8 @@ struct MoveObserver {
     // Asked some times a second; may be empty. A wish to cancel after the switch comes too late and is
     // ignored.
     std::function<MoveWish()> wish;
-    // Disconnects those who use the share over the network; they connect anew by themselves. Called before
-    // the switch, and again when people may find what is at its place then; may be empty.
+    // Disconnects those who use the share over the network; they connect anew by themselves. Called when they
+    // may keep the share from being detached, after the switch, and when it is shown; may be empty.
     std::function<void()> sendAway;
 };
 

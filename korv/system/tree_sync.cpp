@@ -6,10 +6,13 @@
 #include <cerrno>
 #include <csignal>
 #include <map>
+#include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
 #include "include/folder_stream.h"
+#include "korv/system/carrying_folder.h"
 #include "korv/system/file_descriptor.h"
 #include "korv/system/folder_stack.h"
 #include "korv/system/tree_remove.h"
@@ -22,8 +25,7 @@ using Where = CopyError::Where;
 
 constexpr mode_t kPrivateFolder = S_IRWXU;
 constexpr mode_t kPrivateFile = S_IRUSR | S_IWUSR;
-// Where kFollow makes what it carries over, in the target's own folder.
-constexpr const char* kCarried = ".korv-carried";
+constexpr ino_t kSubvolumeInode = 256;  // of Btrfs; a snapshot has its original's times
 constexpr mode_t kPlainModes = S_IRWXU | S_IRWXG | S_IRWXO;
 
 [[noreturn]] void Fail(Where where, int error, const char* action) { throw CopyError{where, error, action}; }
@@ -87,21 +89,31 @@ bool IsBeingWritten(int file) {
     return errno == EAGAIN;
 }
 
+// What is written while it is copied may keep the time that it has: its copy gets an earlier one, so that it
+// is copied once more.
+void MakeEarlier(timespec& time) {
+    constexpr long kSecond_ns = 1'000'000'000;
+    time.tv_sec -= time.tv_nsec == 0 ? 1 : 0;
+    time.tv_nsec = (time.tv_nsec == 0 ? kSecond_ns : time.tv_nsec) - 1;
+}
+
 // One pass. Source and target are walked in step.
 class Pass {
 public:
-    Pass(int source, int target, SyncMode mode, const SyncTimes& times, const CopyObserver& observer)
+    Pass(int source, int target, SyncMode mode, const SyncTimes& times, const CopyObserver& observer,
+         WrittenFiles* written)
         : m_source(FileDescriptor(fcntl(source, F_DUPFD_CLOEXEC, 0))),
           m_target(FileDescriptor(fcntl(target, F_DUPFD_CLOEXEC, 0))),
           m_targetRoot(target),
           m_mode(mode),
           m_times(times),
           m_observer(observer),
+          m_written(written),
           m_levels(1) {}
 
     SyncCounts Run() {
         if (m_mode == SyncMode::kFollow) {
-            RemoveInterrupted();
+            m_carrying.emplace(m_targetRoot);
         }
         while (true) {
             FolderEntry entry;
@@ -130,7 +142,8 @@ private:
         // The folder, or one above it, may not be the one that an earlier pass saw here. The tree's own
         // folder always is.
         bool isSuspect = false;
-        bool isFresh = false;  // made by this pass, which nobody else writes to yet
+        bool isTouched = true;  // since the time that makes suspect
+        bool isFresh = false;   // made by this pass, which nobody else writes to yet
         std::uint64_t copiedBefore = 0;
     };
 
@@ -153,7 +166,7 @@ private:
         if (!S_ISDIR(status.st_mode) && IsAsSeen(status)) {
             return;
         }
-        if (m_mode == SyncMode::kFollow && S_ISREG(status.st_mode) && !IsToCarry(status)) {
+        if (m_mode == SyncMode::kFollow && S_ISREG(status.st_mode) && !MayHaveToCarry(status)) {
             LookForWriter(name);
             return;
         }
@@ -195,19 +208,27 @@ private:
         return isLater && m_levels.size() > 1 && !m_levels.back().isSuspect;
     }
 
+    // A folder can only be another one than before when the one that it is in was touched, too.
     bool IsSuspect(const struct stat& folder) const {
+        const Level& above = m_levels.back();
+        return above.isSuspect ||
+               (above.isTouched && (IsTouchedSinceSwitch(folder) || folder.st_ino == kSubvolumeInode));
+    }
+
+    bool IsTouchedSinceSwitch(const struct stat& folder) const {
         const std::int64_t since_s =
             m_mode == SyncMode::kFollow ? m_times.switched_s : m_times.changedSince_s;
-        return m_levels.back().isSuspect || folder.st_ctim.tv_sec >= since_s;
+        return folder.st_ctim.tv_sec >= since_s;
     }
 
     void VisitFolder(const std::string& name, const struct stat& status, bool isThere) {
-        const bool isSuspect = IsSuspect(status);
+        const bool isFollowing = m_mode == SyncMode::kFollow;
+        const bool isSuspect = IsSuspect(status) || (!isThere && !isFollowing);
         if (!isThere) {
-            if (m_mode == SyncMode::kFollow && !isSuspect) {
-                return;  // removed where people are now
+            // Removed where people are now, unless somebody still writes in it.
+            if ((isFollowing && !isSuspect && !IsAlive(name)) || !MakeFolder(name, status)) {
+                return;
             }
-            MakeFolder(name, status);
         }
         if (const int error = m_source.Enter(name.c_str())) {
             // Replaced or moved away meanwhile: the next pass sees what is there then.
@@ -221,6 +242,7 @@ private:
         }
         m_levels.emplace_back();
         m_levels.back().isSuspect = isSuspect;
+        m_levels.back().isTouched = IsTouchedSinceSwitch(status);
         m_levels.back().isFresh = !isThere && m_mode != SyncMode::kFollow;
         m_levels.back().copiedBefore = m_counts.copiedEntries;
         if (m_levels.size() > FolderStack::kOpenLevels) {
@@ -228,10 +250,42 @@ private:
         }
     }
 
-    void MakeFolder(const std::string& name, const struct stat& status) {
+    // Whether a file below the folder of the source was written lately, or may be at this moment.
+    bool IsAlive(const std::string& name) {
+        FolderStack walk(FileDescriptor(fcntl(m_source.Current(), F_DUPFD_CLOEXEC, 0)));
+        if (walk.Enter(name.c_str()) != 0) {
+            return false;
+        }
+        std::vector<FolderStream> streams(1);
+        FolderEntry entry;
+        while (!streams.empty()) {
+            if (!streams.back().Next(walk.Current(), entry)) {
+                streams.pop_back();
+                Leave(walk, Where::kSource);
+                continue;
+            }
+            m_observer(0);
+            struct stat status {};
+            if (!StatEntry(walk.Current(), entry.name.data(), status, Where::kSource)) {
+                continue;
+            }
+            if (S_ISDIR(status.st_mode) && walk.Enter(entry.name.data()) == 0) {
+                streams.emplace_back();
+            } else if (S_ISREG(status.st_mode)) {
+                const FileDescriptor file = OpenRegular(walk.Current(), entry.name.data());
+                if (IsTouched(status) || (file && IsBeingWritten(file.Get()))) {
+                    return true;
+                }
+            }
+        }
+        return false;
+    }
+
+    // False when somebody has made something else of that name meanwhile.
+    bool MakeFolder(const std::string& name, const struct stat& status) {
         const EntryRef made = Making(name);
         Check(mkdirat(made.folder, made.name, kPrivateFolder) == 0, Where::kTarget, "make a folder");
-        if (m_mode == SyncMode::kFollow) {
+        if (m_carrying) {
             const FileDescriptor source(
                 OpenBeneath(m_source.Current(), name.c_str(), O_RDONLY | O_DIRECTORY));
             const FileDescriptor target(OpenBeneath(made.folder, made.name, O_RDONLY | O_DIRECTORY));
@@ -239,29 +293,20 @@ private:
             Check(static_cast<bool>(target), Where::kTarget, "open a folder");
             CopyAttributes(source.Get(), status, target.Get());
         }
-        Show(name);
         ++m_counts.copiedEntries;
+        return Place(name, nullptr);
     }
 
-    // Where an entry named `name` is made: where people use the target, out of their sight until it is done.
-    EntryRef Making(const std::string& name) const {
-        return m_mode == SyncMode::kFollow ? EntryRef{m_targetRoot, kCarried}
-                                           : EntryRef{m_target.Current(), name.c_str()};
+    // Where an entry named `name` is made: where people use the target, out of their reach until it is done.
+    EntryRef Making(const std::string& name) {
+        return m_carrying ? m_carrying->Making() : EntryRef{m_target.Current(), name.c_str()};
     }
 
-    // Gives what was made its name, and its place where there is something already.
-    void Show(const std::string& name) {
-        Check(m_mode != SyncMode::kFollow ||
-                  renameat(m_targetRoot, kCarried, m_target.Current(), name.c_str()) == 0,
-              Where::kTarget, "name what was carried over");
-    }
-
-    void RemoveInterrupted() {
-        const TreeRemoval removal = RemoveTree(m_targetRoot, kCarried);
-        if (!removal.isGone) {
-            Fail(Where::kTarget, removal.problems.empty() ? EIO : removal.problems.front().error,
-                 "remove what was carried over half");
-        }
+    // Gives what was made its name, in place of `copy`. Where somebody was faster the next pass decides.
+    bool Place(const std::string& name, const struct stat* copy) {
+        const bool isPlaced = !m_carrying || m_carrying->Place(m_target.Current(), name.c_str(), copy);
+        m_counts.beingWritten += isPlaced ? 0 : 1;
+        return isPlaced;
     }
 
     // One of several names of a file: the first that comes is copied, the others are linked to it.
@@ -303,30 +348,50 @@ private:
 
     bool IsToCarry(const struct stat& status) const { return m_levels.back().isSuspect || IsTouched(status); }
 
-    // None when it is gone. A file that somebody holds a write lease on can only be waited for.
-    FileDescriptor OpenSource(const std::string& name) const {
-        FileDescriptor file(OpenBeneath(m_source.Current(), name.c_str(), O_RDONLY | O_NOATIME | O_NONBLOCK));
+    // What had a writer in an earlier pass may have other content than its times say. An earlier run of this
+    // program may have seen one, too.
+    bool HadWriter(const struct stat& status) const {
+        return m_written != nullptr && m_written->files.contains({status.st_dev, status.st_ino});
+    }
+    bool MayHaveToCarry(const struct stat& status) const {
+        return m_written == nullptr || !m_written->isKnown || HadWriter(status) || IsToCarry(status);
+    }
+
+    // A file that somebody holds a write lease on can only be waited for, which must not be done at what
+    // somebody else may have put in its place. None when it is gone, or no file any more.
+    static FileDescriptor OpenRegular(int folder, const char* name) {
+        FileDescriptor file(OpenBeneath(folder, name, O_RDONLY | O_NOATIME | O_NONBLOCK));
         if (!file && errno == EAGAIN) {
+            const FileDescriptor found(OpenBeneath(folder, name, O_PATH));
             struct stat status {};
-            if (StatEntry(m_source.Current(), name.c_str(), status, Where::kSource) &&
-                S_ISREG(status.st_mode)) {
-                file = FileDescriptor(OpenBeneath(m_source.Current(), name.c_str(), O_RDONLY | O_NOATIME));
+            if (found && fstat(found.Get(), &status) == 0 && S_ISREG(status.st_mode)) {
+                file = FileDescriptor(open(("/proc/self/fd/" + std::to_string(found.Get())).c_str(),
+                                           O_RDONLY | O_NOATIME | O_CLOEXEC));
+            } else {
+                errno = ENOENT;
             }
         }
         Check(file || errno == ENOENT || errno == ELOOP, Where::kSource, "open a file");
         return file;
     }
 
-    void CountWriter(int source) {
-        if (m_mode == SyncMode::kFollow && IsBeingWritten(source)) {
-            ++m_counts.beingWritten;
+    // kFollow: counts a writer, whose file has to be carried over once more when he is done.
+    bool NoteWriter(int source, const struct stat& status) {
+        if (m_mode != SyncMode::kFollow || !IsBeingWritten(source)) {
+            return false;
         }
+        ++m_counts.beingWritten;
+        if (m_written != nullptr) {
+            m_written->files.insert({status.st_dev, status.st_ino});
+        }
+        return true;
     }
 
     void LookForWriter(const std::string& name) {
-        const FileDescriptor source = OpenSource(name);
-        if (source) {
-            CountWriter(source.Get());
+        const FileDescriptor source = OpenRegular(m_source.Current(), name.c_str());
+        struct stat status {};
+        if (source && fstat(source.Get(), &status) == 0) {
+            NoteWriter(source.Get(), status);
         }
     }
 
@@ -334,11 +399,15 @@ private:
         if (m_mode == SyncMode::kSettle && IsTouched(status) && (copy == nullptr || IsNewer(status, *copy))) {
             return;  // kFollow's
         }
-        const FileDescriptor source = OpenSource(name);
+        const FileDescriptor source = OpenRegular(m_source.Current(), name.c_str());
         if (!source) {
             return;
         }
-        CountWriter(source.Get());
+        const bool hadWriter = HadWriter(status);
+        const bool hasWriter = NoteWriter(source.Get(), status);
+        if (m_mode == SyncMode::kFollow) {
+            return Follow(name, source.Get(), status, copy, hadWriter && !hasWriter);
+        }
         if (copy != nullptr && IsAsItMustBe(name, source.Get(), status, *copy)) {
             return;
         }
@@ -346,6 +415,17 @@ private:
         if (m_mode == SyncMode::kVerify) {
             ++m_counts.differing;
             VerifyAgain(name, source.Get());
+        }
+    }
+
+    void Follow(const std::string& name, int source, const struct stat& status, const struct stat* copy,
+                bool isWriterGone) {
+        const bool isToCarry = isWriterGone || (copy == nullptr ? IsToCarry(status) : IsNewer(status, *copy));
+        if (isToCarry) {
+            CopyRegular(name, source, copy);
+        }
+        if (isWriterGone) {
+            m_written->files.erase({status.st_dev, status.st_ino});
         }
     }
 
@@ -361,7 +441,6 @@ private:
             case SyncMode::kSettle:
                 return looksTheSame && !IsTouched(status);
             case SyncMode::kFollow:
-                return !IsNewer(status, copy);
             case SyncMode::kVerify:
                 break;
         }
@@ -408,10 +487,13 @@ private:
             m_counts.copied_bytes += bytes;
             m_observer(bytes);
         });
+        if (IsBeingWritten(source)) {
+            MakeEarlier(before.st_mtim);
+        }
         CopyAttributesAndTimes(source, before, target.Get());
         // Its time says that it is whole: that must not reach the disk before its content.
-        Check(m_mode != SyncMode::kFollow || fsync(target.Get()) == 0, Where::kTarget, "write to the disk");
-        Show(name);
+        Check(!m_carrying || fsync(target.Get()) == 0, Where::kTarget, "write to the disk");
+        Place(name, copy);
         ++m_counts.copiedEntries;
     }
 
@@ -425,7 +507,9 @@ private:
     }
 
     void CopySpecial(const std::string& name, const struct stat& status, const struct stat* copy) {
-        RemoveCopy(name, copy);
+        if (!m_carrying) {
+            RemoveCopy(name, copy);
+        }
         const EntryRef source{m_source.Current(), name.c_str()};
         const EntryRef target = Making(name);
         if (S_ISLNK(status.st_mode)) {
@@ -437,7 +521,7 @@ private:
                   Where::kTarget, "make a special file");
         }
         CopyAttributes(source, status, target);
-        Show(name);
+        Place(name, copy);
         ++m_counts.copiedEntries;
     }
 
@@ -494,7 +578,9 @@ private:
     SyncMode m_mode;
     const SyncTimes m_times;
     const CopyObserver& m_observer;
+    WrittenFiles* m_written;
     std::vector<Level> m_levels;
+    std::optional<CarryingFolder> m_carrying;  // kFollow
     std::map<std::pair<dev_t, ino_t>, FirstName> m_firstNames;
     SyncCounts m_counts;
 };
@@ -502,8 +588,8 @@ private:
 }  // namespace
 
 SyncCounts SyncTree(int source, int target, SyncMode mode, const SyncTimes& times,
-                    const CopyObserver& observer) {
-    return Pass(source, target, mode, times, observer).Run();
+                    const CopyObserver& observer, WrittenFiles* written) {
+    return Pass(source, target, mode, times, observer, written).Run();
 }
 
 }  // namespace korv

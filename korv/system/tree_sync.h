@@ -1,7 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
+#include <utility>
+
+#include <sys/types.h>
 
 #include "korv/system/file_copy.h"
 
@@ -34,12 +38,19 @@ struct SyncTimes {
     std::int64_t switched_s = 0;      // kFollow: not later than the moment at which people were moved away
 };
 
+// What passes of kFollow tell each other about files that had writers: such a file is carried over once more
+// when its writer is gone, whatever its times say.
+struct WrittenFiles {
+    bool isKnown = false;  // false: an earlier process may have seen some; the pass compares all files
+    std::set<std::pair<dev_t, ino_t>> files;
+};
+
 struct SyncCounts {
     std::uint64_t copiedEntries = 0;
     std::uint64_t copied_bytes = 0;
     std::uint64_t removedEntries = 0;
     std::uint64_t differing = 0;     // kVerify: copies that were made anew
-    std::uint64_t beingWritten = 0;  // kFollow: files of the source that someone has open for writing
+    std::uint64_t beingWritten = 0;  // kFollow: files that someone has open for writing, or was faster with
 };
 
 // Makes the folder open as `target` hold what the one open as `source` holds: files, folders, links, pipes,
@@ -47,11 +58,12 @@ struct SyncCounts {
 // tree. What `target` has more goes. Subvolumes become folders. Both may change meanwhile: what vanishes is
 // skipped, a file that is written to during its copy gets an older time than its source, so that the next
 // pass copies it again.
+//   written   for kFollow
 //   observer  gets the bytes of the source's content that are dealt with, and 0 at every entry; may throw
 // Bounded memory but for hard links, of which each file with names still to come costs its path. Needs root;
 // both descriptors are taken as they are and stay open. Throws CopyError; a mount inside the source is EXDEV.
 SyncCounts SyncTree(int source, int target, SyncMode mode, const SyncTimes& times,
-                    const CopyObserver& observer);
+                    const CopyObserver& observer, WrittenFiles* written = nullptr);
 
 // What a tree will need.
 struct TreeSize {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
@@ -371,6 +372,13 @@ protected:
         return korv::RunMove(places, m_journal->state, observer, Limits());
     }
 
+    int CarryingFolders() const {
+        const fs::directory_iterator entries(m_share);
+        return static_cast<int>(std::count_if(begin(entries), end(entries), [](const auto& entry) {
+            return entry.path().filename().string().starts_with(".korv-carried-");
+        }));
+    }
+
     static std::string Text(const std::string& path) {
         std::ifstream file(path);
         return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
@@ -428,27 +436,79 @@ TEST_P(Encryption, LosesNothingThatIsRenamedBehindTheLastPass) {
     ExpectMoved();
 }
 
-TEST_P(Encryption, CopiesAnewWhatItWasCarryingOverWhenItWasStopped) {
+TEST_P(Encryption, CopiesAnewWhatItWasCarryingOverWhenItWasKilled) {
     MakeShare(5);
     const std::string film(std::size_t{32} << 20, 'f');
-    const auto stop = [&] {
-        return fs::exists(m_share + "/.korv-carried") ? MoveWish::kPause : MoveWish::kGoOn;
-    };
     std::ofstream writer(m_share + "/cam0/film");
     writer << "begins" << std::flush;
-    const auto result = Run(
-        [&](const MoveState& state) {
-            if (state.step == MoveStep::kFollow && writer.is_open()) {
-                writer << film;
-                writer.close();
-            }
-        },
-        stop);
-    ASSERT_EQ(result.end, MoveEnd::kPaused);
+    const auto finishFilm = [&](const MoveState& state) {
+        if (state.step == MoveStep::kFollow && writer.is_open()) {
+            writer << film;
+            writer.close();
+        }
+    };
+    const auto dieWhileCarrying = [&] {
+        if (CarryingFolders() > 0) {
+            kill(getpid(), SIGKILL);
+        }
+        return MoveWish::kGoOn;
+    };
+    const int status =
+        machine::InChild([&] { return static_cast<int>(Run(finishFilm, dieWhileCarrying).end); });
+    ASSERT_TRUE(WIFSIGNALED(status));
+    writer.close();
+    EXPECT_EQ(CarryingFolders(), 1);
     EXPECT_EQ(Text(m_share + "/cam0/film").size(), 6U) << "never seen half";
     EXPECT_EQ(Run().end, MoveEnd::kDone);
     EXPECT_EQ(Text(m_share + "/cam0/film").size(), film.size() + 6);
-    EXPECT_FALSE(fs::exists(m_share + "/.korv-carried"));
+    EXPECT_EQ(CarryingFolders(), 0);
+}
+
+// Through a mapping content comes without a new time.
+TEST_P(Encryption, CarriesOverWhatComesThroughAMappingLast) {
+    MakeShare(5);
+    const std::string path = m_share + "/cam0/mapped";
+    std::ofstream(path) << std::string(8192, 'a');
+    const int file = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    char* const content =
+        static_cast<char*>(mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+    close(file);
+    ASSERT_NE(content, MAP_FAILED);
+    content[0] = 'b';
+    EXPECT_EQ(Run().end, MoveEnd::kSourceBusy);
+    content[1] = 'c';
+    ASSERT_EQ(munmap(content, 8192), 0);
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    EXPECT_EQ(Text(path).substr(0, 3), "bca");
+}
+
+// Whoever works on in the old folder writes into folders that people rename in the new one.
+TEST_P(Encryption, CarriesOverAFileWhoseFolderIsCalledOtherwiseNow) {
+    MakeShare(5);
+    usleep(2'100'000);
+    std::ofstream film(m_share + "/cam0/film");
+    film << "before, " << std::flush;
+    m_sendAway = [&] {
+        if (m_journal->state.step == MoveStep::kFollow && fs::exists(m_share + "/cam0/film")) {
+            fs::rename(m_share + "/cam0", m_share + "/renamed");
+        }
+    };
+    EXPECT_EQ(Run().end, MoveEnd::kSourceBusy);
+    film << "after" << std::flush;
+    film.close();
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    EXPECT_EQ(Text(m_share + "/cam0/film"), "before, after");
+    EXPECT_EQ(Text(m_share + "/renamed/film"), "before, ");
+}
+
+// Names that an account can give in the share's own folder are of no use against what root makes there.
+TEST_P(Encryption, LeavesAnAccountsOwnFoldersOfSuchNamesAlone) {
+    MakeShare(5);
+    fs::create_directory(m_share + "/.korv-carried-mine");
+    std::ofstream(m_share + "/.korv-carried-mine/entry") << "mine";
+    m_before = manifest::Of(m_share);
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    ExpectMoved();
 }
 
 // A shell, a container or a file server in the old folder still makes files there.
