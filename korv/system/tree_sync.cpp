@@ -4,18 +4,16 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <map>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "include/folder_stream.h"
-#include "korv/system/carrying_folder.h"
 #include "korv/system/file_descriptor.h"
 #include "korv/system/folder_stack.h"
-#include "korv/system/tree_remove.h"
+#include "korv/system/sync_entry.h"
+#include "korv/system/target_tree.h"
 
 namespace korv {
 
@@ -23,88 +21,14 @@ namespace {
 
 using Where = CopyError::Where;
 
-constexpr mode_t kPrivateFolder = S_IRWXU;
-constexpr mode_t kPrivateFile = S_IRUSR | S_IWUSR;
 constexpr ino_t kSubvolumeInode = 256;  // of Btrfs; a snapshot has its original's times
-constexpr mode_t kPlainModes = S_IRWXU | S_IRWXG | S_IRWXO;
-
-[[noreturn]] void Fail(Where where, int error, const char* action) { throw CopyError{where, error, action}; }
-
-void Check(bool isRight, Where where, const char* action) {
-    if (!isRight) {
-        Fail(where, errno, action);
-    }
-}
-
-// False when there is no such entry.
-bool StatEntry(int folder, const char* name, struct stat& status, Where where) {
-    if (fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
-        return true;
-    }
-    Check(errno == ENOENT, where, "look at an entry");
-    return false;
-}
-
-bool IsSameKindAndTime(const struct stat& left, const struct stat& right) {
-    return (left.st_mode & S_IFMT) == (right.st_mode & S_IFMT) && left.st_rdev == right.st_rdev &&
-           left.st_mtim.tv_sec == right.st_mtim.tv_sec && left.st_mtim.tv_nsec == right.st_mtim.tv_nsec;
-}
-
-bool IsNewer(const struct stat& left, const struct stat& right) {
-    return left.st_mtim.tv_sec != right.st_mtim.tv_sec ? left.st_mtim.tv_sec > right.st_mtim.tv_sec
-                                                       : left.st_mtim.tv_nsec > right.st_mtim.tv_nsec;
-}
-
-std::string ReadLink(const EntryRef& link, Where where) {
-    constexpr std::size_t kLongest = 4096;
-    std::string text(kLongest, '\0');
-    const ssize_t length = readlinkat(link.folder, link.name, text.data(), text.size());
-    Check(length >= 0, where, "read a link");
-    text.resize(static_cast<std::size_t>(length));
-    return text;
-}
-
-// Opens the folder that holds `path`, however long that is, name by name.
-FileDescriptor OpenFolderOf(int root, const std::string& path, std::string& name) {
-    FileDescriptor folder(fcntl(root, F_DUPFD_CLOEXEC, 0));
-    std::size_t start = 0;
-    for (std::size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', start)) {
-        folder = FileDescriptor(
-            OpenBeneath(folder.Get(), path.substr(start, slash - start).c_str(), O_RDONLY | O_DIRECTORY));
-        Check(static_cast<bool>(folder), Where::kTarget, "find a file's first name");
-        start = slash + 1;
-    }
-    name = path.substr(start);
-    return folder;
-}
-
-// A read lease is refused while someone has the file open for writing; a file system without leases can't
-// tell.
-bool IsBeingWritten(int file) {
-    fcntl(file, F_SETSIG, SIGURG);  // ignored, unlike what a broken lease would send by default
-    if (fcntl(file, F_SETLEASE, F_RDLCK) == 0) {
-        fcntl(file, F_SETLEASE, F_UNLCK);
-        return false;
-    }
-    return errno == EAGAIN;
-}
-
-// What is written while it is copied may keep the time that it has: its copy gets an earlier one, so that it
-// is copied once more.
-void MakeEarlier(timespec& time) {
-    constexpr long kSecond_ns = 1'000'000'000;
-    time.tv_sec -= time.tv_nsec == 0 ? 1 : 0;
-    time.tv_nsec = (time.tv_nsec == 0 ? kSecond_ns : time.tv_nsec) - 1;
-}
-
 // One pass. Source and target are walked in step.
 class Pass {
 public:
     Pass(int source, int target, SyncMode mode, const SyncTimes& times, const CopyObserver& observer,
          WrittenFiles* written)
         : m_source(FileDescriptor(fcntl(source, F_DUPFD_CLOEXEC, 0))),
-          m_target(FileDescriptor(fcntl(target, F_DUPFD_CLOEXEC, 0))),
-          m_targetRoot(target),
+          m_target(target, mode == SyncMode::kFollow, observer, m_counts),
           m_mode(mode),
           m_times(times),
           m_observer(observer),
@@ -112,9 +36,6 @@ public:
           m_levels(1) {}
 
     SyncCounts Run() {
-        if (m_mode == SyncMode::kFollow) {
-            m_carrying.emplace(m_targetRoot);
-        }
         while (true) {
             FolderEntry entry;
             if (m_levels.back().stream.Next(m_source.Current(), entry)) {
@@ -124,14 +45,14 @@ public:
             }
             const int error = m_levels.back().stream.Error();
             if (error != 0 && error != ENOENT) {
-                Fail(Where::kSource, error, "list a folder");
+                FailCopy(Where::kSource, error, "list a folder");
             }
             FinishFolder();
             if (m_source.Depth() == 0) {
                 return m_counts;
             }
             Leave(m_source, Where::kSource);
-            Leave(m_target, Where::kTarget);
+            Leave(m_target.folders, Where::kTarget);
             m_levels.pop_back();
         }
     }
@@ -154,7 +75,7 @@ private:
 
     static void Leave(FolderStack& stack, Where where) {
         if (const int error = stack.Leave()) {
-            Fail(where, error, "go up from a folder");
+            FailCopy(where, error, "go up from a folder");
         }
     }
 
@@ -171,16 +92,16 @@ private:
             return;
         }
         struct stat copy {};
-        bool isThere =
-            !m_levels.back().isFresh && StatEntry(m_target.Current(), name.c_str(), copy, Where::kTarget);
+        bool isThere = !m_levels.back().isFresh &&
+                       StatEntry(m_target.folders.Current(), name.c_str(), copy, Where::kTarget);
         if (isThere && (status.st_mode & S_IFMT) != (copy.st_mode & S_IFMT)) {
             if (m_mode == SyncMode::kFollow && !IsTouched(status)) {
                 return;  // people have replaced it
             }
             if (m_mode == SyncMode::kFollow) {
-                Fail(Where::kTarget, EEXIST, "carry over an entry");
+                FailCopy(Where::kTarget, EEXIST, "carry over an entry");
             }
-            Remove(name);
+            m_target.Remove(name);
             isThere = false;
         }
         if (S_ISDIR(status.st_mode)) {
@@ -226,19 +147,20 @@ private:
         const bool isSuspect = IsSuspect(status) || (!isThere && !isFollowing);
         if (!isThere) {
             // Removed where people are now, unless somebody still writes in it.
-            if ((isFollowing && !isSuspect && !IsAlive(name)) || !MakeFolder(name, status)) {
+            if ((isFollowing && !isSuspect && !IsAlive(name)) ||
+                !m_target.MakeFolder(m_source.Current(), name, status)) {
                 return;
             }
         }
         if (const int error = m_source.Enter(name.c_str())) {
             // Replaced or moved away meanwhile: the next pass sees what is there then.
             if (error != ENOENT && error != ENOTDIR && error != ELOOP && error != ESTALE) {
-                Fail(Where::kSource, error, "enter a folder");
+                FailCopy(Where::kSource, error, "enter a folder");
             }
             return;
         }
-        if (const int error = m_target.Enter(name.c_str())) {
-            Fail(Where::kTarget, error, "enter a folder");
+        if (const int error = m_target.folders.Enter(name.c_str())) {
+            FailCopy(Where::kTarget, error, "enter a folder");
         }
         m_levels.emplace_back();
         m_levels.back().isSuspect = isSuspect;
@@ -281,54 +203,16 @@ private:
         return false;
     }
 
-    // False when somebody has made something else of that name meanwhile.
-    bool MakeFolder(const std::string& name, const struct stat& status) {
-        const EntryRef made = Making(name);
-        Check(mkdirat(made.folder, made.name, kPrivateFolder) == 0, Where::kTarget, "make a folder");
-        if (m_carrying) {
-            const FileDescriptor source(
-                OpenBeneath(m_source.Current(), name.c_str(), O_RDONLY | O_DIRECTORY));
-            const FileDescriptor target(OpenBeneath(made.folder, made.name, O_RDONLY | O_DIRECTORY));
-            Check(static_cast<bool>(source), Where::kSource, "open a folder");
-            Check(static_cast<bool>(target), Where::kTarget, "open a folder");
-            CopyAttributes(source.Get(), status, target.Get());
-        }
-        ++m_counts.copiedEntries;
-        return Place(name, nullptr);
-    }
-
-    // Where an entry named `name` is made: where people use the target, out of their reach until it is done.
-    EntryRef Making(const std::string& name) {
-        return m_carrying ? m_carrying->Making() : EntryRef{m_target.Current(), name.c_str()};
-    }
-
-    // Gives what was made its name, in place of `copy`. Where somebody was faster the next pass decides.
-    bool Place(const std::string& name, const struct stat* copy) {
-        const bool isPlaced = !m_carrying || m_carrying->Place(m_target.Current(), name.c_str(), copy);
-        m_counts.beingWritten += isPlaced ? 0 : 1;
-        return isPlaced;
-    }
-
     // One of several names of a file: the first that comes is copied, the others are linked to it.
     void VisitName(const std::string& name, const struct stat& status, const struct stat* copy) {
         const auto key = std::make_pair(status.st_dev, status.st_ino);
         const auto first = m_firstNames.find(key);
         if (first == m_firstNames.end()) {
             VisitFile(name, status, copy);
-            m_firstNames[key] = {m_target.FullPathOf(name), status.st_nlink - 1};
+            m_firstNames[key] = {m_target.folders.FullPathOf(name), status.st_nlink - 1};
             return;
         }
-        std::string firstName;
-        const FileDescriptor folder = OpenFolderOf(m_targetRoot, first->second.path, firstName);
-        struct stat linked {};
-        if (StatEntry(folder.Get(), firstName.c_str(), linked, Where::kTarget)) {
-            if (copy == nullptr || copy->st_ino != linked.st_ino) {
-                RemoveCopy(name, copy);
-                Check(linkat(folder.Get(), firstName.c_str(), m_target.Current(), name.c_str(), 0) == 0,
-                      Where::kTarget, "link a file");
-                ++m_counts.copiedEntries;
-            }
-        } else {
+        if (!m_target.Link(first->second.path, name, copy)) {
             VisitFile(name, status, copy);  // its first name has vanished before it was copied
         }
         if (--first->second.left == 0) {
@@ -341,7 +225,7 @@ private:
             VisitRegular(name, status, copy);
         } else if (copy == nullptr || !IsSameSpecial(name, status, *copy)) {
             if (m_mode != SyncMode::kFollow || (IsToCarry(status) && copy == nullptr)) {
-                CopySpecial(name, status, copy);
+                m_target.CopySpecial(m_source.Current(), name, status, copy);
             }
         }
     }
@@ -355,24 +239,6 @@ private:
     }
     bool MayHaveToCarry(const struct stat& status) const {
         return m_written == nullptr || !m_written->isKnown || HadWriter(status) || IsToCarry(status);
-    }
-
-    // A file that somebody holds a write lease on can only be waited for, which must not be done at what
-    // somebody else may have put in its place. None when it is gone, or no file any more.
-    static FileDescriptor OpenRegular(int folder, const char* name) {
-        FileDescriptor file(OpenBeneath(folder, name, O_RDONLY | O_NOATIME | O_NONBLOCK));
-        if (!file && errno == EAGAIN) {
-            const FileDescriptor found(OpenBeneath(folder, name, O_PATH));
-            struct stat status {};
-            if (found && fstat(found.Get(), &status) == 0 && S_ISREG(status.st_mode)) {
-                file = FileDescriptor(open(("/proc/self/fd/" + std::to_string(found.Get())).c_str(),
-                                           O_RDONLY | O_NOATIME | O_CLOEXEC));
-            } else {
-                errno = ENOENT;
-            }
-        }
-        Check(file || errno == ENOENT || errno == ELOOP, Where::kSource, "open a file");
-        return file;
     }
 
     // kFollow: counts a writer, whose file has to be carried over once more when he is done.
@@ -411,10 +277,12 @@ private:
         if (copy != nullptr && IsAsItMustBe(name, source.Get(), status, *copy)) {
             return;
         }
-        CopyRegular(name, source.Get(), copy);
+        const bool isExact = m_target.CopyRegular(source.Get(), name, copy);
         if (m_mode == SyncMode::kVerify) {
             ++m_counts.differing;
-            VerifyAgain(name, source.Get());
+            if (isExact) {
+                VerifyAgain(name, source.Get());
+            }
         }
     }
 
@@ -422,7 +290,7 @@ private:
                 bool isWriterGone) {
         const bool isToCarry = isWriterGone || (copy == nullptr ? IsToCarry(status) : IsNewer(status, *copy));
         if (isToCarry) {
-            CopyRegular(name, source, copy);
+            m_target.CopyRegular(source, name, copy);
         }
         if (isWriterGone) {
             m_written->files.erase({status.st_dev, status.st_ino});
@@ -449,9 +317,9 @@ private:
 
     bool HasSameContentAndAttributes(const std::string& name, int source, const struct stat& status) {
         const FileDescriptor target(
-            OpenBeneath(m_target.Current(), name.c_str(), O_RDONLY | O_NOATIME | O_NONBLOCK));
+            OpenBeneath(m_target.folders.Current(), name.c_str(), O_RDONLY | O_NOATIME | O_NONBLOCK));
         struct stat now {};
-        Check(target && fstat(target.Get(), &now) == 0, Where::kTarget, "open a copy");
+        CheckCopy(target && fstat(target.Get(), &now) == 0, Where::kTarget, "open a copy");
         posix_fadvise(target.Get(), 0, 0, POSIX_FADV_DONTNEED);  // what the disk holds counts
         return HasSameAttributes(source, status, target.Get(), now) &&
                HasSameContent(source, target.Get(), m_observer);
@@ -461,40 +329,14 @@ private:
     void VerifyAgain(const std::string& name, int source) {
         struct stat before {};
         struct stat after {};
-        Check(fstat(source, &before) == 0, Where::kSource, "look at a file");
+        CheckCopy(fstat(source, &before) == 0, Where::kSource, "look at a file");
         const bool isRight = HasSameContentAndAttributes(name, source, before);
-        Check(fstat(source, &after) == 0, Where::kSource, "look at a file");
+        CheckCopy(fstat(source, &after) == 0, Where::kSource, "look at a file");
         const bool isUntouched =
             before.st_ctim.tv_sec == after.st_ctim.tv_sec && before.st_ctim.tv_nsec == after.st_ctim.tv_nsec;
         if (!isRight && isUntouched && !IsBeingWritten(source)) {
-            Fail(Where::kTarget, EIO, "read back what was written");
+            FailCopy(Where::kTarget, EIO, "read back what was written");
         }
-    }
-
-    void CopyRegular(const std::string& name, int source, const struct stat* copy) {
-        struct stat before {};
-        Check(fstat(source, &before) == 0, Where::kSource, "look at a file");
-        if (m_mode != SyncMode::kFollow) {
-            RemoveCopy(name, copy);
-        }
-        const EntryRef made = Making(name);
-        const FileDescriptor target(openat(made.folder, made.name,
-                                           O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                                           before.st_mode & kPlainModes));
-        Check(static_cast<bool>(target), Where::kTarget, "make a file");
-        CopyRights(before, target.Get());  // asked now, its facts needn't be fetched
-        CopyContent(source, target.Get(), [this](std::uint64_t bytes) {
-            m_counts.copied_bytes += bytes;
-            m_observer(bytes);
-        });
-        if (IsBeingWritten(source)) {
-            MakeEarlier(before.st_mtim);
-        }
-        CopyAttributesAndTimes(source, before, target.Get());
-        // Its time says that it is whole: that must not reach the disk before its content.
-        Check(!m_carrying || fsync(target.Get()) == 0, Where::kTarget, "write to the disk");
-        Place(name, copy);
-        ++m_counts.copiedEntries;
     }
 
     bool IsSameSpecial(const std::string& name, const struct stat& status, const struct stat& copy) const {
@@ -502,87 +344,33 @@ private:
             !HasSameAttributes(-1, status, -1, copy)) {
             return false;
         }
-        return !S_ISLNK(status.st_mode) || ReadLink({m_source.Current(), name.c_str()}, Where::kSource) ==
-                                               ReadLink({m_target.Current(), name.c_str()}, Where::kTarget);
-    }
-
-    void CopySpecial(const std::string& name, const struct stat& status, const struct stat* copy) {
-        if (!m_carrying) {
-            RemoveCopy(name, copy);
-        }
-        const EntryRef source{m_source.Current(), name.c_str()};
-        const EntryRef target = Making(name);
-        if (S_ISLNK(status.st_mode)) {
-            Check(symlinkat(ReadLink(source, Where::kSource).c_str(), target.folder, target.name) == 0,
-                  Where::kTarget, "make a link");
-        } else {
-            Check(mknodat(target.folder, target.name, (status.st_mode & S_IFMT) | kPrivateFile,
-                          status.st_rdev) == 0,
-                  Where::kTarget, "make a special file");
-        }
-        CopyAttributes(source, status, target);
-        Place(name, copy);
-        ++m_counts.copiedEntries;
-    }
-
-    void RemoveCopy(const std::string& name, const struct stat* copy) {
-        if (copy != nullptr) {
-            Check(unlinkat(m_target.Current(), name.c_str(), 0) == 0 || errno == ENOENT, Where::kTarget,
-                  "replace a file");
-        }
-    }
-
-    void Remove(const std::string& name) {
-        const TreeRemoval removal = RemoveTree(m_target.Current(), name);
-        if (!removal.isGone) {
-            Fail(Where::kTarget, removal.problems.empty() ? EIO : removal.problems.front().error,
-                 "remove an entry");
-        }
-        ++m_counts.removedEntries;
+        return !S_ISLNK(status.st_mode) ||
+               ReadLink({m_source.Current(), name.c_str()}, Where::kSource) ==
+                   ReadLink({m_target.folders.Current(), name.c_str()}, Where::kTarget);
     }
 
     // The source's list has come to its end.
     void FinishFolder() {
         const bool hasCopied = m_counts.copiedEntries > m_levels.back().copiedBefore;
-        if (m_mode == SyncMode::kFollow || (IsFolderAsSeen() && !hasCopied)) {
+        const bool mayMissEntries = !IsFolderAsSeen() || m_levels.back().isTouched;
+        if (m_mode == SyncMode::kFollow || (!mayMissEntries && !hasCopied)) {
             return;
         }
-        if (!m_levels.back().isFresh && !IsFolderAsSeen()) {
-            RemoveVanished();
+        if (mayMissEntries && !m_levels.back().isFresh) {
+            m_target.RemoveVanished(m_source.Current());
         }
-        struct stat status {};
-        struct stat copy {};
-        Check(fstat(m_source.Current(), &status) == 0, Where::kSource, "look at a folder");
-        Check(fstat(m_target.Current(), &copy) == 0, Where::kTarget, "look at a folder");
-        if (!HasSameAttributes(m_source.Current(), status, m_target.Current(), copy)) {
-            CopyAttributes(m_source.Current(), status, m_target.Current());
-        }
+        m_target.CopyFolderAttributes(m_source.Current());
     }
 
-    void RemoveVanished() {
-        FolderStream stream;
-        FolderEntry entry;
-        while (stream.Next(m_target.Current(), entry)) {
-            struct stat status {};
-            if (!StatEntry(m_source.Current(), entry.name.data(), status, Where::kSource)) {
-                Remove(std::string(entry.name));
-            }
-        }
-        errno = stream.Error();
-        Check(errno == 0, Where::kTarget, "list a folder");
-    }
-
+    SyncCounts m_counts;
     FolderStack m_source;
-    FolderStack m_target;
-    int m_targetRoot;
+    TargetTree m_target;
     SyncMode m_mode;
     const SyncTimes m_times;
     const CopyObserver& m_observer;
     WrittenFiles* m_written;
     std::vector<Level> m_levels;
-    std::optional<CarryingFolder> m_carrying;  // kFollow
     std::map<std::pair<dev_t, ino_t>, FirstName> m_firstNames;
-    SyncCounts m_counts;
 };
 
 }  // namespace

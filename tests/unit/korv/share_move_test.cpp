@@ -415,10 +415,15 @@ TEST_P(Encryption, LosesNothingThatIsRenamedBehindTheLastPass) {
     MakeShare(30);
     fs::create_directories(m_volume + "/elsewhere/deep/er");
     std::ofstream(m_volume + "/elsewhere/deep/er/film") << "film";
+    fs::create_directories(m_share + "/quiet/inner");
+    for (const char* name : {"/quiet/inner/renamed", "/quiet/inner/removed", "/quiet/inner/stays"}) {
+        std::ofstream(m_share + name) << "old";
+    }
     std::ofstream(m_share + "/cam0/kept") << "newer";
     std::ofstream(m_share + "/cam0/older") << "older";
     const timespec old[2] = {{1'600'000'000, 0}, {1'600'000'000, 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, (m_share + "/cam0/older").c_str(), old, 0), 0);
+    struct stat inner {};
     usleep(3'100'000);  // so that only the renames touch anything after the last pass's time
     const auto result = RunHurried([&] {
         usleep(3'100'000);
@@ -428,10 +433,16 @@ TEST_P(Encryption, LosesNothingThatIsRenamedBehindTheLastPass) {
         fs::rename(m_volume + "/elsewhere", m_share + "/cam2/moved");
         fs::rename(m_share + "/cam0/older", m_share + "/cam0/kept");
         fs::remove(m_share + "/special/first");
+        fs::rename(m_share + "/quiet/inner/renamed", m_share + "/quiet/inner/differently");
+        fs::remove(m_share + "/quiet/inner/removed");
+        ASSERT_EQ(stat((m_share + "/quiet/inner").c_str(), &inner), 0);
         m_before = manifest::Of(m_share);
     });
     EXPECT_EQ(result.end, MoveEnd::kDone) << result.reason;
     EXPECT_EQ(Text(m_share + "/cam2/moved/deep/er/film"), "film");
+    // A file that is carried over changes its folder where people see it.
+    const timespec seen[2] = {inner.st_atim, inner.st_mtim};
+    ASSERT_EQ(utimensat(AT_FDCWD, (m_share + "/quiet/inner").c_str(), seen, 0), 0);
     EXPECT_EQ(Text(m_share + "/cam0/kept"), "older");
     ExpectMoved();
 }
