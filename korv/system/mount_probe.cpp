@@ -58,11 +58,16 @@ FileSystemType TypeOf(const std::string& path) {
 }
 
 // A file system may answer for its size out of what it remembers; the list of its entries has to come from
-// where they are.
+// where they are. Being refused is an answer too: an export may keep root out and let the recorder in.
 bool CanList(const std::string& path) {
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(path.c_str()), closedir);
-    errno = 0;
-    return entries != nullptr && (readdir(entries.get()) != nullptr || errno == 0);
+    if (entries != nullptr) {
+        errno = 0;
+        if (readdir(entries.get()) != nullptr || errno == 0) {
+            return true;
+        }
+    }
+    return errno == EACCES || errno == EPERM;
 }
 
 void Look(const std::string& path, MountFacts& facts) {

@@ -76,11 +76,22 @@ void TakeFolderState(MountRow& row, const MountFolderState& state) {
 
 MountFolderState FolderStateOf(const MountRow& row) { return {row.isFolderMade, row.guard, row.guardMode}; }
 
+// Attempts count until a look finds the mount alive: one that mounts and still isn't alive must not be made
+// again at once.
 void NoteAttempt(MountRow& row, MountFailure failure, long long now_s) {
     row.isNormal = failure == MountFailure::kNone;
     row.lastError = static_cast<int>(failure);
-    row.failures = row.isNormal ? 0 : row.failures + 1;
-    row.nextTry_s = row.isNormal ? 0 : now_s + RetryPause_s(row.failures);
+    ++row.failures;
+    row.nextTry_s = now_s + RetryPause_s(row.failures);
+}
+
+void NoteLook(MountRow& row, bool isAlive) {
+    row.isNormal = isAlive;
+    if (isAlive) {
+        row.failures = 0;
+        row.nextTry_s = 0;
+        row.lastError = 0;
+    }
 }
 
 // The place of a row; none when its share is gone.
@@ -211,7 +222,12 @@ MountEnd TryAgain(MountRow& row, long long now_s) {
     }
     row = *current;
     const MountSight sight = LookAtMount(row.mountPoint).sight;
-    MountEnd end = sight == MountSight::kAlive ? Failed(MountFailure::kNone) : MountAnew(row, *place, sight);
+    if (sight == MountSight::kAlive) {
+        NoteLook(row, true);
+        SaveMountStatus(row);
+        return Failed(MountFailure::kNone);
+    }
+    MountEnd end = MountAnew(row, *place, sight);
     NoteAttempt(row, end.failure, now_s);
     SaveMountRow(row);
     return end;
@@ -219,12 +235,7 @@ MountEnd TryAgain(MountRow& row, long long now_s) {
 
 // Writes down what was seen, unless the row is another one by now.
 void NoteSight(MountRow& row, bool isAlive) {
-    row.isNormal = isAlive;
-    if (isAlive) {
-        row.failures = 0;
-        row.nextTry_s = 0;
-        row.lastError = 0;
-    }
+    NoteLook(row, isAlive);
     SaveMountStatus(row);
 }
 

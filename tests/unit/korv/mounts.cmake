@@ -6,6 +6,7 @@ add_executable(korv_mount_test
     remote_mounts_test.cpp
     samba_server.cpp
     share_key_test.cpp
+    silent_file_system.cpp
 )
 target_compile_definitions(korv_mount_test PRIVATE TEST_HELPERS="${PROJECT_SOURCE_DIR}/tests/helpers")
 target_link_libraries(korv_mount_test PRIVATE korv PkgConfig::SODIUM soci_core soci_sqlite3 acl GTest::gtest)

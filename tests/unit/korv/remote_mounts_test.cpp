@@ -24,6 +24,7 @@
 #include "korv/system/share_rights.h"
 #include "tests/unit/korv/private_machine.h"
 #include "tests/unit/korv/samba_server.h"
+#include "tests/unit/korv/silent_file_system.h"
 
 namespace fs = std::filesystem;
 
@@ -32,6 +33,7 @@ namespace {
 using korv::MountCaller;
 using korv::MountFailure;
 using korv::MountSight;
+using Silence = SilentFileSystem::Silence;
 
 const MountCaller kAdmin{"admin", true};
 const MountCaller kAlice{"alice", false};
@@ -312,7 +314,20 @@ TEST_F(RemoteMounts, ComeBackByThemselvesWhenTheServerDoes) {
     ASSERT_EQ(changes.size(), 1U);
     EXPECT_TRUE(changes.front().isNormal);
     EXPECT_EQ(GetRemoteMountStatus(Point()), 0);
+    EXPECT_GT(korv::FindMountRow(Point())->failures, 0) << "no look has found it alive yet";
+    EXPECT_TRUE(korv::CareForMounts(now + korv::RetryPause_s(1) + 6).empty());
     EXPECT_EQ(korv::FindMountRow(Point())->failures, 0);
+    EXPECT_EQ(korv::FindMountRow(Point())->nextTry_s, 0);
+}
+
+TEST_F(RemoteMounts, AreAliveWhenTheirServerRefusesToListThem) {
+    fs::create_directory(machine::Volume() + "/kept");
+    for (const int error : {EACCES, EPERM}) {
+        const SilentFileSystem fileSystem(machine::Volume() + "/kept", Silence::kNothing, error);
+        EXPECT_EQ(korv::LookAtMount(machine::Volume() + "/kept").sight, MountSight::kAlive) << error;
+    }
+    const SilentFileSystem stale(machine::Volume() + "/kept", Silence::kNothing, ESTALE);
+    EXPECT_EQ(korv::LookAtMount(machine::Volume() + "/kept").sight, MountSight::kStale);
 }
 
 TEST_F(RemoteMounts, AreUndoneWhenTheirMakerDied) {

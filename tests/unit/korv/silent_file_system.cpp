@@ -36,7 +36,7 @@ void ReplyError(int device, const fuse_in_header& request, int error) {
     }
 }
 
-void Serve(int device, const fuse_in_header& request) {
+void Serve(int device, const fuse_in_header& request, SilentFileSystem::Silence silence, int listError) {
     switch (request.opcode) {
         case FUSE_INIT: {
             fuse_init_out answer{};
@@ -55,6 +55,13 @@ void Serve(int device, const fuse_in_header& request) {
             return;
         }
         case FUSE_STATFS:
+            if (silence == SilentFileSystem::Silence::kNothing) {
+                Reply(device, request, fuse_statfs_out{});
+            }
+            return;
+        case FUSE_OPENDIR:
+            ReplyError(device, request, listError != 0 ? listError : ENOSYS);
+            return;
         case FUSE_FORGET:
         case FUSE_INTERRUPT:
             return;
@@ -63,10 +70,10 @@ void Serve(int device, const fuse_in_header& request) {
     }
 }
 
-[[noreturn]] void ServeAll(int device, bool answersNothing) {
+[[noreturn]] void ServeAll(int device, SilentFileSystem::Silence silence, int listError) {
     static std::array<char, kLargestRequest> block;
     while (true) {
-        if (answersNothing) {
+        if (silence == SilentFileSystem::Silence::kEverything) {
             pause();
         }
         if (read(device, block.data(), block.size()) < 0) {
@@ -74,13 +81,13 @@ void Serve(int device, const fuse_in_header& request) {
         }
         fuse_in_header request{};
         std::memcpy(&request, block.data(), sizeof(request));
-        Serve(device, request);
+        Serve(device, request, silence, listError);
     }
 }
 
 }  // namespace
 
-SilentFileSystem::SilentFileSystem(const std::string& path, Silence silence) : m_path(path) {
+SilentFileSystem::SilentFileSystem(const std::string& path, Silence silence, int listError) : m_path(path) {
     const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);
     const std::string options =
         "fd=" + std::to_string(device) + ",rootmode=40000,user_id=0,group_id=0,allow_other";
@@ -89,7 +96,7 @@ SilentFileSystem::SilentFileSystem(const std::string& path, Silence silence) : m
     }
     m_server = fork();
     if (m_server == 0) {
-        ServeAll(device, silence == Silence::kEverything);
+        ServeAll(device, silence, listError);
     }
     close(device);
 }

@@ -10,10 +10,12 @@ public:
     enum class Silence {
         kEverything,  // as soon as it is mounted
         kSize,        // statfs only: its root is a folder for everybody
+        kNothing,     // its list of entries is an error
     };
 
     // Mounts it at `path`, an existing folder, for this process's mount namespace. Throws std::system_error.
-    SilentFileSystem(const std::string& path, Silence silence);
+    //   listError  what whoever opens its root for its entries is told, an errno
+    SilentFileSystem(const std::string& path, Silence silence, int listError = 0);
     // Whoever waits gets an error.
     ~SilentFileSystem();
     SilentFileSystem(const SilentFileSystem&) = delete;
