@@ -6,6 +6,7 @@
 
 #include "korv/framework/builtin_tables.h"
 #include "korv/framework/error_code.h"
+#include "korv/framework/host.h"
 #include "korv/framework/log.h"
 #include "korv/services/mount_list.h"
 #include "korv/services/request_values.h"
@@ -62,6 +63,16 @@ void MountFolder(KORV::APIRequest* request, KORV::APIResponse* response) {
     Answer(*response, korv::AddMount(wanted, CallerOf(*request)), "mounting at " + wanted.mountPoint);
 }
 
+// Who looks after mounts no longer knows of it, so whatever stands on it is told here.
+void TellOfUnmounted(const std::string& path) {
+    korv::MountFailure ignored = korv::MountFailure::kNone;
+    for (const korv::MountPlace& place : korv::FindMountPlaces(path, ignored)) {
+        if (!korv::IsMounted(place.Path())) {
+            korv::AnnounceMountState(place.Path(), false);
+        }
+    }
+}
+
 // "is_mount_point" says that the path is the mount point itself; a path somewhere below one is not taken for
 // it.
 void Unmount(KORV::APIRequest* request, KORV::APIResponse* response) {
@@ -75,7 +86,11 @@ void Unmount(KORV::APIRequest* request, KORV::APIResponse* response) {
         response->SetError(korv::kErrorBadParameter, Json::Value());
         return;
     }
-    Answer(*response, korv::RemoveMount(path, CallerOf(*request)), "unmounting " + path);
+    const korv::MountEnd end = korv::RemoveMount(path, CallerOf(*request));
+    if (end.failure == korv::MountFailure::kNone) {
+        TellOfUnmounted(path);
+    }
+    Answer(*response, end, "unmounting " + path);
 }
 
 void Reconnect(KORV::APIRequest* request, KORV::APIResponse* response) {

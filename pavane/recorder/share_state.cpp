@@ -9,6 +9,7 @@
 
 #include <json/json.h>
 
+#include "platform/korv/mount.h"
 #include "platform/korv/share.h"
 #include "platform/pavane/events.h"
 #include "platform/pavane/rec_share.h"
@@ -65,10 +66,24 @@ bool AreOutOfStep(const std::list<RecShare>& shares) {
     });
 }
 
+// Not everything that a share stands on is known to those who look after mounts: somebody may have mounted it
+// by other means, or have had it forgotten. By the kernel's list only.
+bool NoteLostMounts(std::list<RecShare> shares) {
+    bool hasChanged = false;
+    for (RecShare& share : shares) {
+        if (share.GetOwnerRvId() == 0 && share.GetMountType() != SHARE_MOUNT_LOCAL &&
+            share.GetMountStatus() == SHARE_MOUNT_NORMAL && !IsMountPoint(share.GetPath())) {
+            UpdateShareMountInfo(SHARE_MOUNT_FAILED, share, false, true);
+            hasChanged = true;
+        }
+    }
+    return hasChanged;
+}
+
 bool Refresh() {
     const std::list<RecShare> shares = LoadRecShares(0);  // before the folders: what is noted later holds
     const auto folders = FoldersByPath();
-    bool hasChanged = false;
+    bool hasChanged = NoteLostMounts(shares);
     for (const RecShare& share : shares) {
         const auto folder = folders.find(share.GetPath());
         if (!IsLocal(share) || folder == folders.end()) {

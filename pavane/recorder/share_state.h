@@ -8,8 +8,9 @@ namespace pavane {
 constexpr int kShareStateInterval_s = 3;
 
 // Brings what this server's records say about encryption and about data being moved in step with the shared
-// folders: those change by themselves, when a job ends or somebody locks a folder. Tells connected clients
-// when something has changed. Returns whether it has; failures are logged.
+// folders: those change by themselves, when a job ends or somebody locks a folder. A remote share on whose
+// folder nothing is mounted becomes abnormal. Tells connected clients when something has changed. Returns
+// whether it has; failures are logged.
 bool RefreshShareStates();
 
 // Notes that data of this server's local share `name` is being moved, until a refresh finds that over; until

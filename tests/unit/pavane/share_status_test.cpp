@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 
 #include "platform/pavane/rec_share.h"
 
+#include "pavane/recorder/share_state.h"
 #include "tests/unit/pavane/test_node.h"
 
 namespace {
@@ -36,13 +38,17 @@ protected:
 
     // Asked by a process that has `path` mounted, read-only if so wanted.
     int StatusWithMount(int id, unsigned long flags) {
+        return WithMount(flags, [id] { return CheckRecShareStatus(id) == 0 ? 0 : 1; });
+    }
+
+    int WithMount(unsigned long flags, const std::function<int()>& work) {
         pavane::CloseAppDatabase();
         const pid_t child = fork();
         if (child == 0) {
             const bool isReady = unshare(CLONE_NEWNS) == 0 &&
                                  mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
                                  mount("tmpfs", m_path.c_str(), "tmpfs", flags, "mode=0755") == 0;
-            _exit(!isReady ? 99 : CheckRecShareStatus(id) == 0 ? 0 : 1);
+            _exit(!isReady ? 99 : work());
         }
         int status = 0;
         EXPECT_EQ(waitpid(child, &status, 0), child);
@@ -79,6 +85,19 @@ TEST_F(ShareStatusTest, ARemoteShareMustBeMounted) {
     const int id = Save([](RecShare& share) { share.SetMountType(SHARE_MOUNT_NFS); });
     EXPECT_NE(CheckRecShareStatus(id), 0);
     EXPECT_EQ(StatusWithMount(id, 0), 0);
+}
+
+TEST_F(ShareStatusTest, ARemoteShareIsAbnormalAsSoonAsNothingIsMountedThere) {
+    const int id = Save([](RecShare& share) { share.SetMountType(SHARE_MOUNT_CIFS); });
+    EXPECT_EQ(WithMount(0, [] { return pavane::RefreshShareStates() ? 1 : 0; }), 0);
+    RecShare share;
+    ASSERT_EQ(share.Load(id), 0);
+    EXPECT_EQ(share.GetMountStatus(), SHARE_MOUNT_NORMAL);
+
+    EXPECT_TRUE(pavane::RefreshShareStates());
+    ASSERT_EQ(share.Load(id), 0);
+    EXPECT_EQ(share.GetMountStatus(), SHARE_MOUNT_FAILED);
+    EXPECT_FALSE(pavane::RefreshShareStates()) << "that is no news any more";
 }
 
 TEST_F(ShareStatusTest, WhatTheRecorderCannotWriteIntoIsNot) {
