@@ -84,10 +84,14 @@ Cells ToCells(const MountRow& row) {
     return cells;
 }
 
-// Binds every cell by the name of its column.
-void Bind(soci::statement& statement, const Cells& cells) {
+// Where the mount is; a rename of the share changes that under whoever holds the row.
+void BindPlace(soci::statement& statement, const Cells& cells) {
     statement.exchange(soci::use(cells.mountPoint, "mount_point"));
     statement.exchange(soci::use(cells.share, "share"));
+}
+
+// Binds all other cells by the names of their columns.
+void BindFacts(soci::statement& statement, const Cells& cells) {
     statement.exchange(soci::use(cells.token, "token"));
     statement.exchange(soci::use(cells.type, "type"));
     statement.exchange(soci::use(cells.source, "source"));
@@ -108,10 +112,13 @@ void Bind(soci::statement& statement, const Cells& cells) {
 }
 
 // True when a row was changed.
-bool Run(const MountRow& row, const char* text) {
+bool Run(const MountRow& row, bool withPlace, const char* text) {
     const Cells cells = ToCells(row);
     soci::statement statement(Database());
-    Bind(statement, cells);
+    if (withPlace) {
+        BindPlace(statement, cells);
+    }
+    BindFacts(statement, cells);
     statement.alloc();
     statement.prepare(text);
     statement.define_and_bind();
@@ -150,8 +157,13 @@ std::optional<MountRow> FindMountRow(const std::string& mountPoint) {
     return rows.empty() ? std::nullopt : std::optional(rows.front());
 }
 
+std::optional<MountRow> FindMountRowByToken(const std::string& token) {
+    const auto rows = Select("where token = :value", token);
+    return rows.empty() ? std::nullopt : std::optional(rows.front());
+}
+
 bool AddMountRow(const MountRow& row) {
-    return Run(row,
+    return Run(row, true,
                "insert or ignore into mount (mount_point, share, token, type, source, options, owner,"
                " auto_mount, state, maker_pid, maker_start, maker_boot_id, is_folder_made, guard,"
                " guard_mode, status, last_error, failures, next_try_s) values (:mount_point, :share, :token,"
@@ -160,14 +172,14 @@ bool AddMountRow(const MountRow& row) {
                " :next_try_s)");
 }
 
-void SaveMountRow(const MountRow& row) {
-    Run(row,
-        "update mount set share = :share, type = :type, source = :source, options = :options,"
+bool SaveMountRow(const MountRow& row) {
+    return Run(
+        row, false,
+        "update mount set type = :type, source = :source, options = :options,"
         " owner = :owner, auto_mount = :auto_mount, state = :state, maker_pid = :maker_pid,"
         " maker_start = :maker_start, maker_boot_id = :maker_boot_id, is_folder_made = :is_folder_made,"
         " guard = :guard, guard_mode = :guard_mode, status = :status, last_error = :last_error,"
-        " failures = :failures, next_try_s = :next_try_s where mount_point = :mount_point and token = "
-        ":token");
+        " failures = :failures, next_try_s = :next_try_s where token = :token");
 }
 
 void SaveMountStatus(const MountRow& row) {

@@ -42,11 +42,13 @@ struct MountRow {
 // All mounts by mount point.
 std::vector<MountRow> ListMountRows();
 std::optional<MountRow> FindMountRow(const std::string& mountPoint);
+// Its mount point is another one after a rename of the share.
+std::optional<MountRow> FindMountRowByToken(const std::string& token);
 
 // False when there is a row of that mount point.
 bool AddMountRow(const MountRow& row);
-// Writes everything of the row but its mount point and token, if that very row is still there.
-void SaveMountRow(const MountRow& row);
+// Writes everything of the row of that token but where it is. False when there is none any more.
+bool SaveMountRow(const MountRow& row);
 // Writes only what the last look or attempt gave: status, error, failures and the next attempt.
 void SaveMountStatus(const MountRow& row);
 void DropMountRow(const std::string& token);

@@ -110,9 +110,9 @@ void Forget(const MountRow& row) {
     DropMountRow(row.token);
 }
 
-// Takes away the mount, the guard, the account and the row, in that order.
+// Takes away the mount, the guard, the account and the row, in that order, from where they are by now.
 MountEnd Undo(const MountRow& row, bool isForced) {
-    const auto place = PlaceOf(row);
+    const auto place = PlaceOf(FindMountRowByToken(row.token).value_or(row));
     if (place) {
         MountEnd unmounted = UnmountRemote(*place, isForced);
         if (unmounted.failure != MountFailure::kNone) {
@@ -141,8 +141,10 @@ MountEnd MountAndKeep(MountRow& row, const MountPlace& place, const MountAccount
     if (end.failure == MountFailure::kNone) {
         row.state = MountState::kKept;
         row.isNormal = true;
-        SaveMountRow(row);
-        return end;
+        if (SaveMountRow(row)) {
+            return end;
+        }
+        end = {MountFailure::kFailed, "its row is gone"};
     }
     if (!IsTouched(state)) {
         Forget(row);
@@ -229,8 +231,7 @@ MountEnd TryAgain(MountRow& row, long long now_s) {
     }
     MountEnd end = MountAnew(row, *place, sight);
     NoteAttempt(row, end.failure, now_s);
-    SaveMountRow(row);
-    return end;
+    return SaveMountRow(row) ? end : Failed(MountFailure::kUnknownMount);
 }
 
 // Writes down what was seen, unless the row is another one by now.
@@ -296,7 +297,9 @@ MountEnd RemoveMount(const std::string& path, const MountCaller& caller) {
     const MountState before = row->state;
     row->state = MountState::kRemoving;
     row->maker = ThisProcess();
-    SaveMountRow(*row);
+    if (!SaveMountRow(*row)) {
+        return Failed(MountFailure::kUnknownMount);
+    }
     MountEnd end = Undo(*row, false);
     if (end.failure != MountFailure::kNone) {
         row->state = before;

@@ -20,6 +20,7 @@
 #include "korv/system/accounts.h"
 #include "korv/system/child_process.h"
 #include "korv/system/database.h"
+#include "korv/system/share_change_store.h"
 #include "korv/system/share_creation.h"
 #include "korv/system/share_rights.h"
 #include "tests/unit/korv/private_machine.h"
@@ -352,6 +353,41 @@ TEST_F(RemoteMounts, AreUndoneWhenTheirMakerDied) {
     EXPECT_TRUE(korv::ListMountRows().empty());
     std::ofstream(Point() + "/free") << "text";
     EXPECT_TRUE(fs::exists(Point() + "/free"));
+}
+
+// As a rename of the share, between two looks of the one who mounts.
+void RenameVideoTo(const std::string& name) {
+    korv::ShareRow share = *korv::FindShare("video");
+    const std::string oldPath = share.Path();
+    share.name = name;
+    fs::rename(oldPath, share.Path());
+    korv::SaveShareFacts(share);
+    korv::RenameMountRows(oldPath, share);
+}
+
+TEST_F(RemoteMounts, AreKeptWhenTheirShareIsRenamedMeanwhile) {
+    korv::CloseDatabase();
+    s_server->Pause();
+    const std::vector<int> ends = machine::InChildren(2, [](int index) {
+        if (index == 0) {
+            return static_cast<int>(korv::AddMount(Wanted(), kAdmin).failure) % 256;
+        }
+        const bool isUnderWay = WaitFor([] { return fs::exists(Point()); });
+        if (isUnderWay) {
+            RenameVideoTo("film");
+        }
+        s_server->Resume();
+        return isUnderWay ? 0 : 1;
+    });
+    s_server->Resume();
+    EXPECT_EQ(ends, (std::vector<int>{0, 0}));
+    const std::string point = machine::Volume() + "/film/nas";
+    const auto row = korv::FindMountRow(point);
+    ASSERT_TRUE(row);
+    EXPECT_EQ(row->state, korv::MountState::kKept);
+    EXPECT_EQ(row->share, "film");
+    EXPECT_TRUE(korv::RecoverMounts().empty());
+    EXPECT_EQ(GetRemoteMountStatus(point), 0) << "it must not be taken for one whose maker died";
 }
 
 TEST(RetryPause, GrowsUpToFiveMinutes) {
