@@ -208,6 +208,8 @@ std::string TextOf(MountSight sight) {
 
 bool IsDue(const MountRow& row, long long now_s) { return row.isAutomatic && row.nextTry_s <= now_s; }
 
+bool IsLeftHalfDone(const MountRow& row) { return row.state != MountState::kKept && !IsRunning(row.maker); }
+
 // Looks once more, since a moment may have passed or another process may have been at it, and mounts.
 MountEnd TryAgain(MountRow& row, long long now_s) {
     const FileDescriptor lock = LockMount(row.mountPoint);
@@ -320,15 +322,17 @@ MountEnd ReconnectMount(const std::string& path, const MountCaller& caller) {
 std::vector<std::string> RecoverMounts() {
     std::vector<std::string> troubles;
     for (const MountRow& row : ListMountRows()) {
-        if (row.state == MountState::kKept || IsRunning(row.maker)) {
+        if (!IsLeftHalfDone(row)) {
             continue;
         }
         const FileDescriptor lock = LockMount(row.mountPoint);
-        if (!lock) {
+        const auto current = FindMountRow(row.mountPoint);
+        // Whoever held the lock may have finished it, or made another mount there.
+        if (!lock || !current || current->token != row.token || !IsLeftHalfDone(*current)) {
             continue;
         }
         // A maker that died before it could write it down may have guarded the folder.
-        MountRow guarded = row;
+        MountRow guarded = *current;
         if (guarded.guard == MountGuard::kNone) {
             guarded.guard = MountGuard::kImmutable;
         }

@@ -11,10 +11,12 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include "platform/korv/configuration.h"
 #include "platform/korv/mount.h"
 
 #include "korv/system/accounts.h"
@@ -353,6 +355,54 @@ TEST_F(RemoteMounts, AreUndoneWhenTheirMakerDied) {
     EXPECT_TRUE(korv::ListMountRows().empty());
     std::ofstream(Point() + "/free") << "text";
     EXPECT_TRUE(fs::exists(Point() + "/free"));
+}
+
+std::string LockOf(const std::string& mountPoint) {
+    return KORV::GetConfiguration().runDir + "/mount-locks/" +
+           std::to_string(std::hash<std::string>{}(mountPoint));
+}
+
+// True when a process other than this one has `path` open.
+bool IsOpenElsewhere(const std::string& path) {
+    for (const auto& process : fs::directory_iterator("/proc")) {
+        const std::string pid = process.path().filename();
+        std::error_code gone;
+        if (pid.find_first_not_of("0123456789") != std::string::npos || pid == std::to_string(getpid())) {
+            continue;
+        }
+        for (const auto& file : fs::directory_iterator(process.path() / "fd", gone)) {
+            if (fs::read_symlink(file.path(), gone) == path) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+TEST_F(RemoteMounts, AreNotUndoneWhenSomebodyElseHasFinishedThem) {
+    korv::MountRow row;
+    row.mountPoint = Point();
+    row.share = "video";
+    row.token = "0123";
+    ASSERT_TRUE(korv::AddMountRow(row));
+    korv::CloseDatabase();
+    fs::create_directories(fs::path(LockOf(Point())).parent_path());
+    const std::vector<int> ends = machine::InChildren(2, [&row](int index) {
+        const std::string isLocked = machine::Volume() + "/locked";
+        if (index == 0) {
+            return WaitFor([&] { return fs::exists(isLocked); }) && korv::RecoverMounts().empty() ? 0 : 1;
+        }
+        const korv::FileDescriptor lock(open(LockOf(Point()).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        const bool isHeld = flock(lock.Get(), LOCK_EX) == 0;
+        std::ofstream(isLocked) << "yes";
+        if (!isHeld || !WaitFor([] { return IsOpenElsewhere(LockOf(Point())); })) {
+            return 1;
+        }
+        row.state = korv::MountState::kKept;
+        return korv::SaveMountRow(row) ? 0 : 1;
+    });
+    EXPECT_EQ(ends, (std::vector<int>{0, 0}));
+    EXPECT_TRUE(korv::FindMountRow(Point()));
 }
 
 // As a rename of the share, between two looks of the one who mounts.
