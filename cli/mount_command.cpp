@@ -96,7 +96,9 @@ void AddForOne(CLI::App& mount, Context& context, const char* name, const char* 
                void (*action)(const Context&, const std::string&)) {
     const auto mountPoint = std::make_shared<std::string>();
     CLI::App* const command = mount.add_subcommand(name, description);
-    command->add_option("mount-point", *mountPoint, "Folder on which it is mounted")->required();
+    command->add_option("mount-point", *mountPoint, "Folder on which it is mounted")
+        ->transform(WithoutTrailingSlashes)
+        ->required();
     command->callback([&context, mountPoint, action] {
         context.chosen = [&context, mountPoint, action] { action(context, *mountPoint); };
     });

@@ -2,9 +2,17 @@
 
 namespace cli {
 
+std::string WithoutTrailingSlashes(std::string path) {
+    while (path.size() > 1 && path.back() == '/') {
+        path.pop_back();
+    }
+    return path;
+}
+
 void RemoteFolder::AddOptions(CLI::App& command) {
     command.add_option("source", source, "//host/folder (CIFS) or host:/folder (NFS)")->required();
     command.add_option("mount-point", mountPoint, "Folder below a shared folder, e.g. /volume1/rec/nas")
+        ->transform(WithoutTrailingSlashes)
         ->required();
     command.add_option("--type", type, "cifs or nfs; without it the form of the source tells")
         ->check(CLI::IsMember({"cifs", "nfs"}));
