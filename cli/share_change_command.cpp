@@ -11,6 +11,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/command.h"
+#include "cli/far_encryption.h"
 #include "cli/input_error.h"
 #include "cli/job_progress.h"
 #include "cli/password.h"
@@ -53,14 +54,14 @@ struct DeleteOptions {
 
 bool IsOwn(const Json::Value& share) { return share["shareRvId"].asInt() == 0; }
 
-// As it will be once the job under way is over; without one, of this server's own folder as it is now: the
-// list may be a few seconds old.
+// As it will be once the job under way is over; without one, as the folder is now: the list may be a few
+// seconds old, and does not follow another server's folder.
 bool IsEncrypted(Client& client, const Json::Value& share, const Json::Value& job) {
     if (IsUnderWay(job)) {
         return Cell(job, "kind") == "encrypt";
     }
     if (!IsOwn(share)) {
-        return share["encType"].asInt() != 0;
+        return AskWhetherEncryptedThere(client, share);
     }
     Json::Value parameters(Json::objectValue);
     parameters["name"] = share["shareName"];
@@ -93,7 +94,7 @@ Json::Value EditParameters(Client& client, const EditOptions& options, const Jso
     parameters["blRecLimit"] =
         options.limitGB.has_value() || (share["enableRecLimit"].asBool() && !options.noLimit);
     parameters["recLimitGB"] = options.limitGB.value_or(share["recLimitGB"].asInt());
-    parameters["blEncryption"] = options.encrypt || (IsEncrypted(client, share, job) && !options.decrypt);
+    parameters["blEncryption"] = options.encrypt || (!options.decrypt && IsEncrypted(client, share, job));
     if (options.encrypt) {
         parameters["encPasswd"] = options.password.Read("Password to encrypt the share with: ");
     }

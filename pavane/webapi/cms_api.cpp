@@ -163,6 +163,10 @@ Json::Value DriftElement(int rvId, const Drift& drift) {
         fields.append(field);
     }
     element["fields"] = fields;
+    if (!isStale) {  // as the recording server has it
+        element["encType"] = static_cast<int>(share.GetEncType());
+        element["migrating"] = share.GetMigrating();
+    }
     return element;
 }
 

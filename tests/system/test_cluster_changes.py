@@ -10,7 +10,7 @@ import time
 import pytest
 
 from cluster import Cluster, FakePeer, enter_own_network
-from node import SHARE_API
+from node import SHARE_API, wait_until
 
 _FIELDS = ("name, path, volume, description, hidden, enc_type, fs_type, mount_type, mount_source, auto_mount, migrating, "
            "rec_limit_gb, enable_rec_limit, total_size_mb")
@@ -365,6 +365,39 @@ def test_the_host_unlocks_a_recording_servers_share_by_its_key_file(cluster):
     assert not locked(cluster.second, "vault")
     for member in cluster.members:
         assert _PASSWORD not in member.log() + member.log("korvd.log") + member.log("nginx-access.log")
+
+
+def test_an_edit_that_names_no_encryption_leaves_it_as_it_is(cluster):
+    """The host's record does not follow what is encrypted on the recording server."""
+    number = str(cluster.ids["server2"])
+    path = os.path.join(cluster.folder, "share.password")
+    with open(path, "w", encoding="utf-8", opener=lambda name, flags: os.open(name, flags, 0o600)) as file:
+        file.write(_PASSWORD)
+
+    def pavane(*words, check=True):
+        return cluster.pavane(cluster.host, "share", *words, "--server", number, check=check)
+
+    def folder():
+        return cluster.second.client("admin").call("KORV.Core.Share", "get", name="kept")["data"]
+
+    at_host, on_rec = create_far(cluster, cluster.second, "kept")
+    pavane("edit", str(at_host), "--encrypt", "--password-file", path)
+    wait_until(lambda: folder()["encryption"] == 2 and not folder()["is_share_moving"], "it is encrypted", 60)
+    assert record(cluster.host, "/volume1/kept", cluster.ids["server2"])[2][5] == 0, "what the host last heard"
+    pavane("limit", str(at_host), "20")
+    assert cluster.second.rows("select rec_limit_gb from recording_share where id = ?", on_rec) == [(20,)]
+    assert folder()["encryption"] == 2 and not folder()["is_share_moving"]
+    cluster.second.cut_off()
+    try:
+        refused = pavane("limit", str(at_host), "30", check=False)
+        assert refused.returncode != 0 and "gives no answer" in refused.stderr, refused.stderr
+    finally:
+        cluster.second.reconnect()
+    cluster.await_state(cluster.second, "online")
+    pavane("edit", str(at_host), "--decrypt")
+    wait_until(lambda: folder()["encryption"] == 0 and not folder()["is_share_moving"], "it is plain", 60)
+    pavane("limit", str(at_host), "40")
+    assert folder()["encryption"] == 0
 
 
 # A host that answers something else than a host would.
