@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <exception>
+#include <stdexcept>
 #include <string>
 
 #include <soci/soci.h>
@@ -18,15 +19,16 @@ namespace {
 constexpr const char* kSource = "pavane/cms/role";
 constexpr const char* kHostRole = "host";
 constexpr const char* kRecServerRole = "rec_server";
+constexpr const char* kUnknownRole = "this server's role in central management can't be read";
 
-// The setting, or `fallback` when it can't be read either.
+// The setting, or `fallback` when there is none.
 std::string Setting(const char* name, const char* fallback) {
     try {
         return pavane::GetSetting(name, fallback);
     } catch (const std::exception& failure) {
         PV_LOG_LINE(kSource, "Failed to read the setting %s: %s\n", name,
                     pavane::DescribeFailure(failure).c_str());
-        return fallback;
+        throw std::runtime_error(kUnknownRole);
     }
 }
 
@@ -39,7 +41,7 @@ bool HasHost() {
     } catch (const std::exception& failure) {
         PV_LOG_LINE(kSource, "Failed to read the pairing with the host: %s\n",
                     pavane::DescribeFailure(failure).c_str());
-        return false;
+        throw std::runtime_error(kUnknownRole);
     }
 }
 

@@ -17,11 +17,13 @@ enum RV_STATUS : int {
 };
 
 // This server's role. Each reads the application's settings; none blocks longer than one indexed query.
+// Settings that can't be read are no role to act by: std::runtime_error is thrown, and the request ends
+// there.
 bool IsCmsHost();
 bool IsCmsPaired();
 bool IsEnableCms();
 
-// The state of this server as a recording server of its host; 0 = in order.
+// The state of this server as a recording server of its host; 0 = in order. Throws like those above.
 int GetRecServerOwnStatus();
 
 // A recording server as the host knows it. A value type.

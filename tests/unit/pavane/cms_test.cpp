@@ -1,6 +1,7 @@
 #include "platform/pavane/cms.h"
 
 #include <list>
+#include <stdexcept>
 #include <string>
 
 #include "pavane/store/settings_table.h"
@@ -46,6 +47,22 @@ TEST_F(Cms, TheRoleCountsOnlyWhileCentralManagementIsOn) {
         << "insert into cms_host (id, own_serial, address, pair_secret) values (1, 'S', 'http://h', 'x')";
     EXPECT_TRUE(IsCmsPaired());
     EXPECT_EQ(GetRecServerOwnStatus(), 2);
+}
+
+TEST_F(Cms, ARoleThatCannotBeReadIsNotTakenForNone) {
+    pavane::SetSetting("cms_role", "rec_server");
+    pavane::SetSetting("cms_enabled", "1");
+    Session() << "alter table cms_host rename to cms_host_away";
+    EXPECT_THROW(IsCmsPaired(), std::runtime_error);
+    Session() << "alter table cms_host_away rename to cms_host";
+    EXPECT_FALSE(IsCmsPaired());
+    Session() << "alter table setting rename to setting_away";
+    EXPECT_THROW(IsEnableCms(), std::runtime_error);
+    EXPECT_THROW(IsCmsHost(), std::runtime_error);
+    EXPECT_THROW(IsCmsPaired(), std::runtime_error);
+    EXPECT_THROW(GetRecServerOwnStatus(), std::runtime_error);
+    Session() << "alter table setting_away rename to setting";
+    EXPECT_TRUE(IsEnableCms());
 }
 
 TEST_F(Cms, RecordingServersAreReadById) {
