@@ -8,7 +8,9 @@
 #include <soci/soci.h>
 
 #include "pavane/log_line.h"
+#include "pavane/recorder/share_state.h"
 #include "pavane/store/database.h"
+#include "pavane/store/rec_share_store.h"
 
 namespace pavane {
 
@@ -125,7 +127,7 @@ RecShare Repaired(const Drift& drift) {
 
 Json::Value OwnRecords() {
     Json::Value records(Json::arrayValue);
-    for (const RecShare& share : LoadRecShareFromDB(0)) {
+    for (const RecShare& share : ReadRecSharesInStep(0)) {
         if (share.GetOwnerRvId() != 0) {
             continue;
         }
@@ -141,7 +143,7 @@ Json::Value OwnRecords() {
 
 // By id first: a path may be another record's by now. By path those whose id the host never learnt.
 std::vector<Drift> FindDrift(int rvId, const Json::Value& answer) {
-    std::list<RecShare> known = LoadRecShareFromDB(rvId);
+    std::list<RecShare> known = ReadRecShares(rvId);
     std::vector<Drift> drifts;
     for (const Json::Value& record : answer) {
         drifts.emplace_back().wanted = RecordAtHost(rvId, record);

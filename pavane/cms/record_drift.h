@@ -12,7 +12,8 @@
 // that died, or was cut off, between both sides of a change leaves such a drift behind.
 namespace pavane {
 
-// The records of this server's own shares, as its host asks for them.
+// The records of this server's own shares, as its host asks for them. Throws (pavane/store/database.h): an
+// empty answer would have the host forget all of them.
 Json::Value OwnRecords();
 
 enum class DriftKind {
@@ -29,7 +30,7 @@ struct Drift {
 };
 
 // Compares the host's records of the server `rvId` with `answer`, what OwnRecords gave there. Throws
-// Json::Exception for an answer that can't be read.
+// Json::Exception for an answer that can't be read, and when the records can't be (pavane/store/database.h).
 std::vector<Drift> FindDrift(int rvId, const Json::Value& answer);
 
 // Makes the host's records what they should be; nothing is done on the recording server. False when one could

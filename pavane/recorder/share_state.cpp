@@ -81,7 +81,7 @@ bool NoteLostMounts(std::list<RecShare> shares) {
 }
 
 bool Refresh() {
-    const std::list<RecShare> shares = LoadRecShares(0);  // before the folders: what is noted later holds
+    const std::list<RecShare> shares = ReadRecShares(0);  // before the folders: what is noted later holds
     const auto folders = FoldersByPath();
     bool hasChanged = NoteLostMounts(shares);
     for (const RecShare& share : shares) {
@@ -129,12 +129,21 @@ void NoteMove(const std::string& name) {
     }
 }
 
-}  // namespace pavane
-
 // A move ends by itself, and a folder is locked without its record: whoever sees that must not be told of the
 // share as it was before.
+std::list<RecShare> ReadRecSharesInStep(int rvId) {
+    std::list<RecShare> shares = ReadRecShares(rvId);
+    return AreOutOfStep(shares) && RefreshShareStates() ? ReadRecShares(rvId) : shares;
+}
+
+}  // namespace pavane
+
 std::list<RecShare> LoadRecShareFromDB(int rvId) {
-    std::list<RecShare> shares = pavane::LoadRecShares(rvId);
-    return pavane::AreOutOfStep(shares) && pavane::RefreshShareStates() ? pavane::LoadRecShares(rvId)
-                                                                        : shares;
+    try {
+        return pavane::ReadRecSharesInStep(rvId);
+    } catch (const std::exception& failure) {
+        PV_LOG_LINE(pavane::kSource, "Failed to load the recording shares: %s\n",
+                    pavane::DescribeFailure(failure).c_str());
+        return {};
+    }
 }

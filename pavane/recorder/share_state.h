@@ -1,6 +1,9 @@
 #pragma once
 
+#include <list>
 #include <string>
+
+#include "platform/pavane/rec_share.h"
 
 namespace pavane {
 
@@ -12,6 +15,10 @@ constexpr int kShareStateInterval_s = 3;
 // folder nothing is mounted becomes abnormal. Tells connected clients when something has changed. Returns
 // whether it has; failures are logged.
 bool RefreshShareStates();
+
+// As LoadRecShareFromDB, but throws (pavane/store/database.h): for whoever must not take a failure for no
+// shares.
+std::list<RecShare> ReadRecSharesInStep(int rvId);
 
 // Notes that data of this server's local share `name` is being moved, until a refresh finds that over; until
 // then every load of the records begins with a refresh. A failure is logged.

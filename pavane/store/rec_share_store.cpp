@@ -321,25 +321,19 @@ int DelRecShareById(const std::list<int>& ids) {
     }
 }
 
-std::list<RecShare> pavane::LoadRecShares(int rvId) {
+std::list<RecShare> pavane::ReadRecShares(int rvId) {
     std::list<RecShare> shares;
-    try {
-        soci::session& session = pavane::AppDatabase().Session();
-        ShareRow row;
-        auto bind =
-            (session.prepare << kSelect << (rvId != 0 ? "where owner_rv_id = :owner " : "") << "order by id");
-        BindColumns(bind, row);
-        if (rvId != 0) {
-            bind, soci::use(rvId);
-        }
-        soci::statement statement(bind);
-        for (bool more = statement.execute(true); more; more = statement.fetch()) {
-            shares.push_back(RecShareAccess::FromRow(row));
-        }
-    } catch (const std::exception& failure) {
-        PV_LOG_LINE(kSource, "Failed to load the recording shares: %s\n",
-                    pavane::DescribeFailure(failure).c_str());
-        shares.clear();
+    soci::session& session = pavane::AppDatabase().Session();
+    ShareRow row;
+    auto bind =
+        (session.prepare << kSelect << (rvId != 0 ? "where owner_rv_id = :owner " : "") << "order by id");
+    BindColumns(bind, row);
+    if (rvId != 0) {
+        bind, soci::use(rvId);
+    }
+    soci::statement statement(bind);
+    for (bool more = statement.execute(true); more; more = statement.fetch()) {
+        shares.push_back(RecShareAccess::FromRow(row));
     }
     return shares;
 }

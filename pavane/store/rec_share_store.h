@@ -6,7 +6,7 @@
 
 namespace pavane {
 
-// As LoadRecShareFromDB, with what the records say.
-std::list<RecShare> LoadRecShares(int rvId);
+// As LoadRecShareFromDB, with what the records say; throws (pavane/store/database.h).
+std::list<RecShare> ReadRecShares(int rvId);
 
 }  // namespace pavane

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -260,6 +261,14 @@ TEST_F(Registry, ARecordWhosePathIsAnothersByNowIsStillItself) {
     RecShare kept;
     ASSERT_EQ(kept.LoadByPath("/volume1/second", server), 0);
     EXPECT_EQ(kept.GetId(), drifts[1].atHost.GetId()) << "what names the record goes on meaning it";
+}
+
+TEST_F(Registry, RecordsThatCannotBeReadAreNotTakenForNone) {
+    Session() << "alter table recording_share rename to recording_share_away";
+    EXPECT_THROW(pavane::OwnRecords(), std::exception);
+    EXPECT_THROW(pavane::FindDrift(1, Json::Value(Json::arrayValue)), std::exception);
+    Session() << "alter table recording_share_away rename to recording_share";
+    EXPECT_TRUE(pavane::OwnRecords().empty());
 }
 
 TEST_F(Registry, AnAnswerOfTheWrongTypesIsRefused) {
