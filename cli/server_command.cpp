@@ -233,15 +233,23 @@ std::string Describe(const Json::Value& difference) {
     return "not alike: " + fields;
 }
 
+// Whether differences of this server were found, and not all of them could be put right.
+bool IsRepairFailed(const Json::Value& data, const Json::Value& server, bool repairs) {
+    const Json::Value& all = data["differences"];
+    return repairs && !server["repaired"].asBool() &&
+           std::any_of(all.begin(), all.end(), [&server](const Json::Value& difference) {
+               return difference["rvId"] == server["id"];
+           });
+}
+
 // Ends with the status of a refusal when something is, and stays, not as it should be.
 void Check(Context& context, const CheckOptions& options) {
     const Json::Value data =
         context.MakeClient().Call(kApi, options.repair ? "repair" : "check", WithId(options.id));
-    bool isGood = true;
+    bool isGood = options.repair || data["differences"].empty();
     for (const Json::Value& server : data["servers"]) {
-        isGood = isGood && server["answered"].asBool();
+        isGood = isGood && server["answered"].asBool() && !IsRepairFailed(data, server, options.repair);
     }
-    isGood = isGood && (options.repair || data["differences"].empty());
     if (context.json) {
         PrintJson(data);
     } else {
@@ -258,6 +266,9 @@ void Check(Context& context, const CheckOptions& options) {
                 PrintLine(name + " gives no answer; it was not checked");
             } else if (server["repaired"].asBool()) {
                 PrintLine(name + ": the host's records are repaired");
+            } else if (IsRepairFailed(data, server, options.repair)) {
+                PrintLine(name +
+                          ": the host's records could not be repaired; pavane.log on the host tells why");
             }
         }
         if (isGood && data["differences"].empty()) {

@@ -346,3 +346,20 @@ def test_each_kind_of_difference_is_named(cluster):
     assert differences(cluster, "--repair")[0] == 0
     assert differences(cluster) == (0, [])
     assert ("/volume1/gone", cluster.ids["server2"]) not in cluster.host.records()
+
+
+def test_a_repair_that_fails_says_so(cluster):
+    name = f"server {cluster.ids['server2']}"
+    assert cluster.host.client("admin").create("stuck", rvId=cluster.ids["server2"])["success"]
+    cluster.second.rows("update recording_share set description = 'new' where path like '%/stuck'")
+    cluster.host.rows("create trigger no_change before update on recording_share begin select raise(abort, 'no'); end")
+    try:
+        for options in ((), ("--json",)):
+            done = cluster.pavane(cluster.host, *options, "server", "check", "--repair", check=False)
+            assert done.returncode == 1
+            assert options or f"{name}: the host's records could not be repaired" in done.stdout, done.stdout
+    finally:
+        cluster.host.rows("drop trigger no_change")
+    done = cluster.pavane(cluster.host, "server", "check", "--repair")
+    assert f"{name}: the host's records are repaired" in done.stdout
+    assert differences(cluster) == (0, [])
