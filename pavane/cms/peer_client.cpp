@@ -269,6 +269,7 @@ std::string CompactJson(const Json::Value& value) {
     static const Json::StreamWriterBuilder builder = [] {  // making it takes longer than a short text
         Json::StreamWriterBuilder made;
         made["indentation"] = "";
+        made["emitUTF8"] = true;  // a name may not grow on its way: the other side limits a request's size
         return made;
     }();
     return Json::writeString(builder, value);

@@ -111,6 +111,16 @@ TEST_F(Peers, ARequestToTheHostCarriesTheProofOfThePairing) {
     EXPECT_FALSE(IsAuthPairMatch(body["cookie"].asString(), StampOf(received)));
 }
 
+TEST_F(Peers, ANameInAnotherScriptIsSentAsItIs) {
+    const HttpStandIn server(OkAnswer("{\"success\":true}"));
+    const int id = AddServer("A", server.Address());
+    Json::Value request = Request();
+    request["shareName"] = "\u5165\u53e3\U0001F3A5";
+    Json::Value reply;
+    ASSERT_EQ(SendWebAPIToRecServerByJson(id, request, false, reply), 0);
+    EXPECT_NE(server.Received().find("\"\u5165\u53e3\U0001F3A5\""), std::string::npos) << server.Received();
+}
+
 TEST_F(Peers, ARequestToARecordingServerGoesToItsAddress) {
     const HttpStandIn first(OkAnswer("{\"success\":true}"));
     const HttpStandIn second(OkAnswer("{\"success\":true,\"second\":1}"));
