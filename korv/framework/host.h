@@ -11,7 +11,7 @@ namespace korv {
 // is one that failed.
 std::string FailedHealthCheck();
 
-// Judges a peer's pairing key; false while no check is registered or when it throws.
+// Judges a peer's pairing key; false while no check is registered. What the check throws is thrown.
 bool IsPairedPeer(const std::string& pairKey, const std::string& stamp);
 
 // Tells every observer of mounts; what one throws is logged.

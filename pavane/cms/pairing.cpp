@@ -123,7 +123,7 @@ bool Accept(const std::string& pairKey, const std::string& stamp) {
         return UseStamp(stamp, time_s, now_s);
     } catch (const std::exception& failure) {
         PV_LOG_LINE(kSource, "Failed to check a peer: %s\n", DescribeFailure(failure).c_str());
-        return false;
+        throw std::runtime_error("the pairing can't be checked");
     }
 }
 

@@ -27,7 +27,7 @@ std::string MakePairKey(const std::string& secret, const std::string& stamp);
 
 // IsAuthPairMatch for whoever stands before the web API methods and judges a request first: a stamp that it
 // has accepted is accepted once more by the next IsAuthPairMatch of this process, which judges the same
-// request.
+// request. Throws like it.
 bool AdmitPeer(const std::string& pairKey, const std::string& stamp);
 
 }  // namespace pavane

@@ -12,7 +12,8 @@ namespace KORV {
 // clients).
 void RegisterHealthCheck(const std::string& name, std::function<std::string()> check);
 
-// Judges a peer's pairing key over a stamp; used for requests on the peer pool.
+// Judges a peer's pairing key over a stamp; used for requests on the peer pool. One that throws ends the
+// request with 110.
 void RegisterPairCheck(std::function<bool(const std::string& pairKey, const std::string& stamp)> check);
 
 // Is told by the process that looks after remote mounts, every few seconds and of every mount, whether the

@@ -104,6 +104,8 @@ int SendWebAPIToRecServerByJson(int rvId, const Json::Value& request, bool binar
 
 // True when `pairKey` over `stamp` was made with the secret of the pairing between this server and its peer.
 // Accepted once, and only near the stamp's time. Both texts come from the caller and may hold anything.
+// Throws std::runtime_error when the pairings can't be read: a peer that was refused would take itself for
+// unpaired.
 bool IsAuthPairMatch(const std::string& pairKey, const std::string& stamp);
 
 // The same check for a request that reaches this server across sites.

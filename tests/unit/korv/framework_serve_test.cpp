@@ -341,4 +341,15 @@ TEST(Serve, ThePeerPoolServesPairedServersOnly) {
     EXPECT_EQ(korv::Serve(korv::Pool::kPeer, request).status, 404);
 }
 
+TEST(Serve, APeerThatCannotBeJudgedIsNotRefused) {
+    korv::HttpRequest request = Post(Call("Caller", R"(,"cookie":"key")"));
+    request.target = "/peer";
+    request.cookies = "timestamp=stamp";
+    KORV::RegisterPairCheck(
+        [](const std::string&, const std::string&) -> bool { throw std::runtime_error("no database"); });
+    EXPECT_EQ(Outcome(request, korv::Pool::kPeer), (CodeAndStatus{110, 500}));
+    KORV::RegisterPairCheck([](const std::string&, const std::string&) { return false; });
+    EXPECT_EQ(Outcome(request, korv::Pool::kPeer), (CodeAndStatus{105, 403}));
+}
+
 }  // namespace

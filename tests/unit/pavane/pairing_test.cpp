@@ -1,6 +1,7 @@
 #include "pavane/cms/pairing.h"
 
 #include <ctime>
+#include <stdexcept>
 #include <string>
 
 #include "platform/pavane/cms.h"
@@ -89,6 +90,17 @@ TEST_F(Pairing, WithoutAPairingNothingIsAccepted) {
     const std::string stamp = pavane::MakeStamp();
     EXPECT_FALSE(IsAuthPairMatch(pavane::MakePairKey("", stamp), stamp));
     EXPECT_FALSE(IsAuthPairMatch(pavane::MakePairKey(kSecret, stamp), stamp));
+}
+
+TEST_F(Pairing, PairingsThatCannotBeReadRefuseNobody) {
+    PairWith("A", kSecret);
+    const std::string stamp = pavane::MakeStamp();
+    const std::string key = pavane::MakePairKey(kSecret, stamp);
+    Session() << "alter table rec_server rename to rec_server_away";
+    EXPECT_THROW(pavane::AdmitPeer(key, stamp), std::runtime_error);
+    EXPECT_THROW(IsAuthPairMatch(key, stamp), std::runtime_error);
+    Session() << "alter table rec_server_away rename to rec_server";
+    EXPECT_TRUE(pavane::AdmitPeer(key, stamp));
 }
 
 TEST_F(Pairing, OnlyThePairingsOfThePresentRoleCount) {
