@@ -166,6 +166,18 @@ std::vector<Drift> FindDrift(int rvId, const Json::Value& answer) {
     return drifts;
 }
 
+namespace {
+
+// Where a record waits while its path may still be another's. No folder is there; the server's id for the
+// share still finds it, so that a repair that ends halfway can be made again.
+bool SetAside(const Drift& drift) {
+    RecShare share = drift.atHost;
+    share.SetPath("/.repair/" + std::to_string(share.GetId()));
+    return share.Save() == 0;
+}
+
+}  // namespace
+
 bool RepairDrift(const std::vector<Drift>& drifts) {
     bool isDone = true;
     // First what goes: its path may be another's by now.
@@ -178,6 +190,12 @@ bool RepairDrift(const std::vector<Drift>& drifts) {
                             DescribeFailure(failure).c_str());
                 isDone = false;
             }
+        }
+    }
+    // Shares may have exchanged their paths, or passed them on in a row.
+    for (const Drift& drift : drifts) {
+        if (drift.kind == DriftKind::kDiffers && drift.atHost.GetPath() != drift.wanted.GetPath()) {
+            isDone = SetAside(drift) && isDone;
         }
     }
     for (const DriftKind kind : {DriftKind::kDiffers, DriftKind::kMissing}) {

@@ -263,6 +263,35 @@ TEST_F(Registry, ARecordWhosePathIsAnothersByNowIsStillItself) {
     EXPECT_EQ(kept.GetId(), drifts[1].atHost.GetId()) << "what names the record goes on meaning it";
 }
 
+TEST_F(Registry, ExchangedAndPassedOnPathsAreRepaired) {
+    for (const char* path : {"/volume1/a", "/volume1/b", "/volume1/c", "/volume1/d", "/volume1/e"}) {
+        Save(MakeShare(path, 0, 0));
+    }
+    const Json::Value answer = pavane::OwnRecords();
+    const int server = AddServer("A");
+    // As the host knows them: since then a and b were exchanged, and c, d and e have each passed on a path.
+    std::vector<int> ids;
+    const char* const known[] = {"/volume1/b", "/volume1/a", "/volume1/z", "/volume1/c", "/volume1/d"};
+    for (Json::ArrayIndex i = 0; i < answer.size(); ++i) {
+        RecShare share = MakeShare(known[i], server, answer[i]["id"].asInt());
+        Save(share);
+        ASSERT_EQ(share.LoadByPath(known[i], server), 0);
+        ids.push_back(share.GetId());
+    }
+    Session() << "insert into camera (owner_rv_id, name, recording_path, rec_storage_status) values ("
+              << server << ", 'door', '/volume1/d/door', 0)";
+    EXPECT_TRUE(pavane::RepairDrift(pavane::FindDrift(server, answer)));
+    EXPECT_TRUE(pavane::FindDrift(server, answer).empty());
+    for (Json::ArrayIndex i = 0; i < answer.size(); ++i) {
+        RecShare share;
+        ASSERT_EQ(share.Load(ids[i]), 0);
+        EXPECT_EQ(share.GetPath(), answer[i]["path"].asString());
+    }
+    std::string path;
+    Session() << "select recording_path from camera where owner_rv_id = " << server, soci::into(path);
+    EXPECT_EQ(path, "/volume1/e/door");
+}
+
 TEST_F(Registry, RecordsThatCannotBeReadAreNotTakenForNone) {
     Session() << "alter table recording_share rename to recording_share_away";
     EXPECT_THROW(pavane::OwnRecords(), std::exception);
