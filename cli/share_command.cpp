@@ -139,8 +139,9 @@ void Create(const Context& context, const CreateOptions& options) {
     }
     if (data["id"].asInt() == 0) {
         throw std::runtime_error("the folder " + options.volume + "/" + options.name +
-                                 " was made, but the server could not record it as a recording share; "
-                                 "repeat the command with --adopt");
+                                 " was made, but the server could not record it as a recording share; " +
+                                 (options.server == 0 ? "repeat the command with --adopt"
+                                                      : "`pavane server check --repair` makes up for that"));
     }
     if (!context.json) {
         PrintLine("recording share " + Cell(data, "id") + ": " + options.volume + "/" + options.name);
