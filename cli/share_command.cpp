@@ -187,7 +187,7 @@ void AddCreateRemote(CLI::App& share, Context& context) {
         share.add_subcommand("create-remote", "Make a folder of another machine a recording share");
     options->folder.AddOptions(*create);
     create->add_flag("--mounted", options->isMounted, "It is mounted there already");
-    create->add_option("--server", options->server, "Id of the recording server that is to own it")
+    create->add_option("--server", options->server, "Id of the recording server that is to own it, on a host")
         ->check(CLI::NonNegativeNumber);
     create->callback([&context, options] {
         context.chosen = [&context, options] {
@@ -221,7 +221,7 @@ void AddCreate(CLI::App& share, Context& context) {
     create->add_flag("--hidden", options->hidden, "Do not show it (the default)")->excludes(visible);
     create->add_option("--limit-gb", options->limitGB, "Delete the oldest recordings beyond this size")
         ->check(CLI::Range(1, kMostGB));
-    create->add_option("--server", options->server, "Id of the recording server that is to own it")
+    create->add_option("--server", options->server, "Id of the recording server that is to own it, on a host")
         ->check(CLI::NonNegativeNumber);
     create->add_flag("--encrypt", options->encrypt, "Encrypt it with a password");
     options->password.AddOptions(*create);
