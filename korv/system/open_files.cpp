@@ -1,5 +1,6 @@
 #include "korv/system/open_files.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,7 +11,10 @@
 #include <system_error>
 #include <vector>
 
+#include <sys/stat.h>
+
 #include "include/run_as_scope.h"
+#include "korv/system/file_descriptor.h"
 #include "korv/system/mount_table.h"
 
 namespace korv {
@@ -73,18 +77,38 @@ bool LeadsInto(const std::string& shown, const std::string& folder) {
     return found != std::string::npos && (end == shown.size() || shown[end] == '/' || shown[end] == ' ');
 }
 
-bool HoldsFolder(const fs::path& process, const std::string& folder) {
-    std::error_code ignored;
-    for (const char* place : {"cwd", "root"}) {
-        if (LeadsInto(fs::read_symlink(process / place, ignored).string(), folder)) {
+bool IsSameEntry(const struct stat& left, const struct stat& right) {
+    return left.st_dev == right.st_dev && left.st_ino == right.st_ino;
+}
+
+// Goes up from the folder that a link of /proc stands for.
+bool IsAtOrBelow(const fs::path& link, const struct stat& folder) {
+    FileDescriptor at(open(link.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    struct stat below {};
+    struct stat status {};
+    while (at && fstat(at.Get(), &status) == 0 && !IsSameEntry(status, below)) {
+        if (IsSameEntry(status, folder)) {
             return true;
         }
+        below = status;
+        at = FileDescriptor(openat(at.Get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    }
+    return false;
+}
+
+// The path is looked at first: other file systems must not be asked, since they may not answer.
+bool HoldsFolder(const fs::path& process, const std::string& folder, const struct stat& facts) {
+    const auto isInto = [&](const fs::path& link) {
+        std::error_code ignored;
+        return LeadsInto(fs::read_symlink(link, ignored).string(), folder) && IsAtOrBelow(link, facts);
+    };
+    if (isInto(process / "cwd") || isInto(process / "root")) {
+        return true;
     }
     std::error_code error;
     for (fs::directory_iterator each(process / "fd", error), end; !error && each != end;
          each.increment(error)) {
-        if (LeadsInto(fs::read_symlink(each->path(), ignored).string(), folder) &&
-            fs::is_directory(each->path(), ignored)) {
+        if (isInto(each->path())) {
             return true;
         }
     }
@@ -125,7 +149,8 @@ bool IsFolderHeld(const std::string& volume, const std::string& folder) {
     const RunAsScope root = IF_RUN_AS;
     const std::string path = volume + "/" + folder;
     const auto along = MountsAlong(path);
-    if (along.empty()) {
+    struct stat facts {};
+    if (along.empty() || stat(path.c_str(), &facts) != 0) {
         return false;
     }
     const Mount own = *along.back();
@@ -139,7 +164,7 @@ bool IsFolderHeld(const std::string& volume, const std::string& folder) {
             continue;
         }
         const pid_t pid = std::stoi(name);
-        if (pid != getpid() && HoldsFolder(each->path(), folder)) {
+        if (pid != getpid() && HoldsFolder(each->path(), folder, facts)) {
             return true;
         }
         std::error_code ignored;

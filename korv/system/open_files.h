@@ -14,9 +14,9 @@ bool IsFileOpenBeneath(const std::string& path);
 // below, has a folder of it open or as its root, or part of it is mounted elsewhere, in whichever mount
 // namespace.
 //   volume  path of a mounted file system
-//   folder  from there on; one that no other file system has, such as one named by a token
-// This process's own descriptors don't count. Reads /proc as root; of file systems only the folder's own is
-// asked.
+//   folder  from there on; one that few other file systems have, such as one named by a token
+// This process's own descriptors don't count. Reads /proc as root; of file systems only those
+// with such a folder are asked.
 bool IsFolderHeld(const std::string& volume, const std::string& folder);
 
 }  // namespace korv

@@ -222,7 +222,10 @@ TEST_F(Api, ACameraThatMigratesIsListedSo) {
     params["sourceDir"] = "/volume2/old/door";
     EXPECT_TRUE(Call("KORV.Pavane.Camera", "migrate_start", params)["success"].asBool());
     EXPECT_EQ(cameras()[0]["migratingFrom"].asString(), "/volume2/old/door");
-    for (const char* source : {"relative", "", "/a/../b", "/it's"}) {
+    params["sourceDir"] = "/volume2/it's";
+    EXPECT_TRUE(Call("KORV.Pavane.Camera", "migrate_start", params)["success"].asBool());
+    EXPECT_EQ(cameras()[0]["migratingFrom"].asString(), "/volume2/it's");
+    for (const char* source : {"relative", "", "/a/../b"}) {
         params["sourceDir"] = source;
         EXPECT_EQ(Call("KORV.Pavane.Camera", "migrate_start", params)["error"]["code"].asInt(), 401)
             << source;
