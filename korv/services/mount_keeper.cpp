@@ -47,10 +47,9 @@ void TellStates() {
 void CareOnce() {
     try {
         LogTroubles();
-        for (const MountChange& change : CareForMounts(std::time(nullptr))) {
+        for (const MountChange& change : CareForMounts(std::time(nullptr), TellStates)) {
             LogLine("the mount at " + change.mountPoint + " " + change.text);
         }
-        TellStates();
     } catch (const std::exception& error) {
         LogLine(std::string("the care for mounts failed: ") + error.what());
     }

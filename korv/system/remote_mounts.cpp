@@ -350,8 +350,7 @@ long long RetryPause_s(int failures) {
     return std::min(kFirstPause_s << doublings, kLongestPause_s);
 }
 
-std::vector<MountChange> CareForMounts(long long now_s) {
-    std::vector<MountChange> changes;
+std::vector<MountChange> CareForMounts(long long now_s, const std::function<void()>& tell) {
     std::vector<MountRow> rows = ListMountRows();
     std::erase_if(rows, [](const MountRow& row) { return row.state != MountState::kKept; });
     std::vector<std::string> paths;
@@ -360,19 +359,25 @@ std::vector<MountChange> CareForMounts(long long now_s) {
         paths.push_back(row.mountPoint);
     }
     const std::vector<MountFacts> sights = LookAtMounts(paths);
+    std::vector<bool> wasNormal;
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        wasNormal.push_back(rows[i].isNormal);
+        NoteSight(rows[i], sights[i].sight == MountSight::kAlive);
+    }
+    tell();  // an attempt may take its full deadline, and those of the other mounts come after it
+    std::vector<MountChange> changes;
     for (std::size_t i = 0; i < rows.size(); ++i) {
         MountRow& row = rows[i];
-        const bool wasNormal = row.isNormal;
         const MountSight sight = sights[i].sight;
         std::string text = TextOf(sight);
-        NoteSight(row, sight == MountSight::kAlive);
         if (sight != MountSight::kAlive && IsDue(row, now_s)) {
             const MountEnd end = TryAgain(row, now_s);
             text += row.isNormal
                         ? " and was mounted again"
                         : ", code " + std::to_string(static_cast<int>(end.failure)) + ": " + end.output;
+            tell();
         }
-        if (row.isNormal != wasNormal) {
+        if (row.isNormal != wasNormal[i]) {
             changes.push_back({row.mountPoint, row.isNormal, text});
         }
     }

@@ -48,8 +48,10 @@ struct MountChange {
 // One round of care, to be called every few seconds by one process: looks at all mounts at once, notes their
 // state, and mounts what is automatic and due; attempts get rarer with failures, up to one in five minutes.
 //   now_s  unix time
+//   tell   called when all states are noted, before the first attempt, and after each attempt
 // Returns what has changed.
-std::vector<MountChange> CareForMounts(long long now_s);
+std::vector<MountChange> CareForMounts(
+    long long now_s, const std::function<void()>& tell = [] {});
 
 // Seconds between one failed automatic attempt and the next after `failures` of them.
 long long RetryPause_s(int failures);

@@ -323,6 +323,32 @@ TEST_F(RemoteMounts, ComeBackByThemselvesWhenTheServerDoes) {
     EXPECT_EQ(korv::FindMountRow(Point())->nextTry_s, 0);
 }
 
+TEST_F(RemoteMounts, AreAllToldAboutBeforeTheFirstIsMountedAgain) {
+    auto wanted = Wanted();
+    wanted.isAutomatic = true;
+    ASSERT_EQ(korv::AddMount(wanted, kAdmin).failure, MountFailure::kNone);
+    wanted.mountPoint += "2";
+    ASSERT_EQ(korv::AddMount(wanted, kAdmin).failure, MountFailure::kNone);
+    s_server->Kill();
+    EXPECT_TRUE(WaitFor(
+        [] { return GetRemoteMountStatus(Point()) != 0 && GetRemoteMountStatus(Point() + "2") != 0; }));
+    struct Told {
+        int normal = 0, attempts = 0;
+        bool operator==(const Told&) const = default;
+    };
+    std::vector<Told> told;
+    korv::CareForMounts(std::time(nullptr), [&told] {
+        Told now;
+        for (const auto& row : korv::ListMountRows()) {
+            now.normal += row.isNormal ? 1 : 0;
+            now.attempts += row.failures;
+        }
+        told.push_back(now);
+    });
+    s_server->Start();
+    EXPECT_EQ(told, (std::vector<Told>{{0, 0}, {0, 1}, {0, 2}}));
+}
+
 TEST_F(RemoteMounts, AreAliveWhenTheirServerRefusesToListThem) {
     fs::create_directory(machine::Volume() + "/kept");
     for (const int error : {EACCES, EPERM}) {
