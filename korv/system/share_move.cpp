@@ -181,7 +181,7 @@ private:
     void SetChangedSince(std::int64_t start_s) {
         m_places.Flush();
         m_state.changedSince_s = start_s;
-        m_clock_s = ClockOffset();
+        m_clock = ClockOffset();
     }
 
     void Switch() {
@@ -267,22 +267,36 @@ private:
     SyncCounts Sync(SyncMode mode, const CopyObserver& observe, WrittenFiles* written = nullptr) {
         const FileDescriptor source = m_places.OpenSource();
         const FileDescriptor target = m_places.OpenTarget();
-        const SyncTimes times{AsClockIs(m_state.changedSince_s), AsClockIs(m_state.switched_s)};
-        return SyncTree(source.Get(), target.Get(), mode, times, observe, written);
+        FollowClock();
+        return SyncTree(source.Get(), target.Get(), mode, {m_state.changedSince_s, m_state.switched_s},
+                        observe, written);
     }
 
     // The real time less the time since the machine was started: smaller after the clock was set back.
-    static std::int64_t ClockOffset() {
-        timespec running{};
-        clock_gettime(CLOCK_BOOTTIME, &running);
-        return time(nullptr) - running.tv_sec;
+    static std::chrono::nanoseconds ClockOffset() {
+        const auto read = [](clockid_t clock) {
+            timespec time{};
+            clock_gettime(clock, &time);
+            return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+        };
+        return read(CLOCK_REALTIME) - read(CLOCK_BOOTTIME);
     }
 
-    // A saved time as the clock shows it that changes have got their times from since: after it was set back
-    // they have earlier ones. What an earlier process saved can only be seen to be later than now.
-    std::int64_t AsClockIs(std::int64_t saved_s) const {
-        const std::int64_t setBack_s = m_clock_s ? *m_clock_s - ClockOffset() : 0;
-        return saved_s > time(nullptr) ? 0 : saved_s - std::max<std::int64_t>(setBack_s, 0);
+    // After the clock was set back, changes have earlier times than they would have had. The times that
+    // passes go by are saved before one goes by them: a pass that is cut short must be repeated by the same.
+    // What an earlier process saved can only be seen to be later than now.
+    void FollowClock() {
+        const auto setBack = m_clock ? *m_clock - ClockOffset() : std::chrono::nanoseconds(0);
+        const bool isSetBack = setBack > kClockJitter;
+        const bool isAhead = m_state.changedSince_s > time(nullptr);
+        if (!isSetBack && !isAhead) {
+            return;
+        }
+        const std::int64_t by_s = std::chrono::ceil<std::chrono::seconds>(setBack).count();
+        m_state.changedSince_s = isAhead ? 0 : m_state.changedSince_s - by_s;
+        m_state.switched_s = isAhead ? 0 : m_state.switched_s - by_s;
+        m_clock = ClockOffset();
+        Save();
     }
 
     // Adds to `progress`, asks for wishes and saves now and then.
@@ -321,13 +335,14 @@ private:
     static std::int64_t Now() { return time(nullptr) - kClockSlack_s; }
 
     static constexpr std::chrono::milliseconds kBetweenQuestions{20};
+    static constexpr std::chrono::milliseconds kClockJitter{500};  // this process may wait between two looks
 
     MovePlaces& m_places;
     MoveState m_state;
     const MoveObserver& m_observer;
     const MoveLimits& m_limits;
     std::string m_reason;
-    std::optional<std::int64_t> m_clock_s;  // ClockOffset() when changedSince_s was set
+    std::optional<std::chrono::nanoseconds> m_clock;  // ClockOffset() when changedSince_s was set
     bool m_isSaving = false;
     Clock::time_point m_nextQuestion{};
     Clock::time_point m_nextSave{};
