@@ -82,6 +82,8 @@ def test_servers_can_be_paired_again_after_the_role_was_given_up(cluster):
     secrets = [member.pairing() for member in (cluster.second, cluster.third)]
     for member in (cluster.second, cluster.third):
         await_pairing(member, "unpaired")
+    # The first pairing gives the host its role back, and with it every pairing that it has not forgotten.
+    for member in (cluster.second, cluster.third):
         added = cluster.pair(member)
         assert (added["statusName"], added["wayBack"]) == ("online", "")
     assert cluster.host.cms("status")["role"] == "host"
