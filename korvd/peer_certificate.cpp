@@ -82,6 +82,16 @@ void WriteFile(const std::string& path, const std::string& text, mode_t mode) {
     }
 }
 
+Key ReadKey(const std::string& path) {
+    const Bio file(BIO_new_file(path.c_str(), "r"));
+    const auto askNobody = [](char*, int, int, void*) { return -1; };
+    Key key(file ? PEM_read_bio_PrivateKey(file.get(), nullptr, askNobody, nullptr) : nullptr);
+    if (!key) {
+        throw std::runtime_error("cannot read " + path + "; remove it to have a new key made, and pair anew");
+    }
+    return key;
+}
+
 bool IsThere(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
 }  // namespace
@@ -90,7 +100,8 @@ void MakePeerCertificate(const korv::TlsSettings& files) {
     if (IsThere(files.certificate) && IsThere(files.key)) {
         return;
     }
-    const Key key(EVP_EC_gen("P-256"));
+    const bool hasKey = IsThere(files.key);  // which peers have pinned
+    const Key key(hasKey ? ReadKey(files.key) : Key(EVP_EC_gen("P-256")));
     Check(key != nullptr);
     const Certificate certificate = MakeCertificate(key.get());
     const Bio keyText(BIO_new(BIO_s_secmem()));
@@ -98,6 +109,8 @@ void MakePeerCertificate(const korv::TlsSettings& files) {
     Check(keyText != nullptr && certificateText != nullptr &&
           PEM_write_bio_PrivateKey(keyText.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) == 1 &&
           PEM_write_bio_X509(certificateText.get(), certificate.get()) == 1);
-    WriteFile(files.key, TextOf(keyText.get()), kOwnerOnly);
+    if (!hasKey) {
+        WriteFile(files.key, TextOf(keyText.get()), kOwnerOnly);
+    }
     WriteFile(files.certificate, TextOf(certificateText.get()), kReadable);
 }

@@ -259,6 +259,15 @@ def test_a_changed_key_is_refused_until_it_is_paired_again(cluster):
     assert cluster.host.client("admin").create("keyed", rvId=number)["success"]
 
 
+def test_a_lost_certificate_is_made_anew_of_the_same_key(cluster):
+    key = cluster.third.read("state/peer.key")
+    os.unlink(f"{cluster.third.state}/state/peer.crt")
+    cluster.third.restart_korvd()
+    assert cluster.third.read("state/peer.key") == key
+    cluster.await_state(cluster.third, "online", "")
+    assert cluster.host.client("admin").create("certified", rvId=cluster.ids["server3"])["success"]
+
+
 def test_a_host_whose_key_changed_gets_nothing_from_its_servers(cluster):
     for name in ("peer.key", "peer.crt"):
         os.unlink(f"{cluster.host.state}/state/{name}")
