@@ -1,5 +1,6 @@
 #include "korv/system/extended_attributes.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <sstream>
@@ -14,6 +15,7 @@ namespace {
 // The kernel's own bounds.
 constexpr std::size_t kLongestList = 65536;
 constexpr std::size_t kLongestValue = 65536;
+constexpr const char* kAccessRights = "system.posix_acl_access";
 
 std::vector<std::string> Split(const std::string& names) {
     std::vector<std::string> split;
@@ -73,20 +75,24 @@ int AttributeFile::Remove(const std::string& name) const {
     return error == ENODATA ? 0 : error;
 }
 
-int AttributeFile::CopyTo(const AttributeFile& to) const {
+int AttributeFile::CopyTo(const AttributeFile& to, bool isNew) const {
     std::string names;
     std::string value;
-    if (const int error = to.List(names)) {
-        return error;
-    }
-    std::map<std::string, bool> isExtra;
-    for (const std::string& name : Split(names)) {
-        isExtra[name] = true;
-    }
     if (const int error = List(names)) {
         return error;
     }
-    for (const std::string& name : Split(names)) {
+    const std::vector<std::string> own = Split(names);
+    const bool replacesInherited = std::find(own.begin(), own.end(), kAccessRights) != own.end();
+    std::map<std::string, bool> isExtra;
+    if (!isNew || !replacesInherited) {
+        if (const int error = to.List(names)) {
+            return error;
+        }
+        for (const std::string& name : Split(names)) {
+            isExtra[name] = true;
+        }
+    }
+    for (const std::string& name : own) {
         isExtra[name] = false;
         int error = Get(name, value);
         error = error != 0 ? error : to.Set(name, value);

@@ -17,7 +17,10 @@ public:
 
     // Gives `to` exactly the attributes of this one. 0, or errno of the first that could not be read or set.
     // Those that only the source's file system can hold are left out (IsPortable).
-    int CopyTo(const AttributeFile& to) const;
+    //   isNew  `to` was just made and has nothing but the access rights that its folder hands down, if any:
+    //   it
+    //          needn't be asked then when it gets others
+    int CopyTo(const AttributeFile& to, bool isNew = false) const;
 
     // Whether the portable attributes of both are the same. 0, EBADE when they differ, or another errno.
     int Compare(const AttributeFile& other) const;

@@ -178,8 +178,8 @@ void CopyRights(const struct stat& status, int target) {
     }
 }
 
-void CopyAttributesAndTimes(int source, const struct stat& status, int target) {
-    errno = AttributeFile(source).CopyTo(AttributeFile(target));
+void CopyAttributesAndTimes(int source, const struct stat& status, int target, bool isNew) {
+    errno = AttributeFile(source).CopyTo(AttributeFile(target), isNew);
     Check(errno == 0, Where::kTarget, "set an attribute");
     const timespec times[] = {status.st_atim, status.st_mtim};
     Check(futimens(target, times) == 0, Where::kTarget, "set a time");
@@ -187,7 +187,7 @@ void CopyAttributesAndTimes(int source, const struct stat& status, int target) {
 
 void CopyAttributes(int source, const struct stat& status, int target) {
     CopyRights(status, target);
-    CopyAttributesAndTimes(source, status, target);
+    CopyAttributesAndTimes(source, status, target, false);
 }
 
 void CopyAttributes(const EntryRef& source, const struct stat& status, const EntryRef& target) {

@@ -42,8 +42,9 @@ bool HasSameContent(int source, int target, const CopyObserver& observer);
 // times come last, and mark a copy as complete. Both are of one kind and open for reading.
 void CopyAttributes(int source, const struct stat& status, int target);
 // The same in two parts, between which a file gets its content.
+//   isNew  `target` was just made (AttributeFile::CopyTo)
 void CopyRights(const struct stat& status, int target);
-void CopyAttributesAndTimes(int source, const struct stat& status, int target);
+void CopyAttributesAndTimes(int source, const struct stat& status, int target, bool isNew);
 
 // The same for entries that can't be opened without side effects: links, pipes, sockets, devices.
 void CopyAttributes(const EntryRef& source, const struct stat& status, const EntryRef& target);

@@ -25,6 +25,15 @@ void MakeEarlier(timespec& time) {
     time.tv_nsec = (time.tv_nsec == 0 ? kSecond_ns : time.tv_nsec) - 1;
 }
 
+// With its mode at once: on an encrypted folder each further call is a way to another process.
+FileDescriptor MakeFile(const EntryRef& made, mode_t mode) {
+    const mode_t mask = umask(0);
+    FileDescriptor file(
+        openat(made.folder, made.name, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    umask(mask);
+    return file;
+}
+
 }  // namespace
 
 TargetTree::TargetTree(int root, bool isInUse, const CopyObserver& observer, SyncCounts& counts)
@@ -92,9 +101,7 @@ bool TargetTree::CopyRegular(int source, const std::string& name, const struct s
     CheckCopy(fstat(source, &before) == 0, Where::kSource, "look at a file");
     RemoveCopy(name, copy);
     const EntryRef made = Making(name);
-    const FileDescriptor target(openat(made.folder, made.name,
-                                       O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                                       before.st_mode & kPlainModes));
+    const FileDescriptor target = MakeFile(made, before.st_mode & kPlainModes);
     CheckCopy(static_cast<bool>(target), Where::kTarget, "make a file");
     CopyRights(before, target.Get());  // asked now, its facts needn't be fetched
     CopyContent(source, target.Get(), [this](std::uint64_t bytes) {
@@ -105,7 +112,7 @@ bool TargetTree::CopyRegular(int source, const std::string& name, const struct s
     if (hasWriter) {
         MakeEarlier(before.st_mtim);
     }
-    CopyAttributesAndTimes(source, before, target.Get());
+    CopyAttributesAndTimes(source, before, target.Get(), true);
     // Its time says that it is whole: that must not reach the disk before its content.
     CheckCopy(!m_carrying || fsync(target.Get()) == 0, Where::kTarget, "write to the disk");
     Place(name, copy);

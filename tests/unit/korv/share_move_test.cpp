@@ -17,6 +17,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 
 #include "korv/system/share_encryption.h"
 #include "tests/unit/korv/private_machine.h"
@@ -241,6 +242,11 @@ TEST_P(ShareMove, CarriesOverWhatChangesMeanwhile) {
         fs::rename(m_share + "/renamed", m_share + "/cam2");
         fs::permissions(m_share + "/special/setuid",
                         static_cast<fs::perms>(0600 + static_cast<int>(state.step)));
+        // The folder hands rights down, which not all of its files keep.
+        std::ofstream(m_share + "/cam1/inherits" + mark) << "kept";
+        const std::string plain = m_share + "/cam1/plain" + mark;
+        std::ofstream(plain.c_str()) << "without";
+        EXPECT_EQ(removexattr(plain.c_str(), "system.posix_acl_access"), 0);
         m_before = manifest::Of(m_share);
     };
     EXPECT_EQ(Run(change).end, MoveEnd::kDone);
