@@ -13,15 +13,14 @@
 namespace {
 
 using HealthCheck = std::function<std::string()>;
-using PairCheck = std::function<bool(const std::string&, const std::string&)>;
 
 std::map<std::string, HealthCheck>& HealthChecks() {
     static std::map<std::string, HealthCheck> checks;
     return checks;
 }
 
-PairCheck& RegisteredPairCheck() {
-    static PairCheck check;
+KORV::PairCheck& RegisteredPairCheck() {
+    static KORV::PairCheck check;
     return check;
 }
 
@@ -57,10 +56,7 @@ void KORV::RegisterHealthCheck(const std::string& name, std::function<std::strin
     HealthChecks()[name] = std::move(check);
 }
 
-void KORV::RegisterPairCheck(
-    std::function<bool(const std::string& pairKey, const std::string& stamp)> check) {
-    RegisteredPairCheck() = std::move(check);
-}
+void KORV::RegisterPairCheck(PairCheck check) { RegisteredPairCheck() = std::move(check); }
 
 void KORV::RegisterPeriodicJob(const std::string& name, int interval_s, std::function<void()> job) {
     RegisteredJobs()[name] = {std::max(interval_s, 1), std::move(job)};
@@ -82,7 +78,8 @@ std::string korv::FailedHealthCheck() {
     return {};
 }
 
-bool korv::IsPairedPeer(const std::string& pairKey, const std::string& stamp) {
-    const PairCheck& check = RegisteredPairCheck();
-    return check != nullptr && check(pairKey, stamp);
+bool korv::IsPairedPeer(const std::string& pairKey, const std::string& stamp, const std::string& api,
+                        const Json::Value& params) {
+    const KORV::PairCheck& check = RegisteredPairCheck();
+    return check != nullptr && check(pairKey, stamp, api, params);
 }

@@ -4,6 +4,8 @@
 #include <map>
 #include <string>
 
+#include <json/json.h>
+
 // What application libraries have registered in this process (platform/korv/host.h).
 namespace korv {
 
@@ -11,8 +13,10 @@ namespace korv {
 // is one that failed.
 std::string FailedHealthCheck();
 
-// Judges a peer's pairing key; false while no check is registered. What the check throws is thrown.
-bool IsPairedPeer(const std::string& pairKey, const std::string& stamp);
+// Judges a peer's request (KORV::PairCheck); false while no check is registered. What the check throws is
+// thrown.
+bool IsPairedPeer(const std::string& pairKey, const std::string& stamp, const std::string& api,
+                  const Json::Value& params);
 
 // Tells every observer of mounts; what one throws is logged.
 void AnnounceMountState(const std::string& mountPoint, bool isNormal);

@@ -127,7 +127,8 @@ bool IdentifyPeer(State& state) {
     const Json::Value& key = state.params["cookie"];
     const auto stamp = state.cookies.find("timestamp");
     state.user = kAdminAccount;
-    return key.isString() && stamp != state.cookies.end() && IsPairedPeer(key.asString(), stamp->second);
+    return key.isString() && stamp != state.cookies.end() &&
+           IsPairedPeer(key.asString(), stamp->second, state.api, state.params);
 }
 
 HttpAnswer ServeWebApi(Pool pool, const HttpRequest& http) {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <exception>
+#include <functional>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -19,6 +20,7 @@
 #include "platform/pavane/cms.h"
 
 #include "pavane/cms/server_registry.h"
+#include "pavane/cms/server_state.h"
 #include "pavane/log_line.h"
 #include "pavane/store/database.h"
 
@@ -55,32 +57,42 @@ bool ParseStamp(std::string_view stamp, std::int64_t& time_s) {
     return error == std::errc() && rest == end && time_s > 0;
 }
 
+struct Pair {
+    std::string serial;  // of its recording server
+    std::string secret;
+};
+
 // Those of the servers that this one's role gives a say. One that was a host keeps its pairings, but what its
 // servers still relay to it would meet its own shares under their ids.
-std::vector<std::string> PairSecrets() {
-    std::vector<std::string> secrets;
-    const CmsRole role = GetCmsRole();
+std::vector<Pair> Pairs(CmsRole role) {
+    std::vector<Pair> pairs;
     if (role == CmsRole::kNone) {
-        return secrets;
+        return pairs;
     }
-    std::string secret;
+    Pair pair;
     soci::statement statement =
-        (AppDatabase().Session().prepare << "select pair_secret from "
-                                         << (role == CmsRole::kHost ? "rec_server" : "cms_host")
-                                         << " where pair_secret <> ''",
-         soci::into(secret));
+        (AppDatabase().Session().prepare
+             << (role == CmsRole::kHost ? "select serial, pair_secret from rec_server"
+                                        : "select own_serial, pair_secret from cms_host")
+             << " where pair_secret <> ''",
+         soci::into(pair.serial), soci::into(pair.secret));
     for (bool more = statement.execute(true); more; more = statement.fetch()) {
-        secrets.push_back(secret);
+        pairs.push_back(pair);
     }
-    return secrets;
+    return pairs;
+}
+
+// What a host takes from the recording server `serial`: what that one relays in its own name, and the calls
+// of central management. With anything else a server's key would be worth as much as an administrator.
+bool MayRecServerAsk(const std::string& serial, const std::string& api, const Json::Value& params) {
+    return params["recSerialNum"] == serial && (api == kCmsApi || params["relayedCmd"] == true);
 }
 
 // Every secret is tried whatever the others gave, and each comparison takes the same time.
-bool IsMadeWithAny(const std::vector<std::string>& secrets, const std::string& pairKey,
-                   const std::string& stamp) {
+bool IsMadeWithAny(const std::vector<Pair>& pairs, const std::string& pairKey, const std::string& stamp) {
     bool matches = false;
-    for (const std::string& secret : secrets) {
-        const std::string expected = MakePairKey(secret, stamp);
+    for (const Pair& pair : pairs) {
+        const std::string expected = MakePairKey(pair.secret, stamp);
         const bool same = expected.size() == pairKey.size() &&
                           CRYPTO_memcmp(expected.data(), pairKey.data(), expected.size()) == 0;
         matches = matches || same;
@@ -105,14 +117,19 @@ bool UseStamp(const std::string& stamp, std::int64_t time_s, std::int64_t now_s)
     return isFirst;
 }
 
-bool Accept(const std::string& pairKey, const std::string& stamp) {
+// Only pairs that `mayAsk` names with this server's role count.
+bool Accept(const std::string& pairKey, const std::string& stamp,
+            const std::function<bool(CmsRole, const Pair&)>& mayAsk) {
     std::int64_t time_s = 0;
     const std::int64_t now_s = std::time(nullptr);
     if (!ParseStamp(stamp, time_s)) {
         return false;
     }
     try {
-        if (!IsMadeWithAny(PairSecrets(), pairKey, stamp)) {
+        const CmsRole role = GetCmsRole();
+        std::vector<Pair> pairs = Pairs(role);
+        std::erase_if(pairs, [&](const Pair& pair) { return !mayAsk(role, pair); });
+        if (!IsMadeWithAny(pairs, pairKey, stamp)) {
             return false;
         }
         if (std::llabs(now_s - time_s) > kStampTolerance_s) {
@@ -161,9 +178,13 @@ std::string MakePairKey(const std::string& secret, const std::string& stamp) {
     return Hex(digest.data(), length);
 }
 
-bool AdmitPeer(const std::string& pairKey, const std::string& stamp) {
+bool AdmitPeer(const std::string& pairKey, const std::string& stamp, const std::string& api,
+               const Json::Value& params) {
     LastAdmitted() = {};
-    if (!Accept(pairKey, stamp)) {
+    const bool isAccepted = Accept(pairKey, stamp, [&](CmsRole role, const Pair& pair) {
+        return role != CmsRole::kHost || MayRecServerAsk(pair.serial, api, params);
+    });
+    if (!isAccepted) {
         return false;
     }
     LastAdmitted() = {pairKey, stamp};
@@ -177,7 +198,7 @@ bool IsAuthPairMatch(const std::string& pairKey, const std::string& stamp) {
     if (!admitted.stamp.empty() && admitted.stamp == stamp && admitted.pairKey == pairKey) {
         return true;
     }
-    return pavane::Accept(pairKey, stamp);
+    return pavane::Accept(pairKey, stamp, [](pavane::CmsRole, const pavane::Pair&) { return true; });
 }
 
 bool SlaveRVAuthentication::IsAuthByPairMatch(const std::string& pairKey, const std::string& stamp) {

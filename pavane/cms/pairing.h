@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 
+#include <json/json.h>
+
 // How two paired servers prove themselves to each other: a key over a stamp.
 //   stamp  "<unix seconds>.<16 hexadecimal digits>"; the digits are random
 //   key    HMAC-SHA256 of the stamp, keyed with the bytes of the pair's secret text; lower-case hexadecimal
@@ -25,9 +27,12 @@ std::string MakeStamp();
 // Throws std::runtime_error when the hash can't be computed.
 std::string MakePairKey(const std::string& secret, const std::string& stamp);
 
-// IsAuthPairMatch for whoever stands before the web API methods and judges a request first: a stamp that it
-// has accepted is accepted once more by the next IsAuthPairMatch of this process, which judges the same
-// request. Throws like it.
-bool AdmitPeer(const std::string& pairKey, const std::string& stamp);
+// IsAuthPairMatch for whoever stands before the web API methods and judges a request first (KORV::PairCheck):
+// a stamp that it has accepted is accepted once more by the next IsAuthPairMatch of this process, which
+// judges the same request. A host also refuses a request that does not name the serial of the very server
+// whose key it carries, and one that is neither relayed nor of central management. Throws like
+// IsAuthPairMatch.
+bool AdmitPeer(const std::string& pairKey, const std::string& stamp, const std::string& api,
+               const Json::Value& params);
 
 }  // namespace pavane

@@ -3,6 +3,8 @@
 #include <functional>
 #include <string>
 
+#include <json/json.h>
+
 // What an application library registers with the host process that loaded it, so that the NAS side stays
 // below the application. A module library may export `extern "C" void OnModuleLoaded()`; it is called once
 // per worker, after the fork and before the first request. Implemented in korv/framework/host.cpp.
@@ -12,9 +14,14 @@ namespace KORV {
 // clients).
 void RegisterHealthCheck(const std::string& name, std::function<std::string()> check);
 
-// Judges a peer's pairing key over a stamp; used for requests on the peer pool. One that throws ends the
-// request with 110.
-void RegisterPairCheck(std::function<bool(const std::string& pairKey, const std::string& stamp)> check);
+// Whether a peer with this pairing key over this stamp may have this request.
+//   api     name of the web API that is called
+//   params  JSON object with all of the request's parameters
+using PairCheck = std::function<bool(const std::string& pairKey, const std::string& stamp,
+                                     const std::string& api, const Json::Value& params)>;
+
+// Judges each request on the peer pool. One that throws ends the request with 110.
+void RegisterPairCheck(PairCheck check);
 
 // Is told by the process that looks after remote mounts, every few seconds and of every mount, whether the
 // one at `mountPoint` is normal. Most of that is no news: an observer must be quick then.

@@ -8,7 +8,7 @@ import signal
 
 import pytest
 
-from cluster import Cluster, enter_own_network, send_as_peer
+from cluster import CMS_API, Cluster, enter_own_network, send_as_peer
 from node import SHARE_API, wait_until
 
 _CLIENTS = 8
@@ -152,26 +152,40 @@ def test_a_disabled_server_may_not_relay(cluster):
     assert not any(path in ("/volume1/alone", "/volume1/refused") for path, _ in cluster.host.records())
 
 
-def test_what_a_disabled_server_asks_for_itself_is_answered(cluster):
+def test_a_disabled_server_is_still_asked_but_relays_nothing(cluster):
     """Disabling stops relays; who is not to be trusted any more is removed."""
     serial, secret = cluster.third.pairing()
     number = cluster.ids["server3"]
     cluster.pavane(cluster.host, "server", "disable", str(number))
     try:
-        def send(method, **parameters):
-            return send_as_peer(cluster.host, serial, secret, SHARE_API, method, **parameters)
-
-        assert send("ListRecShare")["success"]
-        made = send("CreateRecShare", shareName="asked", volume="/volume1")
-        assert made["success"], made
-        share = [{"shareId": made["data"]["id"], "shareRvId": 0, "sharePath": "/volume1/asked"}]
-        assert ("/volume1/asked", 0) in cluster.host.records(), "a share of the host's, as for any caller"
-        assert send("DelRecShare", delShareList=share, relayedCmd=True)["error"]["code"] == 405
-        assert send("DelRecShare", delShareList=share)["success"]
-        assert ("/volume1/asked", 0) not in cluster.host.records()
+        answer = send_as_peer(cluster.host, serial, secret, SHARE_API, "DelRecShare", delShareList=[], relayedCmd=True)
+        assert answer["error"]["code"] == 405
+        assert send_as_peer(cluster.host, serial, secret, CMS_API, "ping")["success"]
         assert cluster.state(cluster.third)["statusName"] == "online", "it is still asked for its state"
     finally:
         cluster.pavane(cluster.host, "server", "enable", str(number))
+
+
+def test_a_servers_key_speaks_for_that_server_only(cluster):
+    serial, secret = cluster.third.pairing()
+    other, _ = cluster.second.pairing()
+    records = cluster.host.records()
+    kept = cluster.host.client("admin").create("kept")["data"]["id"]
+    share = [{"shareId": kept, "shareRvId": 0, "sharePath": "/volume1/kept"}]
+
+    def code(name, method, **parameters):
+        answer = send_as_peer(cluster.host, name, secret, SHARE_API, method, **parameters)
+        return 0 if answer["success"] else answer["error"]["code"]
+
+    for name in (serial, other, "", "nobody's"):
+        for method, parameters in (("ListRecShare", {}), ("CreateRecShare", {"shareName": "x", "volume": "/volume1"}),
+                                   ("DelRecShare", {"delShareList": share})):
+            assert code(name, method, **parameters) == 105
+    for name in (other, "", "nobody's"):
+        assert code(name, "DelRecShare", delShareList=share, relayedCmd=True) == 105
+        assert send_as_peer(cluster.host, name, secret, CMS_API, "ping")["error"]["code"] == 105
+    assert cluster.host.has_folder("/volume1/kept")
+    assert set(cluster.host.records()) == {*records, ("/volume1/kept", 0)}
 
 
 def test_a_stranger_may_not_be_paired_twice(cluster):

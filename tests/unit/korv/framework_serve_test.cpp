@@ -323,8 +323,10 @@ TEST(Serve, ThePeerPoolServesPairedServersOnly) {
     request.target = "/peer";
     request.cookies = "timestamp=stamp";
     EXPECT_EQ(Outcome(request, korv::Pool::kPeer), (CodeAndStatus{105, 403})) << "no check is registered";
-    KORV::RegisterPairCheck(
-        [](const std::string& key, const std::string& stamp) { return key + stamp == "keystamp"; });
+    KORV::RegisterPairCheck([](const std::string& key, const std::string& stamp, const std::string& api,
+                               const Json::Value& params) {
+        return key + stamp + api == "keystampTest" && params["cookie"] == "key";
+    });
     const Json::Value data = Parsed(korv::Serve(korv::Pool::kPeer, request))["data"];
     EXPECT_EQ(data["user"], "admin");
     EXPECT_EQ(data["authorized"], false);
@@ -345,10 +347,11 @@ TEST(Serve, APeerThatCannotBeJudgedIsNotRefused) {
     korv::HttpRequest request = Post(Call("Caller", R"(,"cookie":"key")"));
     request.target = "/peer";
     request.cookies = "timestamp=stamp";
-    KORV::RegisterPairCheck(
-        [](const std::string&, const std::string&) -> bool { throw std::runtime_error("no database"); });
+    KORV::RegisterPairCheck([](const std::string&, const std::string&, const std::string&,
+                               const Json::Value&) -> bool { throw std::runtime_error("no database"); });
     EXPECT_EQ(Outcome(request, korv::Pool::kPeer), (CodeAndStatus{110, 500}));
-    KORV::RegisterPairCheck([](const std::string&, const std::string&) { return false; });
+    KORV::RegisterPairCheck(
+        [](const std::string&, const std::string&, const std::string&, const Json::Value&) { return false; });
     EXPECT_EQ(Outcome(request, korv::Pool::kPeer), (CodeAndStatus{105, 403}));
 }
 

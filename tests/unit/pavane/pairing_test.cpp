@@ -21,6 +21,19 @@ protected:
             soci::use(secret);
     }
 
+    static bool Admits(const std::string& key, const std::string& stamp) {
+        return pavane::AdmitPeer(key, stamp, "KORV.Pavane.CMS", Request("A"));
+    }
+
+    static Json::Value Request(const std::string& serial, const Json::Value& relayed = Json::nullValue) {
+        Json::Value request(Json::objectValue);
+        request["recSerialNum"] = serial;
+        if (!relayed.isNull()) {
+            request["relayedCmd"] = relayed;
+        }
+        return request;
+    }
+
     static std::string StampAt(std::time_t time_s, const std::string& nonce = "0123456789abcdef") {
         return std::to_string(time_s) + "." + nonce;
     }
@@ -97,10 +110,10 @@ TEST_F(Pairing, PairingsThatCannotBeReadRefuseNobody) {
     const std::string stamp = pavane::MakeStamp();
     const std::string key = pavane::MakePairKey(kSecret, stamp);
     Session() << "alter table rec_server rename to rec_server_away";
-    EXPECT_THROW(pavane::AdmitPeer(key, stamp), std::runtime_error);
+    EXPECT_THROW(Admits(key, stamp), std::runtime_error);
     EXPECT_THROW(IsAuthPairMatch(key, stamp), std::runtime_error);
     Session() << "alter table rec_server_away rename to rec_server";
-    EXPECT_TRUE(pavane::AdmitPeer(key, stamp));
+    EXPECT_TRUE(Admits(key, stamp));
 }
 
 TEST_F(Pairing, OnlyThePairingsOfThePresentRoleCount) {
@@ -123,22 +136,53 @@ TEST_F(Pairing, OnlyThePairingsOfThePresentRoleCount) {
     EXPECT_FALSE(accepts("hosts secret"));
 }
 
+TEST_F(Pairing, AHostTakesFromAServerWhatItRelaysInItsOwnName) {
+    PairWith("A", "another secret");
+    PairWith("B", kSecret);
+    const auto admits = [](const std::string& api, const Json::Value& request) {
+        const std::string stamp = pavane::MakeStamp();
+        return pavane::AdmitPeer(pavane::MakePairKey(kSecret, stamp), stamp, api, request);
+    };
+    const std::string share = "KORV.Pavane.Share";
+    EXPECT_TRUE(admits(share, Request("B", true)));
+    EXPECT_FALSE(admits(share, Request("A", true))) << "another server's name";
+    EXPECT_FALSE(admits(share, Request("", true)));
+    EXPECT_FALSE(admits(share, Json::objectValue));
+    for (const Json::Value& relayed :
+         {Json::Value(), Json::Value(false), Json::Value("true"), Json::Value(1)}) {
+        EXPECT_FALSE(admits(share, Request("B", relayed))) << relayed;
+    }
+    EXPECT_TRUE(admits("KORV.Pavane.CMS", Request("B")));
+    EXPECT_FALSE(admits("KORV.Pavane.CMS", Request("A")));
+}
+
+TEST_F(Pairing, ARecordingServerTakesAllFromItsHost) {
+    pavane::SetCmsRole(pavane::CmsRole::kRecServer);
+    Session()
+        << "insert into cms_host (id, own_serial, address, pair_secret) values (1, 'S', 'http://h', 'hosts')";
+    for (const char* serial : {"S", "another", ""}) {
+        const std::string stamp = pavane::MakeStamp();
+        EXPECT_TRUE(pavane::AdmitPeer(pavane::MakePairKey("hosts", stamp), stamp, "KORV.Pavane.Share",
+                                      Request(serial)));
+    }
+}
+
 TEST_F(Pairing, WhatWasAdmittedAtTheDoorIsAcceptedOnceInside) {
     PairWith("A", kSecret);
     const std::string stamp = pavane::MakeStamp();
     const std::string key = pavane::MakePairKey(kSecret, stamp);
-    ASSERT_TRUE(pavane::AdmitPeer(key, stamp));
+    ASSERT_TRUE(Admits(key, stamp));
     EXPECT_TRUE(IsAuthPairMatch(key, stamp));
     EXPECT_FALSE(IsAuthPairMatch(key, stamp));
-    EXPECT_FALSE(pavane::AdmitPeer(key, stamp));
+    EXPECT_FALSE(Admits(key, stamp));
 }
 
 TEST_F(Pairing, ARefusalAtTheDoorForgetsWhatWasAdmittedBefore) {
     PairWith("A", kSecret);
     const std::string stamp = pavane::MakeStamp();
     const std::string key = pavane::MakePairKey(kSecret, stamp);
-    ASSERT_TRUE(pavane::AdmitPeer(key, stamp));
-    ASSERT_FALSE(pavane::AdmitPeer(key, stamp));
+    ASSERT_TRUE(Admits(key, stamp));
+    ASSERT_FALSE(Admits(key, stamp));
     EXPECT_FALSE(IsAuthPairMatch(key, stamp));
 }
 
