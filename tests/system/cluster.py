@@ -156,6 +156,7 @@ class Cluster:
                                               ((1, "host"), (2, "server2"), (3, "server3")))
         self.members = (self.host, self.second, self.third)
         self.options = list(options)
+        self.bridge = _BRIDGE
         self.environment = clock_environment(self.folder) if own_clocks else {}
         self.process = None
         self.ids = {}

@@ -1,0 +1,40 @@
+"""Programs that talk to a person."""
+
+import fcntl
+import os
+import pty
+import re
+import select
+import subprocess
+import termios
+
+PATIENCE_S = 30
+
+
+class Terminal:
+    """A program at a terminal of its own."""
+
+    def __init__(self, *command, environment):
+        self.master, slave = pty.openpty()
+        self.process = subprocess.Popen(command, stdin=slave, stdout=slave, stderr=slave, env=environment,
+                                        start_new_session=True,
+                                        preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+        self.slave = slave
+        self.text = ""
+
+    def wait_for(self, pattern):
+        while not re.search(pattern, self.text):
+            assert select.select([self.master], [], [], PATIENCE_S)[0], f"{pattern} in {self.text!r}"
+            self.text += os.read(self.master, 4096).decode()
+
+    def type(self, text):
+        os.write(self.master, text.encode())
+
+    def echoes(self):
+        return bool(termios.tcgetattr(self.slave)[3] & termios.ECHO)
+
+    def close(self):
+        self.process.kill()
+        self.process.wait()
+        os.close(self.master)
+        os.close(self.slave)
