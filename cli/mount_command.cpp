@@ -8,6 +8,7 @@
 
 #include "cli/command.h"
 #include "cli/remote_folder.h"
+#include "include/trailing_slashes.h"
 
 namespace cli {
 

@@ -1,13 +1,8 @@
 #include "cli/remote_folder.h"
 
-namespace cli {
+#include "include/trailing_slashes.h"
 
-std::string WithoutTrailingSlashes(std::string path) {
-    while (path.size() > 1 && path.back() == '/') {
-        path.pop_back();
-    }
-    return path;
-}
+namespace cli {
 
 void RemoteFolder::AddOptions(CLI::App& command) {
     command.add_option("source", source, "//host/folder (CIFS) or host:/folder (NFS)")->required();

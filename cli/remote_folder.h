@@ -8,10 +8,6 @@
 
 namespace cli {
 
-// "/volume1/rec/nas/", as a shell completes it, names the same folder as without the slash; the server
-// compares texts.
-std::string WithoutTrailingSlashes(std::string path);
-
 // A remote folder and how it is to be mounted, as the command line gives it.
 struct RemoteFolder {
     std::string source;

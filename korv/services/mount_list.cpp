@@ -8,6 +8,7 @@
 #include "platform/korv/api_runner.h"
 #include "platform/korv/mount.h"
 
+#include "include/trailing_slashes.h"
 #include "korv/framework/log.h"
 #include "korv/system/mount_probe.h"
 #include "korv/system/mount_record.h"
@@ -74,7 +75,7 @@ _tag_FSTYPE TypeAt(const std::string& mountPoint, const MountFacts& facts) {
         return static_cast<_tag_FSTYPE>(facts.type);
     }
     // Mounted through a program; what it speaks stands in the row.
-    const auto row = FindMountRow(mountPoint);
+    const auto row = FindMountRow(WithoutTrailingSlashes(mountPoint));
     if (!row) {
         return FSTYPE_OTHER;
     }

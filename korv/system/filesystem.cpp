@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 
+#include "include/trailing_slashes.h"
 #include "korv/system/bounded_call.h"
 
 namespace {
@@ -41,6 +42,6 @@ std::string GetDirPath(const std::string& path) {
 }
 
 std::string GetBaseName(const std::string& path) {
-    const std::size_t lastSlash = path.rfind('/');
-    return lastSlash == std::string::npos ? path : path.substr(lastSlash + 1);
+    const std::string text = WithoutTrailingSlashes(path);
+    return text.substr(text.rfind('/') + 1);
 }

@@ -18,6 +18,7 @@
 
 #include "platform/korv/configuration.h"
 
+#include "include/trailing_slashes.h"
 #include "korv/system/accounts.h"
 #include "korv/system/acl.h"
 #include "korv/system/share_folder.h"
@@ -32,10 +33,8 @@ constexpr mode_t kNewFolderMode = 0755;
 constexpr mode_t kModeBits = 07777;
 
 // The parts between the slashes; none when one of them is not a plain name.
-std::optional<std::vector<std::string>> PlainParts(std::string path) {
-    while (path.size() > 1 && path.back() == '/') {
-        path.pop_back();
-    }
+std::optional<std::vector<std::string>> PlainParts(const std::string& text) {
+    const std::string path = WithoutTrailingSlashes(text);
     if (path.empty() || path.front() != '/' || path.size() > kLongestPath) {
         return std::nullopt;
     }

@@ -22,6 +22,7 @@
 #include "platform/korv/configuration.h"
 
 #include "include/run_as_scope.h"
+#include "include/trailing_slashes.h"
 #include "korv/system/mount_table.h"
 #include "korv/system/root_child.h"
 
@@ -137,17 +138,18 @@ private:
 }  // namespace
 
 bool IsMounted(const std::string& path) {
-    const auto along = MountsAlong(path);
-    return !along.empty() && along.back()->mountPoint == path;
+    const std::string point = WithoutTrailingSlashes(path);
+    const auto along = MountsAlong(point);
+    return !along.empty() && along.back()->mountPoint == point;
 }
 
-MountFacts LookAtMount(const std::string& path) { return PendingLook(path).Result(); }
+MountFacts LookAtMount(const std::string& path) { return PendingLook(WithoutTrailingSlashes(path)).Result(); }
 
 std::vector<MountFacts> LookAtMounts(const std::vector<std::string>& paths) {
     std::vector<PendingLook> looks;
     looks.reserve(paths.size());
     for (const std::string& path : paths) {
-        looks.emplace_back(path);
+        looks.emplace_back(WithoutTrailingSlashes(path));
     }
     std::vector<MountFacts> results;
     results.reserve(paths.size());

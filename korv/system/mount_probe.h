@@ -23,6 +23,8 @@ struct MountFacts {
     std::uint64_t sizeMb = 0;
 };
 
+// Trailing slashes of a path don't count here.
+
 // True when something is mounted at exactly `path`; asks only the kernel's list.
 bool IsMounted(const std::string& path);
 

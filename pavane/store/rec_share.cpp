@@ -2,6 +2,8 @@
 
 #include "platform/pavane/rec_share.h"
 
+#include "include/trailing_slashes.h"
+
 RecShare::RecShare() = default;
 
 int RecShare::GetId() const { return m_id; }
@@ -26,7 +28,7 @@ bool RecShare::IsEnableRecLimit() const { return m_enableRecLimit; }
 void RecShare::SetIdOnRec(int idOnRec) { m_idOnRec = idOnRec; }
 void RecShare::SetOwnerRvId(int ownerRvId) { m_ownerRvId = ownerRvId; }
 void RecShare::SetName(const std::string& name) { m_name = name; }
-void RecShare::SetPath(const std::string& path) { m_path = path; }
+void RecShare::SetPath(const std::string& path) { m_path = WithoutTrailingSlashes(path); }
 void RecShare::SetVolume(const std::string& volume) { m_volume = volume; }
 void RecShare::SetDescription(const std::string& description) { m_description = description; }
 void RecShare::SetHidden(bool hidden) { m_hidden = hidden; }

@@ -14,6 +14,7 @@
 #include "platform/pavane/rec_share.h"
 #include "platform/pavane/services.h"
 
+#include "include/trailing_slashes.h"
 #include "pavane/log_line.h"
 #include "pavane/store/database.h"
 #include "pavane/store/folder_rename.h"
@@ -267,7 +268,7 @@ int RecShare::LoadByPath(const std::string& path, int ownerRvId) {
     }
     return LoadOne<ShareByPath>(*this, [&](ShareByPath& query) {
         query.ownerRvId = ownerRvId;
-        query.path = path;
+        query.path = WithoutTrailingSlashes(path);
     });
 }
 

@@ -16,5 +16,6 @@ bool IsFileExist(const std::string& path);
 // gives "". A path without a slash gives "". Pure text: nothing is read from the disk.
 std::string GetDirPath(const std::string& path);
 
-// The last component of `path`: "/volume1/rec" gives "rec"; a path without a slash gives itself. Pure text.
+// The last component of `path`: "/volume1/rec" and "/volume1/rec/" give "rec"; a path without a slash gives
+// itself, one of slashes only gives "". Pure text.
 std::string GetBaseName(const std::string& path);

@@ -7,7 +7,8 @@
 
 #include "platform/korv/fs_type.h"
 
-// Remote folders mounted on this NAS. Implemented in korv/services/mount_list.cpp.
+// Remote folders mounted on this NAS. Implemented in korv/services/mount_list.cpp. A mount point may be given
+// with trailing slashes.
 
 // The remote folders mounted inside shared folders: an array of objects with "mount_point" (absolute path),
 // "type" ("cifs", "nfs"), "auto_mount" ("yes", "no") and "source".

@@ -35,8 +35,8 @@ public:
     int Load(int id);
     // The record of a recording server's share, by its id there and the server's id. Results as Load.
     int LoadByIdOnRec(int idOnRec, int ownerRvId);
-    // The record of the folder at `path` (byte for byte) of the server `ownerRvId`. 0, or non-zero on
-    // failure.
+    // The record of the folder at `path` of the server `ownerRvId`, byte for byte but for trailing
+    // slashes. 0, or non-zero on failure.
     int LoadByPath(const std::string& path, int ownerRvId);
     // Inserts the record (id 0) or updates it. 0 on success; an insert sets the id. Another record that
     // already holds the pair (owner, path) is a failure and changes nothing.
@@ -72,7 +72,7 @@ public:
     void SetIdOnRec(int idOnRec);
     void SetOwnerRvId(int ownerRvId);
     void SetName(const std::string& name);
-    void SetPath(const std::string& path);
+    void SetPath(const std::string& path);  // drops trailing slashes
     void SetVolume(const std::string& volume);
     void SetDescription(const std::string& description);
     void SetHidden(bool hidden);

@@ -1,6 +1,7 @@
 """Remote folders as recording shares: mounted, lost, found again, with a real Samba server."""
 
 import os
+import time
 
 import pytest
 
@@ -10,6 +11,7 @@ from node import SHARE_API, Node, wait_until
 MOUNT_API = "KORV.Tarsel.Mount"
 LIST_API = "KORV.Tarsel.Mount.List"
 POINT = "/volume1/video/nas"
+KEEPER_ROUND_S = 5  # between two looks at all mounts
 
 
 @pytest.fixture(scope="module")
@@ -129,6 +131,35 @@ def test_a_mount_is_offered_until_it_is_a_share(node, server, admin):
     assert answer["success"], answer
     assert {share["sharePath"]: share["mountStatus"] for share in admin.list(blIncldRemoteAbnormal=True)}[point] == 1
     assert node.client("viewer").call(MOUNT_API, "unmount", mount_point="/video/nas")["error"]["code"] == 432
+
+
+def test_trailing_slashes_of_a_mount_point_mean_nothing(node, server, admin):
+    """The share has its folder's name and path, and its mount's state follows the mount, not the text that was sent."""
+    node.allow("the mount at|reconnecting|unmounting")
+    point = "/volume1/video/third"
+    answer = admin.call(SHARE_API, "CreateRemoteRecShare",
+                        **wanted(server, mountPoint=point + "//", mountPath=point + "/", blAutoMount=False))
+    assert answer["success"], answer
+    assert answer["data"]["fsType"] == 11 and answer["data"]["totalSize"] > 0
+
+    def shown():
+        return [(share["shareName"], share["mountStatus"]) for share in admin.list(blIncldRemoteAbnormal=True)
+                if share["sharePath"] == point]
+
+    time.sleep(2 * KEEPER_ROUND_S)
+    assert shown() == [("third", 0)]
+    node.inside("umount", point)
+    wait_until(lambda: shown() == [("third", 1)], "the share is abnormal", 30)
+    answer = admin.call(SHARE_API, "ReconnetRemoteMount", mount_point=point + "/")
+    assert answer["success"], answer
+    assert shown() == [("third", 0)]
+    wait_until(lambda: [mount["status"] for mount in mounts(admin) if mount["mount_point"] == point] == [0],
+               "the mount is normal")
+    assert point not in str(admin.call(SHARE_API, "ListMountedFolder"))
+    listed = [share for share in admin.list() if share["sharePath"] == point]
+    answer = admin.call(SHARE_API, "DelRecShare", delShareList=listed)
+    assert answer["success"], answer
+    assert [mount for mount in mounts(admin) if mount["mount_point"] == point] == []
 
 
 def test_nobody_mounts_without_a_session(node):

@@ -75,4 +75,14 @@ TEST(DirPath, IsThePathWithoutItsLastComponent) {
     EXPECT_EQ(GetDirPath("/"), "");
 }
 
+TEST(BaseName, IsTheLastComponentWhateverSlashesFollow) {
+    EXPECT_EQ(GetBaseName("/volume1/rec"), "rec");
+    EXPECT_EQ(GetBaseName("/volume1/rec/"), "rec");
+    EXPECT_EQ(GetBaseName("/volume1/rec///"), "rec");
+    EXPECT_EQ(GetBaseName("rec"), "rec");
+    EXPECT_EQ(GetBaseName("rec/"), "rec");
+    EXPECT_EQ(GetBaseName("/"), "");
+    EXPECT_EQ(GetBaseName(""), "");
+}
+
 }  // namespace

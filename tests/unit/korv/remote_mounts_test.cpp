@@ -117,6 +117,11 @@ TEST_F(RemoteMounts, ShowTheServersFilesAndAreListed) {
     EXPECT_EQ(GetMntPointFSInfo(Point(), type, sizeMb), 0);
     EXPECT_EQ(type, FSTYPE_CIFS);
     EXPECT_GT(sizeMb, 0U);
+    EXPECT_EQ(GetRemoteMountStatus(Point() + "//"), 0);
+    EXPECT_TRUE(IsMountPoint(Point() + "/"));
+    type = FSTYPE_UNKNOWN;
+    EXPECT_EQ(GetMntPointFSInfo(Point() + "/", type, sizeMb), 0);
+    EXPECT_EQ(type, FSTYPE_CIFS);
     const auto row = korv::FindMountRow(Point());
     ASSERT_TRUE(row);
     EXPECT_EQ(row->source, "//127.0.0.1/data");

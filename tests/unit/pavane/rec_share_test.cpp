@@ -94,6 +94,18 @@ TEST_F(RecShareStore, TheSamePathOfTheSameOwnerIsRefusedAndChangesNothing) {
     EXPECT_EQ(LoadRecShareFromDB(0).size(), 2U);
 }
 
+TEST_F(RecShareStore, TrailingSlashesOfAPathAreNotKept) {
+    RecShare share;
+    share.SetPath("/volume1/rec/nas//");
+    EXPECT_EQ(share.GetPath(), "/volume1/rec/nas");
+    ASSERT_EQ(share.Save(), 0);
+    RecShare found;
+    ASSERT_EQ(found.LoadByPath("/volume1/rec/nas/", 0), 0);
+    EXPECT_EQ(found.GetId(), share.GetId());
+    RecShare second = MakeShare(0, "rec/nas/");
+    EXPECT_NE(second.Save(), 0) << "it is the same folder";
+}
+
 TEST_F(RecShareStore, AnUpdateOfARemovedRecordFails) {
     RecShare share = MakeShare(0, "rec");
     ASSERT_EQ(share.Save(), 0);
