@@ -23,6 +23,23 @@ bool RemoteFolder::IsNfs() const {
     return type.empty() ? source.rfind("//", 0) != 0 && source.rfind("\\\\", 0) != 0 : type == "nfs";
 }
 
+std::string RemoteFolder::OptionsOfMounting() const {
+    std::string names;
+    const auto add = [&names](bool isGiven, const char* name) {
+        if (isGiven) {
+            names += (names.empty() ? "" : ", ") + std::string(name);
+        }
+    };
+    add(isAutomatic, "--auto");
+    add(!account.empty(), "--account");
+    add(!options.empty(), "--options");
+    add(!nfsVersion.empty(), "--nfs-version");
+    add(!protocol.empty(), "--protocol");
+    add(!password.file.empty(), "--password-file");
+    add(password.fromStdin, "--password-stdin");
+    return names;
+}
+
 std::string RemoteFolder::ReadPassword() const {
     return account.empty() ? "" : password.Read("Password of " + account + " on the server: ");
 }

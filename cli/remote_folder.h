@@ -25,6 +25,9 @@ struct RemoteFolder {
 
     [[nodiscard]] bool IsNfs() const;
 
+    // The options that only say how to mount, as far as they are given: "--auto, --account"; else empty.
+    [[nodiscard]] std::string OptionsOfMounting() const;
+
     // The account's password; empty without an account. Throws InputError.
     [[nodiscard]] std::string ReadPassword() const;
 };

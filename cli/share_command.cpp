@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/command.h"
+#include "cli/input_error.h"
 #include "cli/password.h"
 #include "cli/remote_folder.h"
 #include "cli/share_lookup.h"
@@ -20,6 +21,7 @@ namespace {
 constexpr const char* kApi = "KORV.Pavane.Share";
 constexpr int kEncrypted = 2;
 constexpr int kLocked = 1;
+constexpr const char* kRepair = "`pavane server check --repair` makes up for that";
 
 struct ListOptions {
     bool migrating = false;
@@ -117,6 +119,21 @@ void List(const Context& context, const ListOptions& options) {
     PrintTable(table);
 }
 
+// The server succeeds also when the record could not be kept, and then gives no id.
+void ShowCreated(const Context& context, const Json::Value& data, const std::string& path,
+                 const std::string& achieved, const std::string& remedy) {
+    if (context.json) {
+        PrintJson(data);
+    }
+    if (data["id"].asInt() == 0) {
+        throw std::runtime_error(achieved + ", but the server could not record it as a recording share; " +
+                                 remedy);
+    }
+    if (!context.json) {
+        PrintLine("recording share " + Cell(data, "id") + ": " + path);
+    }
+}
+
 void Create(const Context& context, const CreateOptions& options) {
     Json::Value parameters(Json::objectValue);
     parameters["shareName"] = options.name;
@@ -134,24 +151,20 @@ void Create(const Context& context, const CreateOptions& options) {
         parameters["encPasswd"] = options.password.Read("Password of the encrypted share: ");
     }
     const Json::Value data = context.MakeClient().Call(kApi, "CreateRecShare", parameters);
-    if (context.json) {
-        PrintJson(data);
-    }
-    if (data["id"].asInt() == 0) {
-        throw std::runtime_error("the folder " + options.volume + "/" + options.name +
-                                 " was made, but the server could not record it as a recording share; " +
-                                 (options.server == 0 ? "repeat the command with --adopt"
-                                                      : "`pavane server check --repair` makes up for that"));
-    }
-    if (!context.json) {
-        PrintLine("recording share " + Cell(data, "id") + ": " + options.volume + "/" + options.name);
-    }
+    const std::string path = options.volume + "/" + options.name;
+    ShowCreated(context, data, path, "the folder " + path + " was made",
+                options.server == 0 ? "repeat the command with --adopt" : kRepair);
 }
 
 // "mountPath" is what the mount service reads, "mountPoint" what becomes the share.
 void CreateRemote(const Context& context, const RemoteFolder& folder, bool isMounted, int server) {
     constexpr int kNfs = 1;
     constexpr int kCifs = 2;
+    const std::string unused = isMounted ? folder.OptionsOfMounting() : "";
+    if (!unused.empty()) {
+        throw InputError("with --mounted nothing is mounted, so " + unused +
+                         " can't be given; `pavane mount add` takes it when the folder is mounted");
+    }
     Json::Value parameters(Json::objectValue);
     parameters["mountType"] = folder.IsNfs() ? kNfs : kCifs;
     parameters["mountSource"] = folder.source;
@@ -169,11 +182,8 @@ void CreateRemote(const Context& context, const RemoteFolder& folder, bool isMou
         parameters["passwd"] = folder.ReadPassword();
     }
     const Json::Value data = context.MakeClient().Call(kApi, "CreateRemoteRecShare", parameters);
-    if (context.json) {
-        PrintJson(data);
-    } else {
-        PrintLine("recording share " + Cell(data, "id") + ": " + folder.mountPoint);
-    }
+    ShowCreated(context, data, folder.mountPoint, folder.source + " is mounted at " + folder.mountPoint,
+                server == 0 ? "repeat the command with --mounted, without the options of mounting" : kRepair);
 }
 
 void AddCreateRemote(CLI::App& share, Context& context) {
@@ -186,7 +196,8 @@ void AddCreateRemote(CLI::App& share, Context& context) {
     CLI::App* const create =
         share.add_subcommand("create-remote", "Make a folder of another machine a recording share");
     options->folder.AddOptions(*create);
-    create->add_flag("--mounted", options->isMounted, "It is mounted there already");
+    create->add_flag("--mounted", options->isMounted,
+                     "It is mounted there already; the options of mounting can't be given then");
     create->add_option("--server", options->server, "Id of the recording server that is to own it, on a host")
         ->check(CLI::NonNegativeNumber);
     create->callback([&context, options] {

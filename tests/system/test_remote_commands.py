@@ -1,5 +1,7 @@
 """Remote folders as `pavane` shows them: adopted, lost, found again, and back after a restart."""
 
+import os
+import sqlite3
 import time
 
 import pytest
@@ -31,6 +33,15 @@ def line_of(text, name):
     lines = [line.split() for line in text.splitlines() if name in line.split()]
     assert len(lines) < 2, text
     return lines[0] if lines else []
+
+
+def mount_rec(pavane, server, folder):
+    """A share and below it the server's folder, which is no recording share yet."""
+    password = folder / "password"
+    password.write_text(samba.PASSWORD + "\n", encoding="utf-8")
+    pavane.run("share", "create", "rec", "--volume", "/volume1")
+    pavane.run("mount", "add", "//127.0.0.1/data", POINT, "--account", samba.ACCOUNT, "--password-file", str(password),
+               "--options", f"port={server.port}")
 
 
 def test_a_remote_share_lives_through_the_loss_of_its_server_and_a_restart(server_and_node, tmp_path):
@@ -69,14 +80,27 @@ def test_a_remote_share_lives_through_the_loss_of_its_server_and_a_restart(serve
     assert line_of(pavane.run("mount", "list"), POINT) == []
 
 
+def test_what_was_mounted_but_not_recorded_is_told(server_and_node, tmp_path):
+    server, node = server_and_node
+    pavane = CommandLine(node, "admin", tmp_path)
+    mount_rec(pavane, server, tmp_path)
+    for options in (["--auto"], ["--account", "x"], ["--options", "ro"], ["--nfs-version", "3"]):
+        told = pavane.run("share", "create-remote", "//127.0.0.1/data", POINT, "--mounted", *options, status=2)
+        assert f"with --mounted nothing is mounted, so {options[0]} can't be given" in told
+    with sqlite3.connect(os.path.join(node.state, "state/pavane.db")) as database:
+        database.execute("create trigger refusal before insert on recording_share begin select raise(abort, 'no'); end")
+    node.allow("Failed to save a recording share")
+    told = pavane.run("share", "create-remote", "//127.0.0.1/data", POINT, "--mounted", status=1)
+    assert "could not record it as a recording share; repeat the command with --mounted" in told
+    with sqlite3.connect(os.path.join(node.state, "state/pavane.db")) as database:
+        database.execute("drop trigger refusal")
+    assert "recording share" in pavane.run("share", "create-remote", "//127.0.0.1/data", POINT, "--mounted")
+
+
 def test_a_folder_is_mounted_first_and_adopted_later(server_and_node, tmp_path):
     server, node = server_and_node
     pavane = CommandLine(node, "admin", tmp_path)
-    password = tmp_path / "password"
-    password.write_text(samba.PASSWORD + "\n", encoding="utf-8")
-    pavane.run("share", "create", "rec", "--volume", "/volume1")
-    pavane.run("mount", "add", "//127.0.0.1/data", POINT, "--account", samba.ACCOUNT, "--password-file", str(password),
-               "--options", f"port={server.port}")
+    mount_rec(pavane, server, tmp_path)
     assert line_of(pavane.run("mount", "list"), POINT)[3:] == ["no", "normal"]
     assert pavane.run("mount", "reconnect", POINT) == f"{POINT} is mounted\n"
     pavane.run("share", "create-remote", "//127.0.0.1/data", POINT, "--mounted")
