@@ -7,7 +7,9 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/command.h"
+#include "cli/input_error.h"
 #include "cli/remote_folder.h"
+#include "cli/share_lookup.h"
 #include "include/trailing_slashes.h"
 
 namespace cli {
@@ -17,6 +19,8 @@ namespace {
 constexpr const char* kMountApi = "KORV.Tarsel.Mount";
 constexpr const char* kListApi = "KORV.Tarsel.Mount.List";
 constexpr const char* kShareApi = "KORV.Pavane.Share";
+constexpr int kNoSuchApi = 102;
+constexpr int kNotPermitted = 105;
 
 void Add(const Context& context, const RemoteFolder& folder) {
     Json::Value parameters(Json::objectValue);
@@ -60,12 +64,47 @@ void List(const Context& context) {
     PrintTable(table);
 }
 
-void Remove(const Context& context, const std::string& mountPoint) {
+// `mountPoint` may leave out the volume.
+bool StandsOn(const Json::Value& share, const std::string& mountPoint) {
+    const std::string path = Cell(share, "sharePath");
+    return share["shareRvId"].asInt() == 0 &&
+           (path == mountPoint || (path.size() > mountPoint.size() && path.ends_with(mountPoint)));
+}
+
+// Without its mount the folder is ordinary local disk, that anybody may write into. The mount service knows
+// no recording shares, so the recorder is asked for its own. Throws InputError.
+void RefuseBelowRecordingShare(Client& client, const std::string& mountPoint) {
+    try {
+        const Json::Value data = ListAllShares(client, 0);
+        for (const Json::Value& share : data["sharelist"]) {
+            if (StandsOn(share, mountPoint)) {
+                throw InputError("recording share " + Cell(share, "shareId") + " stands on " + mountPoint +
+                                 ", and without its mount the folder is ordinary local disk; take the share "
+                                 "away first, by `pavane share delete " +
+                                 Cell(share, "shareId") + " --keep-folder`, or give --force");
+            }
+        }
+    } catch (const Refused& refused) {
+        if (refused.code == kNotPermitted) {
+            throw InputError("this account may not see whether a recording share stands on " + mountPoint +
+                             "; have somebody remove it who may, or give --force");
+        }
+        if (refused.code != kNoSuchApi) {  // without the recorder there are no recording shares
+            throw;
+        }
+    }
+}
+
+void Remove(const Context& context, const std::string& mountPoint, bool isForced) {
+    Client client = context.MakeClient();
+    if (!isForced) {
+        RefuseBelowRecordingShare(client, mountPoint);
+    }
     Json::Value parameters(Json::objectValue);
     parameters["mount_type"] = "remote";
     parameters["is_mount_point"] = true;
     parameters["mount_point"] = mountPoint;
-    context.MakeClient().Call(kMountApi, "unmount", parameters);
+    client.Call(kMountApi, "unmount", parameters);
     if (!context.json) {
         PrintLine(mountPoint + " is no longer mounted");
     }
@@ -73,7 +112,6 @@ void Remove(const Context& context, const std::string& mountPoint) {
 
 // Asks for a recording share first, whose record then says so at once; other mounts are the mount service's.
 void Reconnect(const Context& context, const std::string& mountPoint) {
-    constexpr int kNotPermitted = 105;
     constexpr int kNoSuchShare = 401;
     Client client = context.MakeClient();
     Json::Value parameters(Json::objectValue);
@@ -93,15 +131,34 @@ void Reconnect(const Context& context, const std::string& mountPoint) {
     }
 }
 
-void AddForOne(CLI::App& mount, Context& context, const char* name, const char* description,
-               void (*action)(const Context&, const std::string&)) {
-    const auto mountPoint = std::make_shared<std::string>();
-    CLI::App* const command = mount.add_subcommand(name, description);
-    command->add_option("mount-point", *mountPoint, "Folder on which it is mounted")
+void AddMountPoint(CLI::App& command, std::string& mountPoint) {
+    command.add_option("mount-point", mountPoint, "Folder on which it is mounted")
         ->transform(WithoutTrailingSlashes)
         ->required();
-    command->callback([&context, mountPoint, action] {
-        context.chosen = [&context, mountPoint, action] { action(context, *mountPoint); };
+}
+
+void AddRemove(CLI::App& mount, Context& context) {
+    struct Options {
+        std::string mountPoint;
+        bool isForced = false;
+    };
+    const auto options = std::make_shared<Options>();
+    CLI::App* const remove = mount.add_subcommand("remove", "Unmount a remote folder and forget it");
+    AddMountPoint(*remove, options->mountPoint);
+    remove->add_flag("--force", options->isForced,
+                     "Also below a recording share, whose folder is ordinary local disk then");
+    remove->callback([&context, options] {
+        context.chosen = [&context, options] { Remove(context, options->mountPoint, options->isForced); };
+    });
+}
+
+void AddReconnect(CLI::App& mount, Context& context) {
+    const auto mountPoint = std::make_shared<std::string>();
+    CLI::App* const reconnect =
+        mount.add_subcommand("reconnect", "Mount a remote folder again that is known");
+    AddMountPoint(*reconnect, *mountPoint);
+    reconnect->callback([&context, mountPoint] {
+        context.chosen = [&context, mountPoint] { Reconnect(context, *mountPoint); };
     });
 }
 
@@ -117,8 +174,8 @@ void AddMountCommands(CLI::App& app, Context& context) {
     mount->add_subcommand("list", "List the mounts")->callback([&context] {
         context.chosen = [&context] { List(context); };
     });
-    AddForOne(*mount, context, "remove", "Unmount a remote folder and forget it", Remove);
-    AddForOne(*mount, context, "reconnect", "Mount a remote folder again that is known", Reconnect);
+    AddRemove(*mount, context);
+    AddReconnect(*mount, context);
 }
 
 }  // namespace cli

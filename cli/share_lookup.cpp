@@ -21,13 +21,17 @@ std::string Refusal(int id, const std::optional<int>& server) {
 
 }  // namespace
 
-Json::Value FindShare(Client& client, int id, const std::optional<int>& server) {
+Json::Value ListAllShares(Client& client, int server) {
     Json::Value parameters(Json::objectValue);
     parameters["blIncldMigrating"] = true;
     parameters["blIncldEncUnmount"] = true;
     parameters["blIncldRemoteAbnormal"] = true;
-    parameters["rvId"] = server.value_or(0);
-    Json::Value data = client.Call("KORV.Pavane.Share", "ListRecShare", parameters);
+    parameters["rvId"] = server;
+    return client.Call("KORV.Pavane.Share", "ListRecShare", parameters);
+}
+
+Json::Value FindShare(Client& client, int id, const std::optional<int>& server) {
+    Json::Value data = ListAllShares(client, server.value_or(0));
     if (server.has_value()) {
         KeepServer(data, "sharelist", "shareRvId", *server);
     }

@@ -11,6 +11,10 @@ class Option;
 
 namespace cli {
 
+// What the server lists of `server`'s recording shares, in whatever state they are, under "sharelist"; a host
+// that is asked for 0 adds those of its recording servers.
+Json::Value ListAllShares(Client& client, int server);
+
 // The recording share `id` as the server lists it, in whatever state it is. With `server` it must be owned by
 // that recording server (0: by the server that is asked). Throws InputError when there is none like that.
 Json::Value FindShare(Client& client, int id, const std::optional<int>& server);

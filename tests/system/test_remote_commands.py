@@ -76,8 +76,32 @@ def test_a_remote_share_lives_through_the_loss_of_its_server_and_a_restart(serve
     pavane = CommandLine(node, "admin", tmp_path)
     wait_until(lambda: line_of(pavane.run("mount", "list"), POINT)[-1:] == ["normal"], "it is mounted again", 60)
     wait_until(lambda: line_of(pavane.run("share", "list"), POINT), "the share is usable again", 30)
+    for point in (POINT, "/rec/nas", POINT + "/"):
+        told = pavane.run("mount", "remove", point, status=2)
+        assert "recording share 2 stands on" in told and "`pavane share delete 2 --keep-folder`" in told
+    assert line_of(pavane.run("mount", "list"), POINT)[-1:] == ["normal"]
+    pavane.run("share", "delete", "2", "--keep-folder", "--yes")
     assert pavane.run("mount", "remove", POINT) == f"{POINT} is no longer mounted\n"
     assert line_of(pavane.run("mount", "list"), POINT) == []
+
+
+def test_a_mount_is_taken_from_its_recording_share_by_force_only(server_and_node, tmp_path):
+    server, node = server_and_node
+    pavane = CommandLine(node, "admin", tmp_path)
+    mount_rec(pavane, server, tmp_path)
+    pavane.run("share", "create-remote", "//127.0.0.1/data", POINT, "--mounted")
+    node.inside("umount", POINT)
+    assert "recording share 2 stands on" in pavane.run("mount", "remove", POINT, status=2)
+    for user in ("root", "Pavane"):  # the refusal leaves the guard on, whoever writes
+        assert node.inside("setpriv", "--reuid", user, "--clear-groups", "touch", f"{POINT}/unseen", check=False).returncode != 0
+    assert pavane.run("mount", "reconnect", POINT) == f"{POINT} is mounted\n"
+    assert pavane.run("mount", "remove", POINT, "--force") == f"{POINT} is no longer mounted\n"
+    wait_until(lambda: "mount failed" in pavane.run("share", "list", "--abnormal"), "the share is abnormal", 30)
+    home = tmp_path / "viewer"
+    home.mkdir()
+    viewer = CommandLine(node, "viewer", home)
+    assert "may not see whether a recording share stands on" in viewer.run("mount", "remove", POINT, status=2)
+    assert "error 411" in viewer.run("mount", "remove", POINT, "--force", status=1)
 
 
 def test_what_was_mounted_but_not_recorded_is_told(server_and_node, tmp_path):
