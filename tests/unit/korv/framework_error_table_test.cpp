@@ -42,6 +42,21 @@ TEST(ErrorTable, AnApisOwnRowComesBeforeThatOfEveryApi) {
     EXPECT_EQ(FindError("", 1), nullptr);
 }
 
+// The module hands a service's code on as its own: unlocking by a key file, mounting lost folders again.
+TEST(ErrorTable, AServicesCodesThatArePassedOnStandThereToo) {
+    int passedOn = 0;
+    for (const ErrorTableRow& row : kErrorTable) {
+        const std::string api = row.api;
+        if (api == "KORV.Core.Share.Crypto" || api == "KORV.Tarsel.Mount.List") {
+            const ErrorTableRow* const shown = FindError("KORV.Pavane.Share", row.code);
+            ASSERT_NE(shown, nullptr) << api << " " << row.code;
+            EXPECT_STREQ(shown->api, "KORV.Pavane.Share") << row.code;
+            ++passedOn;
+        }
+    }
+    EXPECT_GT(passedOn, 7);
+}
+
 TEST(ErrorTable, TheReferencePageIsPrintedFromIt) {
     std::ostringstream page;
     page << std::ifstream(ERROR_PAGE).rdbuf();
