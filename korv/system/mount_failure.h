@@ -21,6 +21,7 @@ enum class MountFailure : int {
     kNotEmpty = 428,
     kMountPointTaken = 429,
     kNoFolder = 430,
+    kNotOwner = 431,
     kMayNotWrite = 432,
     kAccessDenied = 433,
     kNotInShare = 434,

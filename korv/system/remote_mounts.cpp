@@ -171,7 +171,7 @@ std::optional<MountRow> FindManaged(const std::string& path, const MountCaller& 
         failure = MountFailure::kUnknownMount;
     }
     if (row && !caller.isAdmin && (row->owner.empty() || row->owner != caller.name)) {
-        failure = MountFailure::kMayNotWrite;
+        failure = MountFailure::kNotOwner;
         return std::nullopt;
     }
     if (row) {

@@ -189,7 +189,7 @@ def test_a_source_that_makes_no_sense(node, admin, nfs_mount):
 
 
 def test_a_mount_of_somebody_else_and_one_that_nobody_knows(node, admin, nfs_mount):
-    assert reconnect(node.client("viewer")) == {"code": 432}
+    assert reconnect(node.client("viewer")) == {"code": 431}
     for point, code in (("/rec/other", 411), (f"{SHARE}/../rec/deep/nas", 413)):
         assert admin.call(LIST_API, "reconnect", mount_point=[point])["error"] == {"code": code}
     assert reconnect(admin) is None

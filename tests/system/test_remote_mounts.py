@@ -130,7 +130,7 @@ def test_a_mount_is_offered_until_it_is_a_share(node, server, admin):
     answer = admin.call(MOUNT_API, "unmount", mount_type="remote", is_mount_point=True, mount_point="/video/second")
     assert answer["success"], answer
     assert {share["sharePath"]: share["mountStatus"] for share in admin.list(blIncldRemoteAbnormal=True)}[point] == 1
-    assert node.client("viewer").call(MOUNT_API, "unmount", mount_point="/video/nas")["error"]["code"] == 432
+    assert node.client("viewer").call(MOUNT_API, "unmount", mount_point="/video/nas")["error"]["code"] == 431
 
 
 def test_trailing_slashes_of_a_mount_point_mean_nothing(node, server, admin):

@@ -225,8 +225,8 @@ TEST_F(RemoteMounts, NeverCoverContentAndNeverFollowLinks) {
 TEST_F(RemoteMounts, RefuseWhoMayNotWriteThere) {
     EXPECT_EQ(Refused(Wanted(), kCarol), MountFailure::kMayNotWrite);
     ASSERT_EQ(korv::AddMount(Wanted(), kAlice).failure, MountFailure::kNone);
-    EXPECT_EQ(korv::RemoveMount(Point(), kCarol).failure, MountFailure::kMayNotWrite);
-    EXPECT_EQ(korv::ReconnectMount(Point(), kCarol).failure, MountFailure::kMayNotWrite);
+    EXPECT_EQ(korv::RemoveMount(Point(), kCarol).failure, MountFailure::kNotOwner);
+    EXPECT_EQ(korv::ReconnectMount(Point(), kCarol).failure, MountFailure::kNotOwner);
     EXPECT_EQ(korv::RemoveMount(Point() + "2", kAlice).failure, MountFailure::kUnknownMount);
 }
 
