@@ -20,6 +20,7 @@
 #include "platform/korv/configuration.h"
 
 #include "include/run_as_scope.h"
+#include "korv/system/encrypted_share.h"
 
 namespace korv {
 
@@ -93,6 +94,9 @@ void NoteLook(MountRow& row, bool isAlive) {
         row.lastError = 0;
     }
 }
+
+// A folder that somebody makes where the files of a locked share will show would keep it from being unlocked.
+bool IsLocked(const ShareRow& share) { return EncryptionOf(share) == ShareEncryption::kLocked; }
 
 // The place of a row; none when its share is gone.
 std::optional<MountPlace> PlaceOf(const MountRow& row) {
@@ -231,7 +235,7 @@ MountEnd TryAgain(MountRow& row, long long now_s) {
         SaveMountStatus(row);
         return Failed(MountFailure::kNone);
     }
-    MountEnd end = MountAnew(row, *place, sight);
+    MountEnd end = IsLocked(place->share) ? Failed(MountFailure::kNoFolder) : MountAnew(row, *place, sight);
     NoteAttempt(row, end.failure, now_s);
     return SaveMountRow(row) ? end : Failed(MountFailure::kUnknownMount);
 }
@@ -262,6 +266,9 @@ MountEnd AddMount(const NewMount& wanted, const MountCaller& caller) {
         return Failed(failure);
     }
     const MountPlace& place = places.front();
+    if (IsLocked(place.share)) {
+        return Failed(MountFailure::kNoFolder);
+    }
     const FileDescriptor lock = LockMount(place.Path());
     if (!lock) {
         return Failed(MountFailure::kBusy);

@@ -162,6 +162,32 @@ def test_trailing_slashes_of_a_mount_point_mean_nothing(node, server, admin):
     assert [mount for mount in mounts(admin) if mount["mount_point"] == point] == []
 
 
+def test_nothing_is_mounted_inside_a_locked_share(node, server, admin):
+    """It would lie where the share's files are to show, and keep them from being unlocked."""
+    node.allow("mounting at|Error response|Failed to execute function after relay|the mount at|reconnecting|unmounting")
+    crypto = "KORV.Core.Share.Crypto"
+    point = "/volume1/vault/nas"
+    assert admin.create("vault", blEncryption=True, encPasswd="s3cret")["success"]
+    assert admin.call(crypto, "lock", name="vault")["success"]
+    request = wanted(server, mountPoint=point, mountPath=point, blAutoMount=False)
+    assert admin.call(SHARE_API, "CreateRemoteRecShare", **request)["error"]["code"] == 498
+    assert node.inside("ls", "-A", "/volume1/vault") == ""
+
+    assert admin.call(crypto, "decrypt", name="vault", password="s3cret")["success"]
+    assert admin.call(SHARE_API, "CreateRemoteRecShare", **request)["success"]
+    node.inside("umount", point)  # lost, and then the share is locked
+    assert admin.call(crypto, "lock", name="vault")["success"]
+    assert admin.call(LIST_API, "reconnect", mount_point=[point])["error"]["code"] == 430
+    assert admin.call(crypto, "decrypt", name="vault", password="s3cret")["success"]
+    assert admin.call(LIST_API, "reconnect", mount_point=[point])["success"]
+    assert "seen-in-vault" not in node.inside("ls", point)
+    with open(f"{server.data}/seen-in-vault", "w", encoding="utf-8"):
+        pass
+    wait_until(lambda: "seen-in-vault" in node.inside("ls", point), "the server's files show")
+    assert admin.call(MOUNT_API, "unmount", mount_point=point)["success"]
+    assert admin.call(crypto, "lock", name="vault")["success"]
+
+
 def test_nobody_mounts_without_a_session(node):
     for api, method in ((MOUNT_API, "mount_remote"), (MOUNT_API, "unmount"), (LIST_API, "list"),
                         (LIST_API, "reconnect")):
