@@ -17,6 +17,7 @@
 #include "korv/framework/module_loader.h"
 #include "korv/framework/service_user.h"
 #include "korv/framework/worker.h"
+#include "korv/services/mount_list.h"
 #include "korv/system/database.h"
 #include "korv/system/remote_mounts.h"
 #include "korv/system/settings.h"
@@ -43,6 +44,13 @@ void TellStates() {
     }
 }
 
+// Nobody looks after these, but a share may stand on one.
+void TellForeignStates() {
+    for (const auto& [mountPoint, isAlive] : LookAtForeignMounts()) {
+        AnnounceMountState(mountPoint, isAlive);
+    }
+}
+
 // A round that fails, since the database is locked or a disk is full, must not end the care for good.
 void CareOnce() {
     try {
@@ -50,6 +58,7 @@ void CareOnce() {
         for (const MountChange& change : CareForMounts(std::time(nullptr), TellStates)) {
             LogLine("the mount at " + change.mountPoint + " " + change.text);
         }
+        TellForeignStates();
     } catch (const std::exception& error) {
         LogLine(std::string("the care for mounts failed: ") + error.what());
     }

@@ -33,30 +33,45 @@ Json::Value Element(const MountRow& row) {
     return element;
 }
 
+struct ForeignMount {
+    Mount mount;
+    std::string share;
+};
+
 // Mounts inside shares that this service has not made.
-std::vector<MountRow> ForeignMounts(const std::vector<MountRow>& known) {
-    std::vector<MountRow> foreign;
+std::vector<ForeignMount> ForeignMounts(const std::vector<MountRow>& known) {
+    std::vector<ForeignMount> foreign;
     const std::vector<ShareRow> shares = ListShares();
     for (const Mount& mount : ListMounts()) {
-        const bool isNfs = mount.fsType == "nfs" || mount.fsType == "nfs4";
         const bool isKnown = std::any_of(known.begin(), known.end(), [&mount](const MountRow& row) {
             return row.mountPoint == mount.mountPoint;
         });
         const auto share = std::find_if(shares.begin(), shares.end(), [&mount](const ShareRow& each) {
             return mount.mountPoint.rfind(each.Path() + "/", 0) == 0;
         });
-        if ((isNfs || mount.fsType == "cifs" || mount.fsType == "smb3") && !isKnown &&
-            share != shares.end()) {
-            MountRow row;
-            row.mountPoint = mount.mountPoint;
-            row.share = share->name;
-            row.type = isNfs ? RemoteType::kNfs : RemoteType::kCifs;
-            row.source = mount.source;
-            row.isNormal = true;
-            foreign.push_back(row);
+        if (!isKnown && share != shares.end()) {
+            foreign.push_back({mount, share->name});
         }
     }
     return foreign;
+}
+
+// Those that come from other machines, as far as their type tells.
+std::vector<MountRow> ForeignRemoteMounts(const std::vector<MountRow>& known) {
+    std::vector<MountRow> remote;
+    for (const auto& [mount, share] : ForeignMounts(known)) {
+        const bool isNfs = mount.fsType == "nfs" || mount.fsType == "nfs4";
+        if (isNfs || mount.fsType == "cifs" || mount.fsType == "smb3") {
+            MountRow row;
+            row.mountPoint = mount.mountPoint;
+            row.share = share;
+            row.type = isNfs ? RemoteType::kNfs : RemoteType::kCifs;
+            row.source = mount.source;
+            row.isNormal = true;
+            remote.push_back(row);
+        }
+    }
+    return remote;
 }
 
 void AddState(Json::Value& elements) {
@@ -84,6 +99,19 @@ _tag_FSTYPE TypeAt(const std::string& mountPoint, const MountFacts& facts) {
 
 }  // namespace
 
+std::map<std::string, bool> LookAtForeignMounts() {
+    std::vector<std::string> paths;
+    for (const auto& [mount, share] : ForeignMounts(ListMountRows())) {
+        paths.push_back(mount.mountPoint);
+    }
+    const std::vector<MountFacts> facts = LookAtMounts(paths);
+    std::map<std::string, bool> areAlive;
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        areAlive[paths[i]] = facts[i].sight == MountSight::kAlive;
+    }
+    return areAlive;
+}
+
 Json::Value MountList(const MountCaller& caller, bool withState) {
     const std::vector<MountRow> known = ListMountRows();
     Json::Value elements(Json::arrayValue);
@@ -93,7 +121,7 @@ Json::Value MountList(const MountCaller& caller, bool withState) {
         }
     }
     if (caller.isAdmin) {
-        for (const MountRow& row : ForeignMounts(known)) {
+        for (const MountRow& row : ForeignRemoteMounts(known)) {
             Json::Value element = Element(row);
             element["managed"] = false;
             elements.append(element);

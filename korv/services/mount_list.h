@@ -1,5 +1,8 @@
 #pragma once
 
+#include <map>
+#include <string>
+
 #include <json/json.h>
 
 #include "korv/system/remote_mounts.h"
@@ -12,5 +15,9 @@ namespace korv {
 // others.
 //   withState  true: looks at each now
 Json::Value MountList(const MountCaller& caller, bool withState);
+
+// Whether what others than this service have mounted inside shares, of whatever type, is alive; by mount
+// point. Blocks for five seconds at most.
+std::map<std::string, bool> LookAtForeignMounts();
 
 }  // namespace korv

@@ -188,6 +188,32 @@ def test_nothing_is_mounted_inside_a_locked_share(node, server, admin):
     assert admin.call(crypto, "lock", name="vault")["success"]
 
 
+def test_a_foreign_mount_is_watched_like_any(node, server, admin):
+    """Somebody else has mounted it; the share on it is told alive or not all the same."""
+    node.allow("the mount at|reconnecting")
+    point = "/volume1/video/foreign"
+    node.inside("mkdir", point)
+    account = os.path.join(node.folder, "foreign.account")
+    with open(account, "w", encoding="utf-8", opener=lambda name, flags: os.open(name, flags, 0o600)) as file:
+        file.write(f"username={samba.ACCOUNT}\npassword={samba.PASSWORD}\n")
+    node.inside("mount.cifs", "//127.0.0.1/data", point, "-o", f"port={server.port},credentials={account}")
+    answer = admin.call(SHARE_API, "CreateRemoteRecShare", mountType=2, mountSource="//127.0.0.1/data", mountPoint=point,
+                        blNeedMount=False)
+    assert answer["success"], answer
+
+    def status():
+        return [share["mountStatus"] for share in admin.list(blIncldRemoteAbnormal=True) if share["sharePath"] == point]
+
+    assert status() == [0]
+    server.kill()
+    wait_until(lambda: status() == [1], "the share is abnormal", 60)
+    server.start()
+    wait_until(lambda: status() == [0], "the share is normal again", 60)
+    assert admin.call(LIST_API, "reconnect", mount_point=[point])["error"]["code"] == 411
+    node.inside("umount", point)
+    wait_until(lambda: status() == [1], "the share knows that nothing is mounted", 60)
+
+
 def test_nobody_mounts_without_a_session(node):
     for api, method in ((MOUNT_API, "mount_remote"), (MOUNT_API, "unmount"), (LIST_API, "list"),
                         (LIST_API, "reconnect")):
