@@ -14,9 +14,10 @@ PASSWORD = "s3 ,c#r=et\"'"
 
 
 class Samba:
-    """Serves //127.0.0.1/data; its folder lives as long as the node's."""
+    """Serves //ADDRESS/data; its folder lives as long as the node's."""
 
-    def __init__(self, folder):
+    def __init__(self, folder, address="127.0.0.1"):
+        self.address = address
         self.folder = os.path.join(folder, "samba")
         self.data = os.path.join(self.folder, "data")
         self.port = free_port()
@@ -28,7 +29,7 @@ class Samba:
             ("private dir", "private"), ("lock directory", "lock"), ("state directory", "state"),
             ("cache directory", "cache"), ("pid directory", "pid"), ("ncalrpc dir", "ncalrpc"), ("log file", "log")))
         with open(self.configuration, "w", encoding="utf-8") as file:
-            file.write(f"[global]\nsmb ports = {self.port}\n{folders}interfaces = lo\nbind interfaces only = yes\n"
+            file.write(f"[global]\nsmb ports = {self.port}\n{folders}interfaces = {address}/24\nbind interfaces only = yes\n"
                        f"load printers = no\ndisable spoolss = yes\n"
                        f"[data]\npath = {self.data}\nread only = no\nforce user = root\n")
         subprocess.run(["smbpasswd", "-c", self.configuration, "-s", "-a", ACCOUNT], check=True, text=True,
@@ -45,7 +46,7 @@ class Samba:
 
     def is_listening(self):
         with socket.socket() as probe:
-            return probe.connect_ex(("127.0.0.1", self.port)) == 0
+            return probe.connect_ex((self.address, self.port)) == 0
 
     def pause(self):
         """All of it stops, so that packets are taken and never answered."""

@@ -9,7 +9,8 @@ import time
 
 import pytest
 
-from cluster import Cluster, FakePeer, enter_own_network
+import samba
+from cluster import OUTSIDE, Cluster, FakePeer, enter_own_network
 from node import SHARE_API, wait_until
 
 _FIELDS = ("name, path, volume, description, hidden, enc_type, fs_type, mount_type, mount_source, auto_mount, migrating, "
@@ -247,6 +248,40 @@ def test_a_remote_folder_of_a_recording_server(cluster, from_host):
     assert record(cluster.third, point, 0)[2][7:10] == (2, "//nas/video", 1)
     edit = change(cluster.host.client("admin"), "EditRecShare", rvId=cluster.ids["server3"], shareId=ids[0], shareName="x")
     assert edit["error"]["code"] == 401
+
+
+def test_the_host_has_a_recording_server_mount_a_folder(cluster):
+    """Nothing is pretended: source, account, password, options and the path for the mount service arrive and are used."""
+    server = samba.Samba(cluster.third.folder, OUTSIDE)
+    server.start()
+    try:
+        samba.put_helpers_in_place(cluster.third)
+        create_far(cluster, cluster.third, "real")
+        with open(f"{server.data}/seen", "w", encoding="utf-8") as file:
+            file.write("from the server")
+        wanted = remote("/volume1/real/nas", rvId=cluster.ids["server3"], mountSource=f"//{OUTSIDE}/data", mountPath="/real/nas",
+                        blNeedMount=True, account=samba.ACCOUNT, passwd=samba.PASSWORD, adv_opt=f"port={server.port}")
+        answer = change(cluster.host.client("admin"), "CreateRemoteRecShare", **{**wanted, "passwd": "wrong"})
+        assert answer["error"]["code"] == 492, answer
+        answer = change(cluster.host.client("admin"), "CreateRemoteRecShare", **wanted)
+        assert answer["success"], answer
+        assert answer["data"]["fsType"] == 11 and answer["data"]["totalSize"] > 0
+        ids = expect_alike(cluster, cluster.third, "/volume1/real/nas")
+        assert cluster.third.inside("cat", "/volume1/real/nas/seen") == "from the server"
+        listed = cluster.third.client("admin").call("KORV.Tarsel.Mount.List", "list")["data"]["mounts"]
+        assert [(mount["mount_point"], mount["source"], mount["auto_mount"], mount["status"]) for mount in listed] == [
+            ("/volume1/real/nas", f"//{OUTSIDE}/data", "yes", 0)]
+        for member in cluster.members:
+            assert "c#r=et" in samba.PASSWORD and "c#r=et" not in member.log() + member.log("korvd.log")
+
+        answer = change(cluster.host.client("admin"), "DelRecShare",
+                        delShareList=[element(ids[0], cluster.ids["server3"], "/volume1/real/nas")])
+        assert answer["success"], answer
+        expect_gone(cluster, cluster.third, "/volume1/real/nas")
+        assert os.path.exists(f"{server.data}/seen")
+        assert os.listdir(f"{cluster.third.state}/state/mounts") == [], "the password is forgotten"
+    finally:
+        server.kill()
 
 
 def test_a_bad_remote_folder_is_refused_before_anything_is_sent(cluster):

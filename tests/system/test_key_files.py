@@ -112,6 +112,27 @@ def test_a_key_file_of_ten_megabytes_is_refused_and_nothing_is_lost(node, admin,
     assert pavane("share", "lock", "big")[0] == 0
 
 
+def test_the_key_of_a_share_that_is_gone_opens_nothing(node, admin, pavane, tmp_path):
+    node.allow("Share \\[gone\\] doesn't exists")
+    make_vault(admin, "gone")
+    key = tmp_path / "gone.key"
+    assert pavane("share", "export-key", "gone", "--out", str(key), "--password-stdin", password=PASSWORD)[0] == 0
+    share = next(share for share in admin.list(blIncldEncUnmount=True) if share["shareName"] == "gone")
+    assert pavane("share", "delete", str(share["shareId"]), "--yes")[0] == 0
+
+    def expect_refused():
+        answer = upload(admin, key.read_bytes(), name="gone")
+        assert answer["error"] == {"code": 3326, "errors": {"param1": "", "param2": ""}}
+        told, text = pavane("share", "unlock", "gone", "--key-file", str(key))
+        assert told == 1 and "error 3326" in text, text
+
+    expect_refused()
+    make_vault(admin, "gone")  # of the same name and password, and yet another one
+    expect_refused()
+    assert [share["encType"] for share in admin.list(blIncldEncUnmount=True) if share["shareName"] == "gone"] == [1]
+    assert os.listdir(f"{node.state}/state/uploads") == []
+
+
 def test_a_key_file_can_only_be_uploaded(node, admin):
     answer = admin.call(SHARE_API, "DecryptByFile", name="vault", password_file_tmp="/etc/shadow")
     assert not answer["success"] and answer["error"]["code"] == 101

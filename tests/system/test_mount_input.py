@@ -61,6 +61,18 @@ def test_a_mount_point(admin, point, code):
     assert create(admin, point) == code
 
 
+def test_a_folder_with_content_is_not_covered(node, admin):
+    node.inside("mkdir", f"{SHARE}/full")
+    node.inside("touch", f"{SHARE}/full/recording")
+    assert create(admin, f"{SHARE}/full") == 486
+    answer = admin.call(MOUNT_API, "mount_remote", mount_type="CIFS", server_ip="//127.0.0.1/data", mount_point="/video/full",
+                        adv_opt="port=1")
+    assert code_of(answer) == 428
+    node.inside("rm", f"{SHARE}/full/recording")  # it was left as it was, unguarded
+    assert create(admin, f"{SHARE}/full") == TAKEN
+    node.inside("rmdir", f"{SHARE}/full")
+
+
 @pytest.mark.parametrize("kind, source, code", [
     (2, "", 401), (2, "//127.0.0.1", 491), (2, "//127.0.0.1/", 491), (2, "127.0.0.1:/data", 491), (2, "//-o/data", 491),
     (2, "//127.0.0.1/a b", TAKEN), (2, "//127.0.0.1/it's \"q\" #1", TAKEN), (2, "//127.0.0.1/ü/é", TAKEN),

@@ -162,6 +162,40 @@ def test_trailing_slashes_of_a_mount_point_mean_nothing(node, server, admin):
     assert [mount for mount in mounts(admin) if mount["mount_point"] == point] == []
 
 
+def test_a_plain_folder_that_is_adopted_as_a_mount_is_abnormal(node, admin):
+    """Nothing is mounted there, so nothing may be recorded there."""
+    node.inside("mkdir", "/volume1/video/plain")
+    answer = admin.call(SHARE_API, "CreateRemoteRecShare", mountType=2, mountSource="//127.0.0.1/data",
+                        mountPoint="/volume1/video/plain", blNeedMount=False)
+    assert answer["success"], answer
+    assert (answer["data"]["fsType"], answer["data"]["totalSize"]) == (-1, 0)
+    wait_until(lambda: [share["mountStatus"] for share in admin.list(blIncldRemoteAbnormal=True)
+                        if share["shareName"] == "plain"] == [1], "the share is abnormal", 30)
+    assert [share for share in admin.list() if share["shareName"] == "plain"] == []
+
+
+def test_a_mount_on_btrfs_is_guarded_like_any(node, server, admin):
+    node.allow("the mount at|reconnecting|unmounting")
+    point = "/volume2/cams/nas"
+    assert admin.create("cams", "/volume2")["success"]
+    answer = admin.call(SHARE_API, "CreateRemoteRecShare",
+                        **wanted(server, mountPoint=point, mountPath="/cams/nas", blAutoMount=False))
+    assert answer["success"], answer
+    assert answer["data"]["fsType"] == 11
+    as_recorder = ("setpriv", "--reuid", "Pavane", "--regid", "Pavane", "--init-groups")
+    node.inside(*as_recorder, "touch", f"{point}/on-btrfs")
+    assert os.path.exists(f"{server.data}/on-btrfs")
+
+    node.inside("umount", point)
+    for who in ((), as_recorder):
+        assert node.inside(*who, "touch", f"{point}/unseen", check=False).returncode != 0
+    assert "i" in node.inside("lsattr", "-d", point).split()[0]
+    assert admin.call(LIST_API, "reconnect", mount_point=[point])["success"]
+    assert "on-btrfs" in node.inside("ls", point)
+    assert admin.call(MOUNT_API, "unmount", mount_point=point)["success"]
+    assert node.inside("ls", "-A", "/volume2/cams") == "", "the folder that was made for the mount goes with it"
+
+
 def test_nothing_is_mounted_inside_a_locked_share(node, server, admin):
     """It would lie where the share's files are to show, and keep them from being unlocked."""
     node.allow("mounting at|Error response|Failed to execute function after relay|the mount at|reconnecting|unmounting")
