@@ -26,12 +26,19 @@ void MoveBelow(Database& database, const PathColumn& where, const std::string& f
                        << where.column << ", length(cast(:from as text)) + 1) where " << where.condition
                        << " and " << where.column << (sqlite ? " >= " : " ~>=~ ") << ":first and "
                        << where.column << (sqlite ? " < " : " ~<~ ") << ":end",
-        soci::use(to), soci::use(from), soci::use(first), soci::use(end);
+        soci::use(to, "to"), soci::use(from, "from"), soci::use(first, "first"), soci::use(end, "end");
 }
 
+// No two shares of an owner have one path: where a record has the new one already, the other stays.
+constexpr const char* kIsFree =
+    " and not exists (select 1 from recording_share as taken"
+    " where taken.owner_rv_id = recording_share.owner_rv_id"
+    " and taken.path = :to || substr(recording_share.path, length(cast(:from as text)) + 1))";
+
 void FollowPath(Database& database, const FolderPlace& from, const std::string& to) {
-    MoveBelow(database, {"camera", "recording_path", "owner_rv_id = " + std::to_string(from.ownerRvId)},
-              from.path, to);
+    const std::string isOfOwner = "owner_rv_id = " + std::to_string(from.ownerRvId);
+    MoveBelow(database, {"recording_share", "path", isOfOwner + kIsFree}, from.path, to);
+    MoveBelow(database, {"camera", "recording_path", isOfOwner}, from.path, to);
     if (from.ownerRvId != 0) {
         return;
     }
@@ -39,6 +46,7 @@ void FollowPath(Database& database, const FolderPlace& from, const std::string& 
     Exchange(database,
              "update archive_task set storage_path = :to where server = '' and storage_path = :from",
              from.path, to);
+    MoveBelow(database, {"setting", "value", "name = 'snapshot_share'"}, from.path, to);
     Exchange(database, "update setting set value = :to where name = 'snapshot_share' and value = :from",
              from.path, to);
 }

@@ -6,8 +6,10 @@ import time
 import pytest
 
 import samba
+from life import delete, edit, find, is_there, make
 from node import SHARE_API, Node, wait_until
 
+CAMERA_API = "KORV.Pavane.Camera"
 MOUNT_API = "KORV.Tarsel.Mount"
 LIST_API = "KORV.Tarsel.Mount.List"
 POINT = "/volume1/video/nas"
@@ -246,6 +248,35 @@ def test_a_foreign_mount_is_watched_like_any(node, server, admin):
     assert admin.call(LIST_API, "reconnect", mount_point=[point])["error"]["code"] == 411
     node.inside("umount", point)
     wait_until(lambda: status() == [1], "the share knows that nothing is mounted", 60)
+
+
+def test_a_rename_takes_the_remote_share_in_the_folder_along(node, server, admin):
+    node.allow("Failed to execute function after relay")
+    share = make(admin, "rec")
+    answer = admin.call(SHARE_API, "CreateRemoteRecShare",
+                        **wanted(server, mountPoint="/volume1/rec/nas", mountPath="/volume1/rec/nas"))
+    assert answer["success"], answer
+    remote = find(admin, "nas")
+    camera = {"name": "Door", "recordingPath": "/volume1/rec/nas/door"}
+    assert admin.call(CAMERA_API, "import", cameras=[camera])["success"]
+
+    assert edit(admin, share, shareName="yard")["success"]
+    moved = find(admin, "nas")
+    assert moved == {**remote, "sharePath": "/volume1/yard/nas", "camCnt": 1}
+    assert moved["mountStatus"] == 0
+    assert "/volume1/yard/nas" in [mount["mount_point"] for mount in mounts(admin)]
+    assert node.inside("findmnt", "-n", "-o", "TARGET", "/volume1/yard/nas") == "/volume1/yard/nas\n"
+    answer = delete(admin, moved)
+    assert answer["error"]["code"] == 445 and answer["error"]["errors"]["param1"] == "1", answer
+
+    camera["recordingPath"] = ""
+    assert admin.call(CAMERA_API, "import", cameras=[camera])["success"]
+    before = len(mounts(admin))
+    assert delete(admin, moved)["success"]
+    assert find(admin, "nas") is None and len(mounts(admin)) == before - 1
+    assert node.inside("mountpoint", "-q", "/volume1/yard/nas", check=False).returncode != 0
+    assert delete(admin, find(admin, "yard"))["success"]
+    assert not is_there(node, "/volume1/yard")
 
 
 def test_nobody_mounts_without_a_session(node):

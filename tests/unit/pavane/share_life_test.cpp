@@ -103,6 +103,28 @@ TEST_F(ShareLife, ARenameTakesAlongWhatElseNamesTheFolder) {
     EXPECT_EQ(name, "new");
 }
 
+TEST_F(ShareLife, ARenameTakesTheRemoteSharesInItAlong) {
+    const RecShare share = Saved("räc");
+    const std::list<RecShare> inside{Saved("räc/nas"), Saved("räc/nas/deep"), Saved("räc/taken")};
+    const std::list<RecShare> others{Saved("räc2/nas"), Saved("Räc/nas"), Saved("räc/nas", 2),
+                                     Saved("new/taken"), Saved("new/nas", 2)};
+    ASSERT_EQ(Rename(share, "new"), 0);
+    const auto path = [](const RecShare& before) {
+        RecShare now;
+        EXPECT_EQ(now.Load(before.GetId()), 0);
+        return now.GetPath();
+    };
+    std::list<std::string> paths;
+    for (const RecShare& each : inside) {
+        paths.push_back(path(each));
+    }
+    EXPECT_EQ(paths,
+              (std::list<std::string>{"/volume1/new/nas", "/volume1/new/nas/deep", "/volume1/räc/taken"}));
+    for (const RecShare& each : others) {
+        EXPECT_EQ(path(each), each.GetPath());
+    }
+}
+
 // Who edits a share has the links updated before the record says its new name.
 TEST_F(ShareLife, ARenameTakesTheServiceLinkAlong) {
     const RecShare share = Saved("rec");
