@@ -23,6 +23,7 @@ namespace {
 
 constexpr const char* kApi = "KORV.Pavane.Share";
 constexpr const char* kNasApi = "KORV.Core.Share";
+constexpr int kNotAllowed = 105;
 
 struct MigratingOptions {
     int share = 0;
@@ -54,8 +55,14 @@ struct DeleteOptions {
 
 bool IsOwn(const Json::Value& share) { return share["shareRvId"].asInt() == 0; }
 
+// By the list alone: a share that is being moved becomes the other of the two.
+bool IsToBeEncrypted(const Json::Value& share) {
+    return (share["encType"].asInt() != 0) != share["blMigrating"].asBool();
+}
+
 // As it will be once the job under way is over; without one, as the folder is now: the list may be a few
-// seconds old, and does not follow another server's folder.
+// seconds old, and does not follow another server's folder. Only administrators may look at jobs and folders;
+// others have the list.
 bool IsEncrypted(Client& client, const Json::Value& share, const Json::Value& job) {
     if (IsUnderWay(job)) {
         return Cell(job, "kind") == "encrypt";
@@ -65,7 +72,14 @@ bool IsEncrypted(Client& client, const Json::Value& share, const Json::Value& jo
     }
     Json::Value parameters(Json::objectValue);
     parameters["name"] = share["shareName"];
-    return client.Call(kNasApi, "get", parameters)["encryption"].asInt() != 0;
+    try {
+        return client.Call(kNasApi, "get", parameters)["encryption"].asInt() != 0;
+    } catch (const Refused& refused) {
+        if (refused.code != kNotAllowed) {
+            throw;
+        }
+        return IsToBeEncrypted(share);
+    }
 }
 
 // Throws InputError for what can't be changed while the job goes on.
@@ -134,7 +148,7 @@ void Edit(Context& context, const EditOptions& options) {
 
 // The names of this server's `folders` that are still there. Nothing is known to those who may not ask.
 std::vector<std::string> Remaining(Client& client, const std::vector<std::string>& folders) {
-    constexpr int kNotAllowed = 105, kNoSuchShare = 3303;
+    constexpr int kNoSuchShare = 3303;
     std::vector<std::string> remaining;
     for (const std::string& name : folders) {
         Json::Value parameters(Json::objectValue);
