@@ -38,6 +38,7 @@ void AddLogCommands(CLI::App& app, Context& context);
 void AddMountCommands(CLI::App& app, Context& context);
 void AddServerCommands(CLI::App& app, Context& context);
 void AddServiceCommands(CLI::App& app, Context& context);
+void AddSnapshotCommands(CLI::App& app, Context& context);
 
 // Prints the server's data as they are. Everything beyond ASCII is escaped.
 void PrintJson(const Json::Value& data);

@@ -36,6 +36,7 @@ int Run(int argc, char** argv) {
     cli::AddMountCommands(app, context);
     cli::AddServerCommands(app, context);
     cli::AddServiceCommands(app, context);
+    cli::AddSnapshotCommands(app, context);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

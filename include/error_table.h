@@ -178,8 +178,12 @@ inline constexpr ErrorTableRow kErrorTable[] = {
      "Check that it is still exported there, then reconnect."},
     {"KORV.Pavane.Share", 441, "Mounting or unmounting did not end in time (30 and 10 seconds).",
      "Check the server's load and the network, then try again."},
-    {"KORV.Pavane.Share", 442, "The shared folder could not be made, permitted or adopted.",
-     "Check the name and the volume, and that the folder is not a recording share already."},
+    {"KORV.Pavane.Share", 442,
+     "The shared folder could not be made, permitted, adopted or changed: its name or volume does not allow "
+     "it, it is a recording share already, files of it are open, a job moves its files, or its volume is "
+     "full or read-only.",
+     "Check the name and the volume, close the files, wait for the job or free space; korvd.log and "
+     "pavane.log on the server tell which it was."},
     {"KORV.Pavane.Share", 443, "The folder exists already.", "Choose another name."},
     {"KORV.Pavane.Share", 445, "Cameras record into the shared folder; param1 tells how many.",
      "Have them record into another share first."},
@@ -253,6 +257,9 @@ inline constexpr ErrorTableRow kErrorTable[] = {
     {"KORV.Pavane.Share", 3329, "The shared folder is not encrypted.", "Choose an encrypted one."},
     {"KORV.Pavane.Share", 3330, "The key file belongs to another shared folder.",
      "Use the key file that was exported from this one."},
+
+    {"KORV.Pavane.Snapshot", 400, "The setting of the snapshot share could not be read or changed.",
+     "Look into pavane.log on the server for the reason."},
 
     {"KORV.Tarsel.Mount", 410,
      "The remote source is not of the form //host/folder (CIFS) or host:/folder (NFS).",

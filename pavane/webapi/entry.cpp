@@ -28,6 +28,7 @@ constexpr const char* kCms = pavane::kCmsApi;
 constexpr const char* kEvent = "KORV.Pavane.Event";
 constexpr const char* kLog = "KORV.Pavane.Log";
 constexpr const char* kService = "KORV.Pavane.Service";
+constexpr const char* kSnapshot = "KORV.Pavane.Snapshot";
 constexpr std::intptr_t kVersion = 1;
 
 const KORV::APITableRow kTable[] = {
@@ -61,6 +62,9 @@ const KORV::APITableRow kTable[] = {
     {kService, kVersion, "list_backup", Entry<Access::kUse, pavane::ListBackupFoldersMethod>},
     {kService, kVersion, "list_notices", Entry<Access::kUse, pavane::ListServiceNoticesMethod>},
     {kService, kVersion, "take_notice", Entry<Access::kChange, pavane::TakeServiceNoticeMethod>},
+    {kSnapshot, kVersion, "get", Entry<Access::kUse, pavane::GetSnapshotShareMethod>},
+    {kSnapshot, kVersion, "set", Entry<Access::kChange, pavane::SetSnapshotShareMethod>},
+    {kSnapshot, kVersion, "clear", Entry<Access::kChange, pavane::ClearSnapshotShareMethod>},
     {nullptr, 0, nullptr, nullptr},
 };
 

@@ -43,4 +43,8 @@ Json::Value ListBackupFoldersMethod(const KORV::APIRequest& request);
 Json::Value ListServiceNoticesMethod(const KORV::APIRequest& request);
 Json::Value TakeServiceNoticeMethod(const KORV::APIRequest& request);
 
+Json::Value GetSnapshotShareMethod(const KORV::APIRequest& request);
+Json::Value SetSnapshotShareMethod(const KORV::APIRequest& request);
+Json::Value ClearSnapshotShareMethod(const KORV::APIRequest& request);
+
 }  // namespace pavane

@@ -52,7 +52,9 @@ TEST_F(Api, WhoHasNoPrivilegeIsRefused) {
                    {"KORV.Pavane.Service", "list_backup"},  {"KORV.Pavane.Service", "list_notices"},
                    {"KORV.Pavane.Service", "take_notice"},  {"KORV.Pavane.Archive", "list"},
                    {"KORV.Pavane.Archive", "set"},          {"KORV.Pavane.Archive", "remove"},
-                   {"KORV.Pavane.Camera", "migrate_start"}, {"KORV.Pavane.Camera", "migrate_stop"}};
+                   {"KORV.Pavane.Camera", "migrate_start"}, {"KORV.Pavane.Camera", "migrate_stop"},
+                   {"KORV.Pavane.Snapshot", "get"},         {"KORV.Pavane.Snapshot", "set"},
+                   {"KORV.Pavane.Snapshot", "clear"}};
     for (const auto& each : methods) {
         const Json::Value answer = Call(each.api, each.method, Json::Value(), "nobody");
         EXPECT_FALSE(answer["success"].asBool()) << each.api << each.method;
@@ -254,4 +256,29 @@ TEST_F(Api, NoticesAreListedAndTaken) {
     EXPECT_TRUE(Call("KORV.Pavane.Service", "take_notice", notice)["success"].asBool());
     EXPECT_EQ(Call("KORV.Pavane.Service", "take_notice", notice)["error"]["code"].asInt(), 401);
     EXPECT_EQ(Call("KORV.Pavane.Service", "list_notices", Json::Value())["data"]["total"].asInt(), 0);
+}
+
+TEST_F(Api, TheSnapshotShareIsChosenAmongTheSharesOfThisServer) {
+    const auto call = [](const char* method, const std::string& path) {
+        Json::Value params(Json::objectValue);
+        params["path"] = path;
+        return Call("KORV.Pavane.Snapshot", method, params);
+    };
+    Session()
+        << "insert into recording_share (id_on_rec, owner_rv_id, name, path, volume, description, hidden,"
+           " enc_type, fs_type, mount_type, mount_source, mount_status, auto_mount, migrating,"
+           " rec_limit_gb, enable_rec_limit, total_size_mb) values"
+           " (0, 0, 'rec', '/volume1/rec', 'volume1', '', 0, 0, 1, 0, '', 0, 0, 0, 100, 0, 0),"
+           " (0, 2, 'far', '/volume1/far', 'volume1', '', 0, 0, 1, 0, '', 0, 0, 0, 100, 0, 0)";
+    EXPECT_EQ(call("get", "")["data"]["path"].asString(), "");
+    EXPECT_EQ(call("set", "/volume1/rec")["data"]["path"].asString(), "/volume1/rec");
+    for (const char* bad : {"", "rec", "/volume1/far", "/volume1/nosuch", "/volume1/rec/"}) {
+        const Json::Value answer = call("set", bad);
+        EXPECT_EQ(answer["error"]["code"].asInt(), 401) << bad;
+        EXPECT_EQ(answer["error"]["errors"]["param1"].asString(), "path") << bad;
+    }
+    EXPECT_EQ(call("get", "")["data"]["path"].asString(), "/volume1/rec");
+    EXPECT_EQ(GetSnapshotSharePath(false), "/volume1/rec");
+    EXPECT_EQ(call("clear", "")["data"]["path"].asString(), "");
+    EXPECT_EQ(call("get", "")["data"]["path"].asString(), "");
 }
