@@ -22,6 +22,12 @@ class Terminal:
         self.slave = slave
         self.text = ""
 
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
     def wait_for(self, pattern):
         while not re.search(pattern, self.text):
             assert select.select([self.master], [], [], PATIENCE_S)[0], f"{pattern} in {self.text!r}"
@@ -29,6 +35,13 @@ class Terminal:
 
     def type(self, text):
         os.write(self.master, text.encode())
+
+    def end(self):
+        """Its exit status; all that it said is in `text` then."""
+        status = self.process.wait(PATIENCE_S)
+        while select.select([self.master], [], [], 0)[0]:
+            self.text += os.read(self.master, 4096).decode()
+        return status
 
     def echoes(self):
         return bool(termios.tcgetattr(self.slave)[3] & termios.ECHO)

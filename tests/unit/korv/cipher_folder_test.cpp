@@ -7,11 +7,15 @@
 #include <filesystem>
 #include <fstream>
 
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 #include "korv/system/child_process.h"
+#include "korv/system/exported_key.h"
+#include "korv/system/file_descriptor.h"
 #include "tests/unit/korv/private_machine.h"
 
 namespace {
@@ -23,6 +27,7 @@ using korv::CipherFolder;
 using korv::CipherState;
 
 constexpr std::chrono::milliseconds kPatience(200);
+constexpr const char* kSalt = "salt of the tests";
 
 std::string Read(const fs::path& path) {
     std::ifstream file(path);
@@ -39,6 +44,30 @@ int FindProcess(const std::string& text) {
     }
     return 0;
 }
+
+// A folder in which nothing can be made, renamed or removed while this is there, not even by root.
+class RemovedWriting {
+public:
+    explicit RemovedWriting(const std::string& folder)
+        : m_folder(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), m_isRemoved(Set(true)) {}
+    ~RemovedWriting() { Set(false); }
+    RemovedWriting(const RemovedWriting&) = delete;
+    RemovedWriting& operator=(const RemovedWriting&) = delete;
+    bool IsRemoved() const { return m_isRemoved; }
+
+private:
+    bool Set(bool isRemoved) const {
+        int flags = 0;
+        if (ioctl(m_folder.Get(), FS_IOC_GETFLAGS, &flags) != 0) {
+            return false;
+        }
+        flags = isRemoved ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
+        return ioctl(m_folder.Get(), FS_IOC_SETFLAGS, &flags) == 0;
+    }
+
+    korv::FileDescriptor m_folder;
+    bool m_isRemoved;
+};
 
 class Cipher : public MachineTest {
 protected:
@@ -139,6 +168,28 @@ TEST_F(Cipher, ChangesThePassword) {
     EXPECT_EQ(m_folder.ChangePassword("old one", "new one"), CipherEnd::kDone);
     EXPECT_EQ(m_folder.Mount("old one"), CipherEnd::kWrongPassword);
     EXPECT_EQ(m_folder.Mount("new one"), CipherEnd::kDone);
+}
+
+TEST_F(Cipher, AnExportedKeyOpensItAfterAPasswordChangeWasRefusedHalfWay) {
+    ASSERT_EQ(m_folder.Init("old one"), CipherEnd::kDone);
+    const auto file = korv::SealKey({std::string(32, '0'), "token", "rec", "old one"}, kSalt);
+    ASSERT_TRUE(file);
+    ASSERT_EQ(m_folder.Mount("old one"), CipherEnd::kDone);
+    std::ofstream(m_folder.MountPath() + "/film") << "plain text";
+    ASSERT_EQ(m_folder.Unmount(kPatience, false), CipherEnd::kDone);
+
+    // The configuration can be read, and what is to replace it can't be put beside it.
+    const RemovedWriting writing(m_folder.CipherPath());
+    ASSERT_TRUE(writing.IsRemoved());
+    EXPECT_NE(m_folder.ChangePassword("old one", "new one"), CipherEnd::kDone);
+    EXPECT_EQ(m_folder.Mount("new one"), CipherEnd::kWrongPassword);
+
+    const auto key = korv::OpenKey(*file, kSalt);
+    ASSERT_TRUE(key);
+    const auto parts = korv::ParseKeyText(korv::KeyText(*key));
+    ASSERT_TRUE(parts);
+    ASSERT_EQ(m_folder.Mount(parts->password), CipherEnd::kDone);
+    EXPECT_EQ(Read(m_folder.MountPath() + "/film"), "plain text");
 }
 
 TEST_F(Cipher, WaitsForUsersAndDetachesWhenAsked) {

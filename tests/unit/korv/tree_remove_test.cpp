@@ -1,8 +1,10 @@
 #include "korv/system/tree_remove.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -17,6 +19,10 @@
 #include "korv/system/child_process.h"
 #include "korv/system/file_descriptor.h"
 #include "tests/unit/korv/private_machine.h"
+
+#ifdef __SANITIZE_ADDRESS__
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();  // the checker's own; its header is apart
+#endif
 
 namespace {
 
@@ -59,6 +65,15 @@ void MakeFiles(const std::string& folder, int count) {
             openat(opened.Get(), std::to_string(i).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
         ASSERT_TRUE(file);
     }
+}
+
+// What this process has allocated and not freed; freed memory that a checker keeps back doesn't count.
+std::size_t UsedHeap_bytes() {
+#ifdef __SANITIZE_ADDRESS__
+    return __sanitizer_get_current_allocated_bytes();
+#else
+    return mallinfo2().uordblks;
+#endif
 }
 
 void SetImmutable(const std::string& path, bool isImmutable) {
@@ -203,6 +218,28 @@ TEST_F(TreeRemove, SaysThatAVolumeIsReadOnly) {
     EXPECT_FALSE(result.isGone);
     ASSERT_FALSE(result.problems.empty());
     EXPECT_EQ(result.problems[0].obstacle, RemoveObstacle::kReadOnly);
+}
+
+TEST_F(TreeRemove, NeedsNoMoreMemoryForMoreFiles) {
+    constexpr int kFiles = 100'000, kFolders = 1000;
+    constexpr std::size_t kBound_bytes = std::size_t{512} * 1024;  // the names alone are more
+    const std::string volume = machine::BtrfsVolume();
+    ASSERT_EQ(mount("tmpfs", volume.c_str(), "tmpfs", 0, "nr_inodes=0"), 0);
+    MakeFiles(volume + "/rec/cam", kFiles);
+    for (int i = 0; i < kFolders; ++i) {
+        MakeFiles(volume + "/rec/day" + std::to_string(i), 3);
+    }
+    const std::size_t before = UsedHeap_bytes();
+    std::size_t most = before;
+    const TreeRemoval result = korv::RemoveTree(Open(volume).Get(), "rec", [&most] {
+        most = std::max(most, UsedHeap_bytes());
+        return false;
+    });
+    EXPECT_TRUE(result.isGone);
+    EXPECT_EQ(result.files, static_cast<std::uint64_t>(kFiles + 3 * kFolders));
+    EXPECT_GT(most, before);
+    EXPECT_LT(most - before, kBound_bytes);
+    EXPECT_EQ(umount2(volume.c_str(), 0), 0);
 }
 
 TEST_F(TreeRemove, GoesOnAfterItWasStopped) {

@@ -1,6 +1,7 @@
 #include "pavane/recorder/rotation.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -9,6 +10,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -120,6 +122,25 @@ TEST_F(Rotation, NeverFollowsALinkOutOfTheShare) {
     EXPECT_TRUE(fs::exists(m_root / "other/cam/kept"));
     EXPECT_TRUE(fs::exists(m_root / "other/file"));
     EXPECT_TRUE(fs::is_symlink(m_share / "cam1/file"));
+}
+
+TEST_F(Rotation, LeavesWhatIsMountedInACamerasFolderAlone) {
+    ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    fs::create_directories(m_share / "cam1/nas");
+    ASSERT_EQ(mount("tmpfs", (m_share / "cam1/nas").c_str(), "tmpfs", 0, ""), 0);
+    Record("cam1/nas/kept", 1);
+    Record("cam1/nas/deeper/kept", 2);
+    Record("cam1/a", 3);
+
+    const RotationResult result = Rotate(0);
+
+    EXPECT_EQ(result.end, RotationEnd::kWithinLimit);
+    EXPECT_EQ(result.usage_bytes, 0U);
+    EXPECT_EQ(result.removedFiles, 1U);
+    EXPECT_EQ(Left(), (std::set<std::string>{"cam1", "cam1/nas", "cam1/nas/deeper", "cam1/nas/deeper/kept",
+                                             "cam1/nas/kept"}));
+    EXPECT_EQ(umount2((m_share / "cam1/nas").c_str(), 0), 0);
 }
 
 TEST_F(Rotation, AShareThatIsALinkIsNotRotated) {
