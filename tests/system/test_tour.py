@@ -28,9 +28,10 @@ class Follower:
         return self.greeting + out
 
 
-@pytest.mark.parametrize("document", ["README.md", "docs/guide/first-share.md"])
-def test_every_command_prints_what_the_document_says(document, tmp_path):
-    with Node("--volume-mb", "1024") as node:
+@pytest.mark.parametrize("document, volume_mb", [("README.md", "1024"), ("docs/guide/first-share.md", "1024"),
+                                                 ("docs/guide/share-life.md", "3000")])
+def test_every_command_prints_what_the_document_says(document, volume_mb, tmp_path):
+    with Node("--volume-mb", volume_mb) as node:
         node.unexpected_lines()
         (tmp_path / "var").symlink_to(node.state)
         environment = dict(os.environ, PAVANE_URL=node.url, HOME=str(tmp_path), TZ="UTC", LC_ALL="C.UTF-8", PS1="",
