@@ -254,18 +254,18 @@ def test_a_rename_takes_the_remote_share_in_the_folder_along(node, server, admin
     node.allow("Failed to execute function after relay")
     share = make(admin, "rec")
     answer = admin.call(SHARE_API, "CreateRemoteRecShare",
-                        **wanted(server, mountPoint="/volume1/rec/nas", mountPath="/volume1/rec/nas"))
+                        **wanted(server, mountPoint="/volume1/rec/far", mountPath="/volume1/rec/far"))
     assert answer["success"], answer
-    remote = find(admin, "nas")
-    camera = {"name": "Door", "recordingPath": "/volume1/rec/nas/door"}
+    remote = find(admin, "far")
+    camera = {"name": "Door", "recordingPath": "/volume1/rec/far/door"}
     assert admin.call(CAMERA_API, "import", cameras=[camera])["success"]
 
     assert edit(admin, share, shareName="yard")["success"]
-    moved = find(admin, "nas")
-    assert moved == {**remote, "sharePath": "/volume1/yard/nas", "camCnt": 1}
+    moved = find(admin, "far")
+    assert moved == {**remote, "sharePath": "/volume1/yard/far", "camCnt": 1}
     assert moved["mountStatus"] == 0
-    assert "/volume1/yard/nas" in [mount["mount_point"] for mount in mounts(admin)]
-    assert node.inside("findmnt", "-n", "-o", "TARGET", "/volume1/yard/nas") == "/volume1/yard/nas\n"
+    assert "/volume1/yard/far" in [mount["mount_point"] for mount in mounts(admin)]
+    assert node.inside("findmnt", "-n", "-o", "TARGET", "/volume1/yard/far") == "/volume1/yard/far\n"
     answer = delete(admin, moved)
     assert answer["error"]["code"] == 445 and answer["error"]["errors"]["param1"] == "1", answer
 
@@ -273,8 +273,8 @@ def test_a_rename_takes_the_remote_share_in_the_folder_along(node, server, admin
     assert admin.call(CAMERA_API, "import", cameras=[camera])["success"]
     before = len(mounts(admin))
     assert delete(admin, moved)["success"]
-    assert find(admin, "nas") is None and len(mounts(admin)) == before - 1
-    assert node.inside("mountpoint", "-q", "/volume1/yard/nas", check=False).returncode != 0
+    assert find(admin, "far") is None and len(mounts(admin)) == before - 1
+    assert node.inside("mountpoint", "-q", "/volume1/yard/far", check=False).returncode != 0
     assert delete(admin, find(admin, "yard"))["success"]
     assert not is_there(node, "/volume1/yard")
 
