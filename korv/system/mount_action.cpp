@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <memory>
 #include <new>
+#include <set>
 #include <system_error>
 
 #include <sys/mman.h>
@@ -34,19 +35,17 @@ constexpr std::chrono::seconds kDeadline(30);
 constexpr std::chrono::seconds kUnmountDeadline(10);
 constexpr int kFirstCode = 400;  // an exit status is a failure's code less this
 constexpr mode_t kPrivateFile = S_IRUSR | S_IWUSR;
+constexpr const char* kOutputEnding = ".output";
 
 std::string AccountFile(const std::string& token) {
     return KORV::GetConfiguration().stateDir + "/mounts/" + token + ".account";
 }
 
-// What the helper writes; removed by ClearStaging when the attempt was killed over it.
-std::string HelperOutput(const std::string& token) {
-    return KORV::GetConfiguration().runDir + "/mounts/" + token + ".output";
-}
+std::string AttemptsFolder() { return KORV::GetConfiguration().runDir + "/mounts"; }
+std::string StagingFolder(const std::string& token) { return AttemptsFolder() + "/" + token; }
 
-std::string StagingFolder(const std::string& token) {
-    return KORV::GetConfiguration().runDir + "/mounts/" + token;
-}
+// What the helper writes; removed by ClearAttempt when the attempt was killed over it.
+std::string HelperOutput(const std::string& token) { return StagingFolder(token) + kOutputEnding; }
 
 int ExitOf(MountFailure failure) {
     return failure == MountFailure::kNone ? 0 : static_cast<int>(failure) - kFirstCode;
@@ -205,19 +204,6 @@ MountFailure MountWork(const MountRow& row, const MountPlace& place, const std::
     return failure != MountFailure::kNone ? failure : MountAt(row, opened.folder.Get());
 }
 
-// The mount stays alive through its second view. Nothing waits for a server here.
-void ClearStaging(const std::string& token) {
-    const auto clear = [&token] {
-        const std::string staging = StagingFolder(token);
-        while (umount2(staging.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) == 0) {
-        }
-        rmdir(staging.c_str());
-        unlink(HelperOutput(token).c_str());
-        return 0;
-    };
-    RunAsRootChild(clear, kUnmountDeadline);
-}
-
 MountFailure UnmountWork(const MountPlace& place, bool isForced) {
     if (!IsMounted(place.Path())) {
         return MountFailure::kNone;
@@ -274,13 +260,38 @@ void ForgetAccount(const std::string& token) {
     unlink(AccountFile(token).c_str());
 }
 
+std::set<std::string> ListAttempts() {
+    const RunAsScope root = IF_RUN_AS;
+    std::set<std::string> tokens;
+    std::error_code noneYet;
+    for (const auto& entry : std::filesystem::directory_iterator(AttemptsFolder(), noneYet)) {
+        const std::string name = entry.path().filename();
+        tokens.insert(name.substr(0, name.find(kOutputEnding)));
+    }
+    return tokens;
+}
+
+// A mount that has been put in its place stays alive through its second view. Nothing waits for a server here.
+void ClearAttempt(const std::string& token) {
+    const auto clear = [&token] {
+        const std::string staging = StagingFolder(token);
+        while (umount2(staging.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) == 0) {
+        }
+        rmdir(staging.c_str());
+        unlink(HelperOutput(token).c_str());
+        return 0;
+    };
+    RunAsRootChild(clear, kUnmountDeadline);
+}
+
 MountEnd MountRemote(const MountRow& row, const MountPlace& place, const std::optional<MountCaller>& caller,
                      MountFolderState& state) {
+    ClearAttempt(row.token);
     Shared<MountFolderState> shared(state);
     const auto work = [&] { return ExitOf(MountWork(row, place, caller, *shared)); };
     MountEnd end = EndOf(RunAsRootChild(work, kDeadline));
     state = *shared;
-    ClearStaging(row.token);
+    ClearAttempt(row.token);
     return end;
 }
 

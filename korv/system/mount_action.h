@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,12 @@ void ForgetAccount(const std::string& token);
 //   state   in/out: what has been done to the folder, also after a failure (it is not undone here)
 MountEnd MountRemote(const MountRow& row, const MountPlace& place, const std::optional<MountCaller>& caller,
                      MountFolderState& state);
+
+// Tokens of the mounts that somebody is trying to make, or was when it was killed.
+std::set<std::string> ListAttempts();
+
+// Takes away what such an attempt has mounted out of sight; the folder and what is mounted in its place stay.
+void ClearAttempt(const std::string& token);
 
 // Takes away everything mounted at `place`; nothing there is a success.
 //   isForced  true: also what is in use or doesn't answer; else those are kBusy

@@ -31,9 +31,9 @@ constexpr std::chrono::milliseconds kLockPause(20);
 constexpr long long kFirstPause_s = 5;
 constexpr long long kLongestPause_s = 300;
 
-// Holds one mount point for this process, children included; none when another process has it for too long.
-// Throws when there can be no lock.
-FileDescriptor LockMount(const std::string& mountPoint) {
+// Holds one mount point for this process, children included; none when another process has it for longer than
+// `patience`. Throws when there can be no lock.
+FileDescriptor LockMount(const std::string& mountPoint, std::chrono::seconds patience = kLockPatience) {
     const std::string folder = KORV::GetConfiguration().runDir + "/mount-locks";
     const RunAsScope root = IF_RUN_AS;
     std::filesystem::create_directories(folder);
@@ -42,7 +42,7 @@ FileDescriptor LockMount(const std::string& mountPoint) {
     if (!lock) {
         throw std::system_error(errno, std::generic_category(), "cannot open the lock of a mount");
     }
-    const auto deadline = std::chrono::steady_clock::now() + kLockPatience;
+    const auto deadline = std::chrono::steady_clock::now() + patience;
     while (flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK && errno != EINTR) {
             throw std::system_error(errno, std::generic_category(), "cannot lock a mount");
@@ -116,6 +116,7 @@ void Forget(const MountRow& row) {
 
 // Takes away the mount, the guard, the account and the row, in that order, from where they are by now.
 MountEnd Undo(const MountRow& row, bool isForced) {
+    ClearAttempt(row.token);
     const auto place = PlaceOf(FindMountRowByToken(row.token).value_or(row));
     if (place) {
         MountEnd unmounted = UnmountRemote(*place, isForced);
@@ -213,6 +214,20 @@ std::string TextOf(MountSight sight) {
 bool IsDue(const MountRow& row, long long now_s) { return row.isAutomatic && row.nextTry_s <= now_s; }
 
 bool IsLeftHalfDone(const MountRow& row) { return row.state != MountState::kKept && !IsRunning(row.maker); }
+
+// Takes away what attempts have mounted out of sight and left there, since whoever made them was killed. One
+// to make a mount for the first time that is under way, or is still to be undone, has a row that says so;
+// others hold the mount point.
+void ClearLeftAttempts() {
+    for (const std::string& token : ListAttempts()) {
+        const auto row = FindMountRowByToken(token);
+        const FileDescriptor lock =
+            row ? LockMount(row->mountPoint, std::chrono::seconds(0)) : FileDescriptor();
+        if (!row || (lock && row->state == MountState::kKept)) {
+            ClearAttempt(token);
+        }
+    }
+}
 
 // Looks once more, since a moment may have passed or another process may have been at it, and mounts.
 MountEnd TryAgain(MountRow& row, long long now_s) {
@@ -348,6 +363,7 @@ std::vector<std::string> RecoverMounts() {
             troubles.push_back("the mount at " + row.mountPoint + " could not be taken away: " + end.output);
         }
     }
+    ClearLeftAttempts();
     return troubles;
 }
 

@@ -393,6 +393,69 @@ std::string LockOf(const std::string& mountPoint) {
            std::to_string(std::hash<std::string>{}(mountPoint));
 }
 
+// As a process leaves it that is killed while it makes a mount out of sight.
+std::string LeaveAnAttemptOf(const std::string& token) {
+    std::string folder = KORV::GetConfiguration().runDir + "/mounts/" + token;
+    fs::create_directories(folder);
+    EXPECT_EQ(mount("left", folder.c_str(), "tmpfs", 0, "size=64k"), 0);
+    std::ofstream(folder + "/left") << "text";
+    std::ofstream(folder + ".output") << "what the helper said";
+    return folder;
+}
+
+TEST_F(RemoteMounts, LeaveNothingOutOfSightWhenTheirMakerWasKilled) {
+    korv::MountRow row;
+    row.mountPoint = Point();
+    row.share = "video";
+    row.token = "0123";
+    ASSERT_TRUE(korv::AddMountRow(row));
+    const std::string attempt = LeaveAnAttemptOf(row.token);
+    EXPECT_TRUE(korv::RecoverMounts().empty());
+    EXPECT_TRUE(korv::ListMountRows().empty());
+    EXPECT_TRUE(machine::Entries(fs::path(attempt).parent_path()).empty());
+    EXPECT_FALSE(korv::IsMounted(attempt));
+}
+
+TEST_F(RemoteMounts, LeaveNothingOutOfSightWhenAnAttemptToMountThemAgainWasKilled) {
+    ASSERT_EQ(korv::AddMount(Wanted(), kAdmin).failure, MountFailure::kNone);
+    const std::string attempt = LeaveAnAttemptOf(korv::FindMountRow(Point())->token);
+    EXPECT_TRUE(korv::RecoverMounts().empty());
+    EXPECT_FALSE(korv::IsMounted(attempt));
+    EXPECT_TRUE(machine::Entries(fs::path(attempt).parent_path()).empty());
+    EXPECT_EQ(GetRemoteMountStatus(Point()), 0);
+
+    LeaveAnAttemptOf(korv::FindMountRow(Point())->token);
+    ASSERT_EQ(umount2(Point().c_str(), MNT_DETACH), 0);
+    EXPECT_EQ(korv::ReconnectMount(Point(), kAdmin).failure, MountFailure::kNone);
+    EXPECT_TRUE(fs::exists(Point() + "/seen")) << "what was left must not be taken for the new mount";
+    EXPECT_FALSE(korv::IsMounted(attempt));
+    LeaveAnAttemptOf(korv::FindMountRow(Point())->token);
+    EXPECT_EQ(korv::RemoveMount(Point(), kAdmin).failure, MountFailure::kNone);
+    EXPECT_FALSE(korv::IsMounted(attempt));
+}
+
+TEST_F(RemoteMounts, AreNotDisturbedWhileSomebodyMakesThem) {
+    korv::MountRow row;
+    row.mountPoint = Point();
+    row.share = "video";
+    row.token = "0123";
+    row.maker = korv::ThisProcess();
+    ASSERT_TRUE(korv::AddMountRow(row));
+    const std::string attempt = LeaveAnAttemptOf(row.token);
+    EXPECT_TRUE(korv::RecoverMounts().empty());
+    EXPECT_TRUE(korv::IsMounted(attempt));
+    row.state = korv::MountState::kKept;
+    ASSERT_TRUE(korv::SaveMountRow(row));
+    fs::create_directories(fs::path(LockOf(Point())).parent_path());
+    const korv::FileDescriptor lock(open(LockOf(Point()).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_EQ(flock(lock.Get(), LOCK_EX), 0);
+    EXPECT_TRUE(korv::RecoverMounts().empty());
+    EXPECT_TRUE(korv::IsMounted(attempt));
+    ASSERT_EQ(flock(lock.Get(), LOCK_UN), 0);
+    EXPECT_TRUE(korv::RecoverMounts().empty());
+    EXPECT_FALSE(korv::IsMounted(attempt));
+}
+
 // True when a process other than this one has `path` open.
 bool IsOpenElsewhere(const std::string& path) {
     for (const auto& process : fs::directory_iterator("/proc")) {
