@@ -26,8 +26,6 @@ constexpr const char* kApi = "KORV.Core.Share.Crypto";
 int ErrorOf(korv::CipherEnd end) {
     switch (end) {
         case korv::CipherEnd::kDone:
-        case korv::CipherEnd::kMounted:
-        case korv::CipherEnd::kNotMounted:
             return 0;
         case korv::CipherEnd::kWrongPassword:
         case korv::CipherEnd::kBadPassword:

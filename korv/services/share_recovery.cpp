@@ -6,6 +6,7 @@
 #include "platform/korv/configuration.h"
 
 #include "korv/framework/log.h"
+#include "korv/system/cipher_password.h"
 #include "korv/system/database.h"
 #include "korv/system/samba_export.h"
 #include "korv/system/share_creation.h"
@@ -46,6 +47,7 @@ void RecoverDeadMakers() {
 
 void RecoverShares() {
     RecoverDeadMakers();
+    Log(ClearLeftProofs());
     Export();
     CloseDatabase();
 }

@@ -2,7 +2,8 @@
 
 namespace korv {
 
-// Puts in order what processes that died have left half done with shares, and brings Samba's view up to date.
+// Puts in order what processes that died have left half done with shares, takes away what their proofs of
+// keys have left mounted, and brings Samba's view up to date.
 // To be called as root before any worker serves. Uses the database and closes it, so that the caller may fork
 // afterwards. What can't be done now is logged and tried again by workers before they create or grant. Throws
 // when the database can't be used.

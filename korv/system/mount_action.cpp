@@ -23,6 +23,7 @@
 
 #include "include/run_as_scope.h"
 #include "korv/system/accounts.h"
+#include "korv/system/clear_mount_point.h"
 #include "korv/system/mount_probe.h"
 #include "korv/system/root_child.h"
 #include "korv/system/server_probe.h"
@@ -273,15 +274,9 @@ std::set<std::string> ListAttempts() {
 
 // A mount that has been put in its place stays alive through its second view. Nothing waits for a server here.
 void ClearAttempt(const std::string& token) {
-    const auto clear = [&token] {
-        const std::string staging = StagingFolder(token);
-        while (umount2(staging.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) == 0) {
-        }
-        rmdir(staging.c_str());
-        unlink(HelperOutput(token).c_str());
-        return 0;
-    };
-    RunAsRootChild(clear, kUnmountDeadline);
+    ClearMountPoint(StagingFolder(token));
+    const RunAsScope root = IF_RUN_AS;
+    unlink(HelperOutput(token).c_str());
 }
 
 MountEnd MountRemote(const MountRow& row, const MountPlace& place, const std::optional<MountCaller>& caller,

@@ -1,58 +1,28 @@
 #include "korv/system/remote_mounts.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
-#include <filesystem>
 #include <optional>
 #include <random>
-#include <system_error>
-#include <thread>
 
-#include <sys/file.h>
-
-#include "platform/korv/configuration.h"
-
-#include "include/run_as_scope.h"
 #include "korv/system/encrypted_share.h"
+#include "korv/system/lock_file.h"
 
 namespace korv {
 
 namespace {
 
 constexpr std::chrono::seconds kLockPatience(5);
-constexpr std::chrono::milliseconds kLockPause(20);
 constexpr long long kFirstPause_s = 5;
 constexpr long long kLongestPause_s = 300;
 
 // Holds one mount point for this process, children included; none when another process has it for longer than
 // `patience`. Throws when there can be no lock.
 FileDescriptor LockMount(const std::string& mountPoint, std::chrono::seconds patience = kLockPatience) {
-    const std::string folder = KORV::GetConfiguration().runDir + "/mount-locks";
-    const RunAsScope root = IF_RUN_AS;
-    std::filesystem::create_directories(folder);
-    const std::string file = folder + "/" + std::to_string(std::hash<std::string>{}(mountPoint));
-    FileDescriptor lock(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!lock) {
-        throw std::system_error(errno, std::generic_category(), "cannot open the lock of a mount");
-    }
-    const auto deadline = std::chrono::steady_clock::now() + patience;
-    while (flock(lock.Get(), LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK && errno != EINTR) {
-            throw std::system_error(errno, std::generic_category(), "cannot lock a mount");
-        }
-        if (std::chrono::steady_clock::now() > deadline) {
-            return FileDescriptor();
-        }
-        std::this_thread::sleep_for(kLockPause);
-    }
-    return lock;
+    return TakeLock("mount-locks", std::to_string(std::hash<std::string>{}(mountPoint)), patience);
 }
 
 MountEnd Failed(MountFailure failure) { return {failure, ""}; }

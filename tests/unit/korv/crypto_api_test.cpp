@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -14,7 +15,10 @@
 #include "include/error_table.h"
 #include "korv/framework/api_registry.h"
 #include "korv/framework/module_loader.h"
+#include "korv/services/share_recovery.h"
+#include "korv/system/database.h"
 #include "korv/system/encrypted_share.h"
+#include "korv/system/mount_probe.h"
 #include "korv/system/share_change_store.h"
 #include "korv/system/share_creation.h"
 #include "tests/unit/korv/private_machine.h"
@@ -136,6 +140,43 @@ TEST_F(CryptoApi, ExportsOnlyWhatOpensTheShare) {
     EXPECT_EQ(CodeOf(Call("export", "video", "wrong")), 3328);
     EXPECT_EQ(CodeOf(Call("export", "video", "")), 3328);
     EXPECT_TRUE(fs::is_empty(fs::path(machine::StateFolder()).parent_path() / "key-proofs"));
+}
+
+std::string ProofsFolder() { return fs::path(machine::StateFolder()).parent_path() / "key-proofs"; }
+
+// As a process leaves it that is killed between the two halves of its proof.
+std::string LeaveAProof(const korv::ShareRow& share) {
+    std::string place = ProofsFolder() + "/" + share.token;
+    fs::create_directories(place);
+    const korv::CipherFolder proof(korv::CipherOf(share).CipherPath(), place);
+    EXPECT_EQ(proof.Mount(kPassword, korv::CipherUse::kProve), korv::CipherEnd::kDone);
+    return place;
+}
+
+TEST_F(CryptoApi, ExportsAfterAProofThatWasKilled) {
+    const std::string place = LeaveAProof(*korv::FindShare("video"));
+    EXPECT_EQ(CodeOf(Call("export", "video", "wrong")), 3328);
+    EXPECT_TRUE(fs::is_empty(ProofsFolder()));
+    LeaveAProof(*korv::FindShare("video"));
+    EXPECT_TRUE(Call("export", "video", kPassword)["success"].asBool());
+    EXPECT_TRUE(fs::is_empty(ProofsFolder()));
+}
+
+TEST_F(CryptoApi, AProofThatWasKilledIsTakenAwayByARecovery) {
+    const std::string place = LeaveAProof(*korv::FindShare("video"));
+    korv::RecoverShares();
+    EXPECT_FALSE(korv::IsMounted(place));
+    EXPECT_TRUE(fs::is_empty(ProofsFolder()));
+}
+
+TEST_F(CryptoApi, SeveralExportAShareAtOnce) {
+    korv::CloseDatabase();
+    const std::vector<int> ends = machine::InChildren(3, [](int index) {
+        const Json::Value reply = Call("export", "video", index == 0 ? "wrong" : kPassword);
+        return reply["success"].asBool() ? 0 : reply["error"]["code"].asInt() == 3328 ? 1 : 2;
+    });
+    EXPECT_EQ(ends, (std::vector<int>{1, 0, 0}));
+    EXPECT_TRUE(fs::is_empty(ProofsFolder()));
 }
 
 TEST_F(CryptoApi, RefusesOtherSharesAndOtherPeople) {
