@@ -103,6 +103,8 @@ std::string OptionsFor(const MountRow& row) {
             options += ",gid=" + std::to_string(administrators->gid);
         }
         options += ",file_mode=0660,dir_mode=0770";
+    } else {
+        options += ",retry=0";  // the helper would try for two minutes before it says what is wrong
     }
     return options;
 }

@@ -22,6 +22,7 @@ def helpers(shared_node):
     samba.put_helpers_in_place(shared_node, {
         "/denied": {"says": "access denied by server while mounting 127.0.0.1:/denied"},
         "/stale": {"says": "Stale file handle"},
+        "/away": {"says": "Connection timed out"},
         "/version": {"says": "requested NFS version or transport protocol is not supported for /x"},
         "/option": {"says": "an incorrect mount option was specified"},
         "/driver": {"says": "unknown filesystem type 'nfs'"},
@@ -49,7 +50,7 @@ def nothing_is_left(node, admin):
     return admin.call(LIST_API, "list")["data"]["total"] == 0 and node.inside("ls", "-A", "/volume1/video") == ""
 
 
-@pytest.mark.parametrize("export, code", [("/denied", 433), ("/stale", 440), ("/version", 435), ("/option", 436), ("/driver", 439),
+@pytest.mark.parametrize("export, code", [("/denied", 433), ("/stale", 440), ("/away", 424), ("/version", 435), ("/option", 436), ("/driver", 439),
                                           ("/odd", 412), ("/nosuch", 427)])
 def test_what_the_mount_program_says_becomes_a_code(node, admin, port, export, code):
     node.allow("mounting at")
