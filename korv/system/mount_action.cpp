@@ -274,7 +274,8 @@ std::set<std::string> ListAttempts() {
     return tokens;
 }
 
-// A mount that has been put in its place stays alive through its second view. Nothing waits for a server here.
+// A mount that has been put in its place stays alive through its second view. Nothing waits for a server
+// here.
 void ClearAttempt(const std::string& token) {
     ClearMountPoint(StagingFolder(token));
     const RunAsScope root = IF_RUN_AS;

@@ -47,7 +47,7 @@ FileDescriptor LockLook(const std::string& path) {
     return lock;
 }
 
-MountSight SightOf(int error) { return error == ESTALE ? MountSight::kStale : MountSight::kSilent; }
+MountSight SightOf(int error) { return error == ESTALE ? MountSight::kStale : MountSight::kFailing; }
 
 FileSystemType TypeOf(const std::string& path) {
     const auto along = MountsAlong(path);

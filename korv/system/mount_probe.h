@@ -14,7 +14,8 @@ enum class MountSight {
     kAlive,       // another device than the folder above, answers
     kNotMounted,  // nothing is mounted there
     kStale,       // the server no longer knows what was mounted
-    kSilent,      // no answer in time, or an error
+    kSilent,      // no answer in time
+    kFailing,     // an answer, but an error
 };
 
 struct MountFacts {

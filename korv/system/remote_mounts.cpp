@@ -18,6 +18,9 @@ namespace {
 constexpr std::chrono::seconds kLockPatience(5);
 constexpr long long kFirstPause_s = 5;
 constexpr long long kLongestPause_s = 300;
+// What waits for a server that is silent for a moment goes on when it answers again; a new mount would end
+// it.
+constexpr long long kSilencePatience_s = 60;
 
 // Holds one mount point for this process, children included; none when another process has it for longer than
 // `patience`. Throws when there can be no lock.
@@ -176,12 +179,17 @@ std::string TextOf(MountSight sight) {
             return "is not mounted";
         case MountSight::kStale:
             return "is stale";
+        case MountSight::kFailing:
+            return "answers with an error";
         default:
             return "does not answer";
     }
 }
 
-bool IsDue(const MountRow& row, long long now_s) { return row.isAutomatic && row.nextTry_s <= now_s; }
+bool IsDue(const MountRow& row, MountSight sight, long long now_s) {
+    const bool isPutOff = row.failures > 0 || sight == MountSight::kSilent;
+    return row.isAutomatic && sight != MountSight::kAlive && (!isPutOff || row.nextTry_s <= now_s);
+}
 
 bool IsLeftHalfDone(const MountRow& row) { return row.state != MountState::kKept && !IsRunning(row.maker); }
 
@@ -226,8 +234,11 @@ MountEnd TryAgain(MountRow& row, long long now_s) {
 }
 
 // Writes down what was seen, unless the row is another one by now.
-void NoteSight(MountRow& row, bool isAlive) {
-    NoteLook(row, isAlive);
+void NoteSight(MountRow& row, MountSight sight, long long now_s) {
+    NoteLook(row, sight == MountSight::kAlive);
+    if (sight == MountSight::kSilent && row.nextTry_s == 0) {
+        row.nextTry_s = now_s + kSilencePatience_s;
+    }
     SaveMountStatus(row);
 }
 
@@ -355,7 +366,7 @@ std::vector<MountChange> CareForMounts(long long now_s, const std::function<void
     std::vector<bool> wasNormal;
     for (std::size_t i = 0; i < rows.size(); ++i) {
         wasNormal.push_back(rows[i].isNormal);
-        NoteSight(rows[i], sights[i].sight == MountSight::kAlive);
+        NoteSight(rows[i], sights[i].sight, now_s);
     }
     tell();  // an attempt may take its full deadline, and those of the other mounts come after it
     std::vector<MountChange> changes;
@@ -363,14 +374,16 @@ std::vector<MountChange> CareForMounts(long long now_s, const std::function<void
         MountRow& row = rows[i];
         const MountSight sight = sights[i].sight;
         std::string text = TextOf(sight);
-        if (sight != MountSight::kAlive && IsDue(row, now_s)) {
+        const bool isTried = IsDue(row, sight, now_s);
+        const bool isFirstTry = isTried && row.failures == 0;
+        if (isTried) {
             const MountEnd end = TryAgain(row, now_s);
             text += row.isNormal
                         ? " and was mounted again"
                         : ", code " + std::to_string(static_cast<int>(end.failure)) + ": " + end.output;
             tell();
         }
-        if (row.isNormal != wasNormal[i]) {
+        if (row.isNormal != wasNormal[i] || isFirstTry) {
             changes.push_back({row.mountPoint, row.isNormal, text});
         }
     }

@@ -38,7 +38,7 @@ MountEnd ReconnectMount(const std::string& path, const MountCaller& caller);
 // log.
 std::vector<std::string> RecoverMounts();
 
-// A mount whose state is not what it was.
+// A mount whose state is not what it was, or the first attempt to mount it again.
 struct MountChange {
     std::string mountPoint;
     bool isNormal = false;
@@ -47,6 +47,7 @@ struct MountChange {
 
 // One round of care, to be called every few seconds by one process: looks at all mounts at once, notes their
 // state, and mounts what is automatic and due; attempts get rarer with failures, up to one in five minutes.
+// One whose server is silent, without an error, is left alone for a minute.
 //   now_s  unix time
 //   tell   called when all states are noted, before the first attempt, and after each attempt
 // Returns what has changed.

@@ -153,6 +153,7 @@ def test_a_killed_server_is_abnormal_until_it_is_back_and_reconnected(node, serv
     begin = time.monotonic()
     assert line_of(pavane.run("share", "list"), POINT) == []
     assert time.monotonic() - begin < 5
+    # It waits until the mount is taken away, a minute after the server was heard for the last time.
     assert as_recorder(node, f"touch {POINT}/unseen", check=False).returncode != 0
     wait_until(lambda: line_of(pavane.run("mount", "list"), POINT)[-3:] == ["not", "mounted", "425"], "it is not mounted")
     assert node.inside("touch", f"{POINT}/unseen", check=False).returncode != 0
@@ -172,19 +173,24 @@ def test_a_killed_server_is_abnormal_until_it_is_back_and_reconnected(node, serv
     wait_until(lambda: state(admin) == 0, "the share is normal after a restart", 30)
 
 
-def test_a_paused_server_is_abnormal_and_holds_up_nothing(node, server, admin):
+def test_a_paused_server_is_abnormal_holds_up_nothing_and_loses_nothing(node, server, admin):
     node.allow("the mount at")
     adopt(admin, server)
     server.pause()
-    wait_until(lambda: state(admin) == 1, "the share is abnormal", 30)
-    begin = time.monotonic()
-    for _ in range(5):
-        assert state(admin) == 1
-    assert time.monotonic() - begin < 10
-    assert as_recorder(node, f"touch {POINT}/unseen", check=False).returncode != 0
-    server.resume()
+    with subprocess.Popen(["nsenter", "-t", str(node.korvd), "-m", "--", "sh", "-c", f"printf kept > {POINT}/recording"],
+                          stderr=subprocess.DEVNULL) as writer:
+        wait_until(lambda: state(admin) == 1, "the share is abnormal", 30)
+        begin = time.monotonic()
+        for _ in range(5):
+            assert state(admin) == 1
+        assert time.monotonic() - begin < 10
+        with pytest.raises(subprocess.TimeoutExpired):
+            writer.wait(20)  # until the server answers: its mount is hard
+        server.resume()
+        assert writer.wait(60) == 0
     wait_until(lambda: state(admin) == 0, "the share is normal again", 90)
-    assert os.listdir(server.data) == []
+    with open(os.path.join(server.data, "recording"), encoding="utf-8") as file:
+        assert file.read() == "kept"
 
 
 def test_a_folder_of_a_silent_server_that_somebody_waits_for_is_freed_by_a_reconnection(node, server, admin):

@@ -59,7 +59,7 @@ void CheckOptions(const Options& options) {
     static const std::set<std::string> known{"nosuid",    "nodev", "noexec", "vers",    "proto",   "port",
                                              "mountport", "rsize", "wsize",  "timeo",   "retrans", "actimeo",
                                              "nconnect",  "ro",    "rw",     "soft",    "hard",    "lock",
-                                             "nolock",    "ac",    "noac",   "noatime", "sec", "retry"};
+                                             "nolock",    "ac",    "noac",   "noatime", "sec",     "retry"};
     for (const auto& [name, value] : options) {
         if (!known.contains(name)) {
             throw MountError("an incorrect mount option was specified");

@@ -22,6 +22,7 @@
 #include "korv/system/accounts.h"
 #include "korv/system/child_process.h"
 #include "korv/system/database.h"
+#include "korv/system/mount_table.h"
 #include "korv/system/share_change_store.h"
 #include "korv/system/share_creation.h"
 #include "korv/system/share_rights.h"
@@ -326,6 +327,43 @@ TEST_F(RemoteMounts, ComeBackByThemselvesWhenTheServerDoes) {
     EXPECT_TRUE(korv::CareForMounts(now + korv::RetryPause_s(1) + 6).empty());
     EXPECT_EQ(korv::FindMountRow(Point())->failures, 0);
     EXPECT_EQ(korv::FindMountRow(Point())->nextTry_s, 0);
+}
+
+TEST_F(RemoteMounts, AreLeftToASilentServerForAMinute) {
+    auto wanted = Wanted();
+    wanted.isAutomatic = true;
+    ASSERT_EQ(korv::AddMount(wanted, kAdmin).failure, MountFailure::kNone);
+    ASSERT_EQ(umount2(Point().c_str(), MNT_DETACH), 0);
+    const SilentFileSystem silent(Point(), Silence::kEverything);
+    const auto isSilent = [] { return korv::MountsAlong(Point()).back()->fsType == "fuse.silent"; };
+    const long long now = std::time(nullptr);
+    auto changes = korv::CareForMounts(now);
+    ASSERT_EQ(changes.size(), 1U);
+    EXPECT_FALSE(changes.front().isNormal) << "that is known at once";
+    EXPECT_TRUE(isSilent());
+    EXPECT_TRUE(korv::CareForMounts(now + 59).empty());
+    EXPECT_TRUE(isSilent()) << "whoever waits may still be answered";
+    changes = korv::CareForMounts(now + 60);
+    ASSERT_EQ(changes.size(), 1U);
+    EXPECT_TRUE(changes.front().isNormal);
+    EXPECT_FALSE(isSilent());
+    EXPECT_TRUE(fs::exists(Point() + "/seen"));
+}
+
+TEST_F(RemoteMounts, AreMadeAgainAtOnceWhenTheyGoAfterASilence) {
+    auto wanted = Wanted();
+    wanted.isAutomatic = true;
+    ASSERT_EQ(korv::AddMount(wanted, kAdmin).failure, MountFailure::kNone);
+    ASSERT_EQ(umount2(Point().c_str(), MNT_DETACH), 0);
+    const long long now = std::time(nullptr);
+    {
+        const SilentFileSystem silent(Point(), Silence::kEverything);
+        EXPECT_EQ(korv::CareForMounts(now).size(), 1U);
+    }
+    const auto changes = korv::CareForMounts(now + 1);
+    ASSERT_EQ(changes.size(), 1U);
+    EXPECT_TRUE(changes.front().isNormal);
+    EXPECT_EQ(GetRemoteMountStatus(Point()), 0);
 }
 
 TEST_F(RemoteMounts, AreAllToldAboutBeforeTheFirstIsMountedAgain) {
