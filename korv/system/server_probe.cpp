@@ -1,14 +1,13 @@
 #include "korv/system/server_probe.h"
 
-#include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <vector>
 
 #include <sys/socket.h>
 
@@ -21,29 +20,63 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds kPatience(10);
 
-// 0, or the error of the connection.
-int Connect(const addrinfo& address, Clock::time_point deadline) {
-    const FileDescriptor connection(
-        socket(address.ai_family, address.ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, address.ai_protocol));
-    if (!connection) {
-        return errno;
+bool IsRefusal(int error) { return error == ECONNREFUSED || error == ECONNRESET; }
+
+// Connections to all addresses of a server, made at once: the first that stands decides, and one that gets no
+// answer holds up no other.
+class Attempts {
+public:
+    void Start(const addrinfo& address) {
+        FileDescriptor connection(socket(
+            address.ai_family, address.ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, address.ai_protocol));
+        const bool isStarted =
+            connection &&
+            (connect(connection.Get(), address.ai_addr, address.ai_addrlen) == 0 || errno == EINPROGRESS);
+        if (!isStarted) {
+            m_isRefused = m_isRefused || IsRefusal(errno);
+            return;
+        }
+        m_waiting.push_back({connection.Get(), POLLOUT, 0});
+        m_connections.push_back(std::move(connection));
     }
-    if (connect(connection.Get(), address.ai_addr, address.ai_addrlen) == 0) {
-        return 0;
+
+    MountFailure Wait(Clock::time_point deadline) {
+        while (!m_waiting.empty()) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+            const int ready =
+                poll(m_waiting.data(), m_waiting.size(), static_cast<int>(std::max<long>(left.count(), 0)));
+            if (ready == 0 || (ready < 0 && errno != EINTR)) {
+                break;
+            }
+            if (ready > 0 && TakeAnswers()) {
+                return MountFailure::kNone;
+            }
+        }
+        return m_isRefused ? MountFailure::kRefused : MountFailure::kNoAnswer;
     }
-    if (errno != EINPROGRESS) {
-        return errno;
+
+private:
+    // True when a connection stands; those that failed are no longer waited for.
+    bool TakeAnswers() {
+        bool isConnected = false;
+        std::erase_if(m_waiting, [&](const pollfd& each) {
+            if (each.revents == 0) {
+                return false;
+            }
+            int error = 0;
+            socklen_t size = sizeof error;
+            getsockopt(each.fd, SOL_SOCKET, SO_ERROR, &error, &size);
+            isConnected = isConnected || error == 0;
+            m_isRefused = m_isRefused || IsRefusal(error);
+            return true;
+        });
+        return isConnected;
     }
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    pollfd waiting{connection.Get(), POLLOUT, 0};
-    if (poll(&waiting, 1, static_cast<int>(std::max<long>(left.count(), 0))) <= 0) {
-        return ETIMEDOUT;
-    }
-    int error = 0;
-    socklen_t size = sizeof error;
-    getsockopt(connection.Get(), SOL_SOCKET, SO_ERROR, &error, &size);
-    return error;
-}
+
+    std::vector<FileDescriptor> m_connections;
+    std::vector<pollfd> m_waiting;
+    bool m_isRefused = false;
+};
 
 }  // namespace
 
@@ -56,16 +89,11 @@ MountFailure ProbeServer(const std::string& host, int port) {
         return MountFailure::kUnknownHost;
     }
     const std::unique_ptr<addrinfo, void (*)(addrinfo*)> addresses(found, freeaddrinfo);
-    const Clock::time_point deadline = Clock::now() + kPatience;
-    bool isRefused = false;
+    Attempts attempts;
     for (const addrinfo* address = found; address != nullptr; address = address->ai_next) {
-        const int error = Connect(*address, deadline);
-        if (error == 0) {
-            return MountFailure::kNone;
-        }
-        isRefused = isRefused || error == ECONNREFUSED || error == ECONNRESET;
+        attempts.Start(*address);
     }
-    return isRefused ? MountFailure::kRefused : MountFailure::kNoAnswer;
+    return attempts.Wait(Clock::now() + kPatience);
 }
 
 }  // namespace korv

@@ -5,6 +5,7 @@ add_executable(korv_mount_test
     private_machine.cpp
     remote_mounts_test.cpp
     samba_server.cpp
+    server_probe_test.cpp
     share_key_test.cpp
     silent_file_system.cpp
 )
