@@ -35,7 +35,7 @@ bool IsHost(const std::string& host, const char* others) {
 }
 
 bool IsName(const std::string& host) { return IsHost(host, ".-_"); }
-bool IsAddress6(const std::string& host) { return IsHost(host, ":.%") || host.front() == ':'; }
+bool IsAddress6(const std::string& host) { return IsHost(host, ":.%"); }
 
 bool HasParent(const std::string& path) {
     std::istringstream parts(path);

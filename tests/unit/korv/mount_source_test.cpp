@@ -22,6 +22,7 @@ TEST(MountSource, ReadsHostAndFolder) {
     EXPECT_EQ(ParseMountSource(RemoteType::kNfs, "nas:/export/rec/")->text, "nas:/export/rec");
     EXPECT_EQ(ParseMountSource(RemoteType::kNfs, "nas:/")->text, "nas:/");
     EXPECT_EQ(ParseMountSource(RemoteType::kNfs, "[2001:db8::7]:/x")->host, "2001:db8::7");
+    EXPECT_EQ(ParseMountSource(RemoteType::kNfs, "[::1]:/x")->host, "::1");
     EXPECT_EQ(ParseMountSource(RemoteType::kNfs, "nas:/a:/b")->host, "nas");
 }
 
@@ -34,8 +35,9 @@ TEST(MountSource, RefusesWhatIsNone) {
           std::string("nas:/export"), std::string("UUID=1/x")}) {
         EXPECT_FALSE(ParseMountSource(RemoteType::kCifs, text)) << testing::PrintToString(text);
     }
-    for (const char* text : {"nas", "nas:export", ":/x", "host:/x,uid=0", "-o:/x", "UUID=1:/x", "nas:/a/../b",
-                             "[nas:/x", "//nas/video", "2001:db8::7:/x"}) {
+    for (const char* text :
+         {"nas", "nas:export", ":/x", "host:/x,uid=0", "-o:/x", "UUID=1:/x", "nas:/a/../b", "[nas:/x",
+          "//nas/video", "2001:db8::7:/x", "[]:/x", "[:a b]:/x", "[::1 -o]:/x"}) {
         EXPECT_FALSE(ParseMountSource(RemoteType::kNfs, text)) << text;
     }
 }
