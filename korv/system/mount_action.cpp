@@ -263,6 +263,17 @@ void ForgetAccount(const std::string& token) {
     unlink(AccountFile(token).c_str());
 }
 
+MountEnd ReadFolderMode(const MountPlace& place, mode_t& mode) {
+    Shared<mode_t> shared(mode);
+    const auto read = [&] {
+        *shared = FolderMode(place);
+        return 0;
+    };
+    MountEnd end = EndOf(RunAsRootChild(read, kUnmountDeadline));
+    mode = *shared;
+    return end;
+}
+
 std::set<std::string> ListAttempts() {
     const RunAsScope root = IF_RUN_AS;
     std::set<std::string> tokens;

@@ -23,6 +23,9 @@ struct MountEnd {
 void KeepAccount(const std::string& token, const MountAccount& account);
 void ForgetAccount(const std::string& token);
 
+// Reads the mode that the folder has now, or will be made with.
+MountEnd ReadFolderMode(const MountPlace& place, mode_t& mode);
+
 // Mounts what `row` describes at `place`. The mount is made where only root can go and then put in its place,
 // so that nobody can lead it elsewhere, with nosuid, nodev and noexec whatever the helper made of them.
 //   caller  set for the first mount: the folder is checked and made ready; none for a later one

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <memory>
 #include <string_view>
 #include <system_error>
@@ -153,17 +154,21 @@ void Guard(int folder, MountFolderState& state) {
     }
 }
 
-// A process that died before it could write down how it guarded the folder leaves that to be seen.
 void Unguard(int folder, const MountFolderState& state) {
     const bool isFree = SetImmutable(folder, false) || errno == ENOTTY || errno == EOPNOTSUPP;
     struct stat facts {};
     if (!isFree || fstat(folder, &facts) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot free a mount point");
     }
-    if (state.guard != MountGuard::kNone && (facts.st_mode & kModeBits) == 0 &&
-        fchmod(folder, state.guardMode != 0 ? state.guardMode : kNewFolderMode) != 0) {
+    if (state.guard == MountGuard::kNoRights && (facts.st_mode & kModeBits) == 0 &&
+        fchmod(folder, state.guardMode) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot give a mount point its mode back");
     }
+}
+
+bool IsOfThisUser(int folder) {
+    struct stat facts {};
+    return fstat(folder, &facts) == 0 && facts.st_uid == geteuid();
 }
 
 // Opens the mount point, or makes it where only its last part is missing. What is made belongs to the caller,
@@ -188,9 +193,18 @@ OpenedPlace OpenOrMake(int share, const MountPlace& place, const MountCaller& ca
         opened.failure = MountFailure::kMayNotWrite;
         return opened;
     }
-    state.isMade = mkdirat(above.Get(), LastPart(place.below).c_str(), kNewFolderMode) == 0;
-    opened.folder = FileDescriptor(TryOpen(share, place.below));
+    const std::string name = LastPart(place.below);
+    state.isMade = mkdirat(above.Get(), name.c_str(), kNewFolderMode) == 0;
+    if (!state.isMade && errno != EEXIST) {
+        dprintf(STDERR_FILENO, "the mount point could not be made: %s\n",
+                std::generic_category().message(errno).c_str());
+        opened.failure = MountFailure::kFailed;
+        return opened;
+    }
+    opened.folder = FileDescriptor(TryOpen(above.Get(), name));
     opened.failure = opened.folder ? MountFailure::kNone : FailureOfOpen(errno);
+    // Whoever may write into the folder above may have put a folder of theirs in its place meanwhile.
+    state.isMade = state.isMade && (!opened.folder || IsOfThisUser(opened.folder.Get()));
     const auto account = FindUser(caller.name);
     if (state.isMade && opened.folder && account &&
         fchown(opened.folder.Get(), account->uid, account->primaryGid) != 0) {
@@ -235,6 +249,13 @@ std::vector<MountPlace> FindMountPlaces(const std::string& path, MountFailure& f
         failure = MountFailure::kNone;
     }
     return places;
+}
+
+mode_t FolderMode(const MountPlace& place) {
+    const FileDescriptor share = OpenShare(place);
+    const FileDescriptor folder(TryOpen(share.Get(), place.below));
+    struct stat facts {};
+    return folder && fstat(folder.Get(), &facts) == 0 ? facts.st_mode & kModeBits : kNewFolderMode;
 }
 
 OpenedPlace PrepareMountFolder(const MountPlace& place, const MountCaller& caller, MountFolderState& state) {

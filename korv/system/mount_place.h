@@ -49,16 +49,21 @@ struct OpenedPlace {
     MountFailure failure = MountFailure::kNone;
 };
 
+// The folder's mode, or the one that it will be made with.
+mode_t FolderMode(const MountPlace& place);
+
 // Makes the folder ready for a first mount: it lies on the share's own file system, the caller may write into
 // the share and into the folder (or the one above, when it has to be made), it is empty and from now on
 // guarded.
 //   state  in/out, follows every change at once: whoever kills the work can see how far it came
 OpenedPlace PrepareMountFolder(const MountPlace& place, const MountCaller& caller, MountFolderState& state);
 
-// Opens the folder for a later mount and guards it anew if need be; what lies in it is covered then.
+// Opens the folder for a later mount and guards it anew if need be. kNotEmpty when something lies in it after
+// all, which a mount would cover.
 OpenedPlace ReopenMountFolder(const MountPlace& place, MountFolderState& state);
 
-// Takes the guard away, and the folder too when it was made for the mount and is empty.
+// Takes the guard away, whether or not it is there: kNoRights stands for either kind, and gives the folder
+// its mode back. Takes the folder away too when it was made for the mount and is empty.
 void ReleaseMountFolder(const MountPlace& place, const MountFolderState& state);
 
 // Opens the folder above the mount point, so that a mount can be taken away without looking into it.

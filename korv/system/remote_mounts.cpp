@@ -282,6 +282,10 @@ MountEnd AddMount(const NewMount& wanted, const MountCaller& caller) {
     row.owner = wanted.isOwned ? caller.name : "";
     row.isAutomatic = wanted.isAutomatic;
     row.maker = ThisProcess();
+    // Whoever undoes this, should it be cut short, has to know what the guard takes from the folder.
+    if (MountEnd end = ReadFolderMode(place, row.guardMode); end.failure != MountFailure::kNone) {
+        return end;
+    }
     if (!AddMountRow(row)) {
         return Failed(MountFailure::kMountPointTaken);
     }
@@ -337,7 +341,7 @@ std::vector<std::string> RecoverMounts() {
         // A maker that died before it could write it down may have guarded the folder.
         MountRow guarded = *current;
         if (guarded.guard == MountGuard::kNone) {
-            guarded.guard = MountGuard::kImmutable;
+            guarded.guard = MountGuard::kNoRights;
         }
         const MountEnd end = Undo(guarded, true);
         if (end.failure != MountFailure::kNone) {

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -286,6 +287,40 @@ TEST_F(RemoteMounts, GuardByRightsWhereFoldersCannotBeImmutable) {
     EXPECT_EQ(stat(place.Path().c_str(), &facts), 0);
     EXPECT_EQ(facts.st_mode & 07777, 0751U);
     umount2((machine::Volume() + "/video").c_str(), MNT_DETACH);
+}
+
+TEST_F(RemoteMounts, TellAFolderThatCannotBeMadeFromAMissingOne) {
+    fs::create_directory(machine::Volume() + "/video/closed");
+    korv::RunProgram("/usr/bin/chattr", {"+i", machine::Volume() + "/video/closed"}, std::chrono::seconds(5));
+    auto wanted = Wanted();
+    wanted.mountPoint = "/video/closed/nas";
+    EXPECT_EQ(Refused(wanted), MountFailure::kFailed);
+}
+
+TEST_F(RemoteMounts, GiveTheFolderItsModeBackWhenTheirMakerWasKilled) {
+    const std::string share = machine::Volume() + "/video";
+    ASSERT_EQ(mount("ramfs", share.c_str(), "ramfs", 0, "mode=0777"), 0);  // knows no immutable folders
+    fs::create_directory(Point());
+    chmod(Point().c_str(), 0700);
+    const auto modeOf = [](const std::string& path) {
+        struct stat facts {};
+        return stat(path.c_str(), &facts) == 0 ? facts.st_mode & 07777 : 07777;
+    };
+    korv::CloseDatabase();
+    s_server->Pause();
+    const pid_t maker = fork();
+    if (maker == 0) {
+        korv::AddMount(Wanted(), kAdmin);
+        _exit(0);
+    }
+    EXPECT_TRUE(WaitFor([&] { return modeOf(Point()) == 0; }));
+    kill(maker, SIGKILL);
+    waitpid(maker, nullptr, 0);
+    s_server->Resume();
+    EXPECT_TRUE(korv::RecoverMounts().empty());
+    EXPECT_TRUE(korv::ListMountRows().empty());
+    EXPECT_EQ(modeOf(Point()), 0700U);
+    umount2(share.c_str(), MNT_DETACH);
 }
 
 TEST_F(RemoteMounts, AreSilentInTimeWhenTheServerIsPaused) {
