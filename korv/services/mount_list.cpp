@@ -179,7 +179,14 @@ int GetMntPointFSInfo(const std::string& mountPoint, _tag_FSTYPE& fsType, std::u
     }
 }
 
-bool IsMountPoint(const std::string& path) { return korv::IsMounted(path); }
+bool IsMountPoint(const std::string& path) {
+    try {
+        return korv::IsMounted(path);
+    } catch (const std::exception& error) {
+        korv::LogLine(error.what());
+        return true;
+    }
+}
 
 int GetRemoteMountStatus(const std::string& path) {
     try {

@@ -138,6 +138,9 @@ private:
 }  // namespace
 
 bool IsMounted(const std::string& path) {
+    if (ListMounts().empty()) {
+        throw std::runtime_error("cannot read the table of mounts");
+    }
     const std::string point = WithoutTrailingSlashes(path);
     const auto along = MountsAlong(point);
     return !along.empty() && along.back()->mountPoint == point;

@@ -26,7 +26,8 @@ struct MountFacts {
 
 // Trailing slashes of a path don't count here.
 
-// True when something is mounted at exactly `path`; asks only the kernel's list.
+// True when something is mounted at exactly `path`; asks only the kernel's list, and throws
+// std::runtime_error when that can't be read.
 bool IsMounted(const std::string& path);
 
 // What is mounted at `path` now. Blocks for five seconds at most. Throws when this machine, not the server,

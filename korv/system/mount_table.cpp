@@ -92,7 +92,8 @@ std::vector<Mount> Parse(const std::string& text) {
     return mounts;
 }
 
-std::string ReadAll(int file) {
+// Nothing when it can't be read to its end.
+std::optional<std::string> ReadAll(int file) {
     constexpr std::size_t kBlock = 16384;
     std::array<char, kBlock> block{};
     std::string text;
@@ -101,13 +102,13 @@ std::string ReadAll(int file) {
         length = read(file, block.data(), block.size());
         if (length > 0) {
             text.append(block.data(), static_cast<std::size_t>(length));
-        } else if (length == 0 || errno != EINTR) {
-            break;
-        } else {
+        } else if (length == 0) {
+            return text;
+        } else if (errno == EINTR) {
             length = 0;
         }
     }
-    return text;
+    return std::nullopt;
 }
 
 bool HasChanged(int file) {
@@ -133,7 +134,11 @@ const std::vector<Mount>& ListMounts() {
         list.opener = getpid();
     }
     if (!isOurs || HasChanged(list.file.Get())) {
-        list.mounts = Parse(ReadAll(list.file.Get()));
+        const auto text = ReadAll(list.file.Get());
+        list.mounts = Parse(text.value_or(""));
+        if (!text) {
+            list.file = FileDescriptor();  // so that the next call doesn't take this for what there is
+        }
     }
     return list.mounts;
 }
@@ -164,7 +169,7 @@ std::vector<Mount> ReadMounts() {
 std::vector<Mount> ReadMountsOf(pid_t pid) {
     const FileDescriptor file(
         open(("/proc/" + std::to_string(pid) + "/mountinfo").c_str(), O_RDONLY | O_CLOEXEC));
-    return file ? Parse(ReadAll(file.Get())) : std::vector<Mount>();
+    return Parse(file ? ReadAll(file.Get()).value_or("") : "");
 }
 
 std::vector<std::string> MountsAtOrBeneath(const std::vector<Mount>& mounts, const std::string& path) {

@@ -24,7 +24,8 @@ int GetLocalMountedFolderByWebApi(Json::Value& mounts, bool withState);
 // a folder on which nothing is mounted.
 int GetMntPointFSInfo(const std::string& mountPoint, _tag_FSTYPE& fsType, std::uint64_t& sizeMB);
 
-// True when something is mounted at exactly `path`, by the kernel's list: no file system is asked.
+// True when something is mounted at exactly `path`, by the kernel's list: no file system is asked. True also
+// when that can't be read, since nothing says then that a mount has gone.
 bool IsMountPoint(const std::string& path);
 
 // The state of the remote mount at `path` as the system sees it now: 0 = mounted and alive, which means

@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -321,6 +322,21 @@ TEST_F(RemoteMounts, GiveTheFolderItsModeBackWhenTheirMakerWasKilled) {
     EXPECT_TRUE(korv::ListMountRows().empty());
     EXPECT_EQ(modeOf(Point()), 0700U);
     umount2(share.c_str(), MNT_DETACH);
+}
+
+TEST_F(RemoteMounts, AreNotTakenForGoneWhenTheListOfMountsCannotBeRead) {
+    korv::CloseDatabase();
+    EXPECT_EQ(machine::InChild([] {
+                  const rlimit noneMore{3, 3};
+                  setrlimit(RLIMIT_NOFILE, &noneMore);
+                  try {
+                      korv::IsMounted(machine::Volume());
+                  } catch (const std::runtime_error&) {
+                      return IsMountPoint(machine::Volume()) ? 0 : 1;
+                  }
+                  return 2;
+              }),
+              0);
 }
 
 TEST_F(RemoteMounts, AreSilentInTimeWhenTheServerIsPaused) {
