@@ -194,6 +194,10 @@ MountFailure MountWork(const MountRow& row, const MountPlace& place, const std::
     if (!HasHelper(row.type)) {
         return MountFailure::kNoDriver;
     }
+    if (row.hasAccount && access(AccountFile(row.token).c_str(), F_OK) != 0) {
+        dprintf(STDERR_FILENO, "the file with its account is lost\n");
+        return MountFailure::kWrongAccount;
+    }
     const OpenedPlace opened =
         caller ? PrepareMountFolder(place, *caller, state) : ReopenMountFolder(place, state);
     if (opened.failure != MountFailure::kNone) {

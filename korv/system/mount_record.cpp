@@ -16,7 +16,7 @@ constexpr const char* kRemoving = "removing";
 struct Cells {
     std::string mountPoint, share, token, type, source, options, owner, state, makerBootId;
     int isAutomatic = 0, makerPid = 0, isFolderMade = 0, guard = 0, guardMode = 0, status = 0, lastError = 0,
-        failures = 0;
+        failures = 0, hasAccount = 0;
     long long makerStart = 0, nextTry_s = 0;
 };
 
@@ -57,6 +57,7 @@ MountRow ToRow(const Cells& cells) {
     row.lastError = cells.lastError;
     row.failures = cells.failures;
     row.nextTry_s = cells.nextTry_s;
+    row.hasAccount = cells.hasAccount != 0;
     return row;
 }
 
@@ -81,6 +82,7 @@ Cells ToCells(const MountRow& row) {
     cells.lastError = row.lastError;
     cells.failures = row.failures;
     cells.nextTry_s = row.nextTry_s;
+    cells.hasAccount = row.hasAccount ? 1 : 0;
     return cells;
 }
 
@@ -109,6 +111,7 @@ void BindFacts(soci::statement& statement, const Cells& cells) {
     statement.exchange(soci::use(cells.lastError, "last_error"));
     statement.exchange(soci::use(cells.failures, "failures"));
     statement.exchange(soci::use(cells.nextTry_s, "next_try_s"));
+    statement.exchange(soci::use(cells.hasAccount, "has_account"));
 }
 
 // True when a row was changed.
@@ -129,17 +132,18 @@ bool Run(const MountRow& row, bool withPlace, const char* text) {
 std::vector<MountRow> Select(const std::string& condition, const std::string& value) {
     Cells cells;
     soci::statement statement =
-        (Database().prepare << "select mount_point, share, token, type, source, options, owner, auto_mount,"
-                               " state, maker_pid, maker_start, maker_boot_id, is_folder_made, guard,"
-                               " guard_mode, status, last_error, failures, next_try_s from mount "
-                            << condition,
+        (Database().prepare
+             << "select mount_point, share, token, type, source, options, owner, auto_mount,"
+                " state, maker_pid, maker_start, maker_boot_id, is_folder_made, guard,"
+                " guard_mode, status, last_error, failures, next_try_s, has_account from mount "
+             << condition,
          soci::into(cells.mountPoint), soci::into(cells.share), soci::into(cells.token),
          soci::into(cells.type), soci::into(cells.source), soci::into(cells.options), soci::into(cells.owner),
          soci::into(cells.isAutomatic), soci::into(cells.state), soci::into(cells.makerPid),
          soci::into(cells.makerStart), soci::into(cells.makerBootId), soci::into(cells.isFolderMade),
          soci::into(cells.guard), soci::into(cells.guardMode), soci::into(cells.status),
          soci::into(cells.lastError), soci::into(cells.failures), soci::into(cells.nextTry_s),
-         soci::use(value, "value"));
+         soci::into(cells.hasAccount), soci::use(value, "value"));
     statement.execute();
     std::vector<MountRow> rows;
     while (statement.fetch()) {
@@ -166,10 +170,11 @@ bool AddMountRow(const MountRow& row) {
     return Run(row, true,
                "insert or ignore into mount (mount_point, share, token, type, source, options, owner,"
                " auto_mount, state, maker_pid, maker_start, maker_boot_id, is_folder_made, guard,"
-               " guard_mode, status, last_error, failures, next_try_s) values (:mount_point, :share, :token,"
+               " guard_mode, status, last_error, failures, next_try_s, has_account) values (:mount_point, "
+               ":share, :token,"
                " :type, :source, :options, :owner, :auto_mount, :state, :maker_pid, :maker_start,"
                " :maker_boot_id, :is_folder_made, :guard, :guard_mode, :status, :last_error, :failures,"
-               " :next_try_s)");
+               " :next_try_s, :has_account)");
 }
 
 bool SaveMountRow(const MountRow& row) {
@@ -179,7 +184,7 @@ bool SaveMountRow(const MountRow& row) {
         " owner = :owner, auto_mount = :auto_mount, state = :state, maker_pid = :maker_pid,"
         " maker_start = :maker_start, maker_boot_id = :maker_boot_id, is_folder_made = :is_folder_made,"
         " guard = :guard, guard_mode = :guard_mode, status = :status, last_error = :last_error,"
-        " failures = :failures, next_try_s = :next_try_s where token = :token");
+        " failures = :failures, next_try_s = :next_try_s, has_account = :has_account where token = :token");
 }
 
 void SaveMountStatus(const MountRow& row) {

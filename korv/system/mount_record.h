@@ -37,6 +37,7 @@ struct MountRow {
     int lastError = 0;
     int failures = 0;
     long long nextTry_s = 0;
+    bool hasAccount = false;  // never to be tried as a guest
 };
 
 // All mounts by mount point.

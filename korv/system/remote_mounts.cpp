@@ -281,6 +281,7 @@ MountEnd AddMount(const NewMount& wanted, const MountCaller& caller) {
     row.options = *options;
     row.owner = wanted.isOwned ? caller.name : "";
     row.isAutomatic = wanted.isAutomatic;
+    row.hasAccount = wanted.type == RemoteType::kCifs && !wanted.account.name.empty();
     row.maker = ThisProcess();
     // Whoever undoes this, should it be cut short, has to know what the guard takes from the folder.
     if (MountEnd end = ReadFolderMode(place, row.guardMode); end.failure != MountFailure::kNone) {

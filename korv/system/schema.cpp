@@ -11,7 +11,7 @@ namespace korv {
 
 namespace {
 
-constexpr int kSchemaVersion = 4;
+constexpr int kSchemaVersion = 5;
 
 // Version 2 keeps remote mounts.
 constexpr const char* kToVersion2 = R"sql(
@@ -86,6 +86,9 @@ create unique index job_under_way on job (share_token) where state in ('waiting'
 // Version 4 knows when a job has exchanged its folders.
 constexpr const char* kToVersion4 = "alter table job add column switched_s integer not null default 0;";
 
+// Version 5 knows which mounts have an account.
+constexpr const char* kToVersion5 = "alter table mount add column has_account integer not null default 0;";
+
 int VersionOf(soci::session& session) {
     int version = 0;
     session << "pragma user_version", soci::into(version);
@@ -108,8 +111,8 @@ void Upgrade(soci::session& session, const Schema& schema, int version) {
 }  // namespace
 
 const Schema& CurrentSchema() {
-    static constexpr std::array<SchemaUpgrade, 3> kUpgrades{
-        {{1, kToVersion2}, {2, kToVersion3}, {3, kToVersion4}}};
+    static constexpr std::array<SchemaUpgrade, 4> kUpgrades{
+        {{1, kToVersion2}, {2, kToVersion3}, {3, kToVersion4}, {4, kToVersion5}}};
     static const Schema schema{kSchemaVersion, kSchemaSql, kUpgrades};
     return schema;
 }

@@ -97,6 +97,7 @@ create table app_privilege (
 --   status      0 = mounted and alive when last looked at, 1 = not
 --   last_error  code of the last failed attempt, 0 = none
 --   failures    failed attempts in a row; the next automatic one is due at next_try_s
+--   has_account 1 = it is never tried without its account, as a guest
 create table mount (
     mount_point     text primary key,
     share           text not null,
@@ -116,7 +117,8 @@ create table mount (
     status          integer not null,
     last_error      integer not null,
     failures        integer not null,
-    next_try_s      integer not null
+    next_try_s      integer not null,
+    has_account     integer not null default 0
 ) without rowid;
 
 -- Journal of shares being renamed. The new name is claimed by the row; one whose maker is dead is finished when

@@ -161,6 +161,24 @@ TEST_F(RemoteMounts, KeepTheAccountWhereOnlyRootReadsIt) {
     }
 }
 
+TEST_F(RemoteMounts, AreNotMadeAsAGuestWhenTheirAccountIsLost) {
+    auto wanted = Wanted();
+    wanted.source = "//127.0.0.1/open";
+    ASSERT_EQ(korv::AddMount(wanted, kAdmin).failure, MountFailure::kNone);
+    ASSERT_EQ(umount2(Point().c_str(), MNT_DETACH), 0);
+    ASSERT_TRUE(
+        fs::remove(machine::StateFolder() + "/mounts/" + korv::FindMountRow(Point())->token + ".account"));
+    EXPECT_EQ(korv::ReconnectMount(Point(), kAdmin).failure, MountFailure::kWrongAccount);
+    EXPECT_FALSE(korv::IsMounted(Point()));
+    EXPECT_EQ(korv::RemoveMount(Point(), kAdmin).failure, MountFailure::kNone);
+
+    wanted.account = {};
+    ASSERT_EQ(korv::AddMount(wanted, kAdmin).failure, MountFailure::kNone);
+    ASSERT_EQ(umount2(Point().c_str(), MNT_DETACH), 0);
+    EXPECT_EQ(korv::ReconnectMount(Point(), kAdmin).failure, MountFailure::kNone)
+        << "one that was made as a guest";
+}
+
 TEST_F(RemoteMounts, TellEachCauseByItsOwnCode) {
     auto wanted = Wanted();
     wanted.account.password = "wrong";

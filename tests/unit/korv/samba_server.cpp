@@ -106,7 +106,9 @@ SambaServer::SambaServer(const std::string& folder) : m_folder(folder) {
         << "/state\ncache directory = " << m_folder << "/cache\npid directory = " << m_folder
         << "/pid\nncalrpc dir = " << m_folder << "/ncalrpc\nlog file = " << m_folder
         << "/log\ninterfaces = lo\nbind interfaces only = yes\nload printers = no\ndisable spoolss = yes\n"
+        << "map to guest = Bad User\n"
         << "[data]\npath = " << DataFolder() << "\nread only = no\nforce user = root\n"
+        << "[open]\npath = " << DataFolder() << "\nread only = no\nforce user = root\nguest ok = yes\n"
         << "[denied]\npath = " << DataFolder() << "\nvalid users = root\n";
     AddAccount(m_folder + "/smb.conf");
     Start();

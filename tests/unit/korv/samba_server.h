@@ -12,7 +12,8 @@ public:
     static constexpr const char* kAccount = "alice";
     static constexpr const char* kPassword = "s3 ,c#r=et\"'";
 
-    // Serves //127.0.0.1/data for kAccount, and //127.0.0.1/denied for nobody. `folder` is made.
+    // Serves //127.0.0.1/data for kAccount, //127.0.0.1/open for guests too, and //127.0.0.1/denied for
+    // nobody. `folder` is made.
     explicit SambaServer(const std::string& folder);
     ~SambaServer();
     SambaServer(const SambaServer&) = delete;
