@@ -262,9 +262,9 @@ void KeepAccount(const std::string& token, const MountAccount& account) {
     }
 }
 
-void ForgetAccount(const std::string& token) {
+int ForgetAccount(const std::string& token) {
     const RunAsScope root = IF_RUN_AS;
-    unlink(AccountFile(token).c_str());
+    return unlink(AccountFile(token).c_str()) == 0 || errno == ENOENT ? 0 : errno;
 }
 
 MountEnd ReadFolderMode(const MountPlace& place, mode_t& mode) {

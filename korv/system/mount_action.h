@@ -21,7 +21,9 @@ struct MountEnd {
 // Keeps `account` in the file that the helper reads, 0600 and root's; <stateDir>/mounts/<token>.account.
 // Throws std::system_error. Without a name no file is made: the mount is a guest's.
 void KeepAccount(const std::string& token, const MountAccount& account);
-void ForgetAccount(const std::string& token);
+
+// Removes that file, if there is one. 0, or why it stays: an errno.
+int ForgetAccount(const std::string& token);
 
 // Reads the mode that the folder has now, or will be made with.
 MountEnd ReadFolderMode(const MountPlace& place, mode_t& mode);

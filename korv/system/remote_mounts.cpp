@@ -7,6 +7,7 @@
 #include <ctime>
 #include <optional>
 #include <random>
+#include <system_error>
 
 #include "korv/system/encrypted_share.h"
 #include "korv/system/lock_file.h"
@@ -82,9 +83,13 @@ std::optional<MountPlace> PlaceOf(const MountRow& row) {
     return std::nullopt;
 }
 
-void Forget(const MountRow& row) {
-    ForgetAccount(row.token);
+MountEnd Forget(const MountRow& row) {
+    if (const int error = ForgetAccount(row.token); error != 0) {
+        return {MountFailure::kFailed,
+                "its account could not be removed: " + std::generic_category().message(error)};
+    }
     DropMountRow(row.token);
+    return Failed(MountFailure::kNone);
 }
 
 // Takes away the mount, the guard, the account and the row, in that order, from where they are by now.
@@ -101,8 +106,7 @@ MountEnd Undo(const MountRow& row, bool isForced) {
             return released;
         }
     }
-    Forget(row);
-    return Failed(MountFailure::kNone);
+    return Forget(row);
 }
 
 // False when an attempt ended before the folder was its own: what is mounted there is somebody else's.
@@ -125,7 +129,8 @@ MountEnd MountAndKeep(MountRow& row, const MountPlace& place, const MountAccount
         end = {MountFailure::kFailed, "its row is gone"};
     }
     if (!IsTouched(state)) {
-        Forget(row);
+        end.output += Forget(row).output;
+        DropMountRow(row.token);  // even so: what is at its place is not to be undone
         return end;
     }
     SaveMountRow(row);

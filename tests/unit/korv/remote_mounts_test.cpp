@@ -179,6 +179,19 @@ TEST_F(RemoteMounts, AreNotMadeAsAGuestWhenTheirAccountIsLost) {
         << "one that was made as a guest";
 }
 
+TEST_F(RemoteMounts, AreNotForgottenWhileTheirAccountStays) {
+    ASSERT_EQ(korv::AddMount(Wanted(), kAdmin).failure, MountFailure::kNone);
+    const std::string file =
+        machine::StateFolder() + "/mounts/" + korv::FindMountRow(Point())->token + ".account";
+    korv::RunProgram("/usr/bin/chattr", {"+i", file}, std::chrono::seconds(5));
+    EXPECT_EQ(korv::RemoveMount(Point(), kAdmin).failure, MountFailure::kFailed);
+    EXPECT_TRUE(korv::FindMountRow(Point()));
+    korv::RunProgram("/usr/bin/chattr", {"-i", file}, std::chrono::seconds(5));
+    EXPECT_EQ(korv::RemoveMount(Point(), kAdmin).failure, MountFailure::kNone);
+    EXPECT_FALSE(fs::exists(file));
+    EXPECT_TRUE(korv::ListMountRows().empty());
+}
+
 TEST_F(RemoteMounts, TellEachCauseByItsOwnCode) {
     auto wanted = Wanted();
     wanted.account.password = "wrong";
