@@ -83,13 +83,24 @@ void Unlock(const Context& context, const KeyOptions& options) {
     }
 }
 
+// The user says where the key goes, by --out or by the share's name: no server names a file here.
+std::string KeyFileOf(const KeyOptions& options) {
+    if (!options.file.empty()) {
+        return options.file;
+    }
+    if (options.name.empty() || options.name.front() == '.' || options.name.find('/') != std::string::npos) {
+        throw InputError("no file can be named after this share; choose one with --out");
+    }
+    return options.name + ".key";
+}
+
 void Export(const Context& context, const KeyOptions& options) {
     RefuseOtherServer(options, "share export-key");
+    const std::string path = KeyFileOf(options);
     Json::Value parameters(Json::objectValue);
     parameters["name"] = options.name;
     parameters["password"] = options.password.Read("Password of the encrypted share: ");
     const Json::Value data = context.MakeClient().Call(kCryptoApi, "export", parameters);
-    const std::string path = options.file.empty() ? data["file_name"].asString() : options.file;
     WriteKey(path, DecodeBase64(data["content"].asString()));
     if (!context.json) {
         PrintLine("the key of " + options.name + " is in " + path);

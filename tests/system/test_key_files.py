@@ -1,8 +1,11 @@
 """Encrypted shares: locked, and unlocked over the wire by the key file that was exported."""
 
+import contextlib
+import http.server
 import json
 import os
 import subprocess
+import threading
 
 import pytest
 
@@ -25,6 +28,43 @@ def pavane(node, tmp_path):
 
     assert run("login", "admin", "--password-stdin", password=passwords["admin"])[0] == 0
     return run
+
+
+@contextlib.contextmanager
+def server_that_answers(data):
+    """A server of somebody else's that answers every request with success."""
+    class Handler(http.server.BaseHTTPRequestHandler):
+        def do_POST(self):
+            self.rfile.read(int(self.headers["Content-Length"]))
+            body = json.dumps({"success": True, "data": data}).encode()
+            self.send_response(200)
+            self.send_header("Content-Length", str(len(body)))
+            self.end_headers()
+            self.wfile.write(body)
+
+        def log_message(self, *_):
+            pass
+
+    with http.server.HTTPServer(("127.0.0.1", 0), Handler) as server:
+        thread = threading.Thread(target=server.serve_forever)
+        thread.start()
+        yield f"http://127.0.0.1:{server.server_port}"
+        server.shutdown()
+        thread.join()
+
+
+@pytest.mark.parametrize("name, file", [("vault", "vault.key"), ("../vault", None), (".vault", None), ("", None)])
+def test_no_server_chooses_where_a_key_is_written(tmp_path, name, file):
+    folder = tmp_path / "here"
+    folder.mkdir()
+    with server_that_answers({"file_name": "../chosen", "content": "a2V5"}) as url:
+        done = subprocess.run([os.path.join(BUILD, "bin/pavane"), "--url", url, "share", "export-key", name, "--password-stdin"],
+                              input=PASSWORD, text=True, capture_output=True, cwd=folder, check=False, timeout=60,
+                              env=dict(os.environ, HOME=str(folder), XDG_RUNTIME_DIR=str(folder), XDG_STATE_HOME=str(folder),
+                                       XDG_CONFIG_HOME=str(folder)))
+    assert (done.returncode == 0) == (file is not None), done.stderr
+    assert os.listdir(tmp_path) == ["here"]
+    assert [each for each in os.listdir(folder) if each.endswith("key")] == ([file] if file else [])
 
 
 def make_vault(admin, name):
