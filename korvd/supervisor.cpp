@@ -18,6 +18,7 @@
 #include "korv/framework/job_process.h"
 #include "korv/framework/log.h"
 #include "korv/framework/service_user.h"
+#include "korv/framework/upload_files.h"
 #include "korv/framework/worker.h"
 #include "korv/services/mount_keeper.h"
 #include "korv/services/share_jobs.h"
@@ -53,10 +54,12 @@ int RecoverShares() {
     return EXIT_SUCCESS;
 }
 
-// A worker that died may have left a share half made, whose name nobody can use until it is put in order. Its
-// successor does that, still as root, before it serves; when it can't, the others' creations try again.
+// A worker that died may have left a share half made, whose name nobody can use until it is put in order, and
+// a key that somebody sent it. Its successor does that, still as root, before it serves; when it can't, the
+// others' creations try again.
 void RecoverAfterDeath() {
     try {
+        korv::RemoveLeftUploads();
         korv::RecoverShares();
     } catch (const std::exception& error) {
         korv::LogLine(std::string("the recovery of shares failed: ") + error.what());

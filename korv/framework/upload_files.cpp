@@ -4,8 +4,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <system_error>
 
 #include "platform/korv/configuration.h"
@@ -15,18 +18,38 @@
 
 namespace korv {
 
+namespace {
+
+constexpr const char* kPrefix = "upload.";
+
+// The process that a file belongs to, by its name; 0 for a file of another name.
+pid_t OwnerOf(const std::string& name) {
+    pid_t owner = 0;
+    if (name.rfind(kPrefix, 0) == 0) {
+        const char* const digits = name.c_str() + std::strlen(kPrefix);
+        std::from_chars(digits, name.c_str() + name.size(), owner);
+    }
+    return owner;
+}
+
+void Remove(const std::string& path) {
+    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+        LogLine(std::string("an uploaded file could not be removed: ") + std::strerror(errno));
+    }
+}
+
+}  // namespace
+
 std::string UploadFolder() { return KORV::GetConfiguration().stateDir + "/uploads"; }
 
 UploadFiles::~UploadFiles() {
     for (const std::string& path : m_paths) {
-        if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-            LogLine(std::string("an uploaded file could not be removed: ") + std::strerror(errno));
-        }
+        Remove(path);
     }
 }
 
 std::string UploadFiles::Store(std::string_view content) {
-    std::string path = UploadFolder() + "/upload.XXXXXX";
+    std::string path = UploadFolder() + "/" + kPrefix + std::to_string(getpid()) + ".XXXXXX";
     const FileDescriptor file(mkostemp(path.data(), O_CLOEXEC));
     if (!file) {
         throw std::system_error(errno, std::generic_category(), "an upload could not be stored");
@@ -40,6 +63,15 @@ std::string UploadFiles::Store(std::string_view content) {
         content.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
     }
     return path;
+}
+
+void RemoveLeftUploads() {
+    for (const auto& entry : std::filesystem::directory_iterator(UploadFolder())) {
+        const pid_t owner = OwnerOf(entry.path().filename());
+        if (owner > 0 && kill(owner, 0) != 0 && errno == ESRCH) {
+            Remove(entry.path());
+        }
+    }
 }
 
 }  // namespace korv

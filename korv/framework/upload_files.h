@@ -26,4 +26,8 @@ private:
 // <stateDir>/uploads, a folder of the service user.
 std::string UploadFolder();
 
+// Removes the files of processes that have died over their request; what can't be removed is logged. Needs
+// the rights of the folder's owner. Throws std::system_error when the folder can't be read.
+void RemoveLeftUploads();
+
 }  // namespace korv

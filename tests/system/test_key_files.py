@@ -4,12 +4,13 @@ import contextlib
 import http.server
 import json
 import os
+import signal
 import subprocess
 import threading
 
 import pytest
 
-from node import BUILD, SHARE_API
+from node import BUILD, SHARE_API, wait_until
 
 PASSWORD = "s3cret \"$\" ü"
 
@@ -176,3 +177,21 @@ def test_the_key_of_a_share_that_is_gone_opens_nothing(node, admin, pavane, tmp_
 def test_a_key_file_can_only_be_uploaded(node, admin):
     answer = admin.call(SHARE_API, "DecryptByFile", name="vault", password_file_tmp="/etc/shadow")
     assert not answer["success"] and answer["error"]["code"] == 101
+
+
+def test_a_key_that_a_dead_worker_was_sent_is_removed(node):
+    """Such a file bears the id of its process: here of one that has ended, and of one that goes on."""
+    node.allow("was killed by signal 9")
+    with subprocess.Popen(["true"]) as dead:
+        dead.wait()
+    uploads = f"{node.state}/state/uploads"
+    left, kept = (f"{uploads}/upload.{pid}.Abc123" for pid in (dead.pid, os.getpid()))
+    for path in (left, kept):
+        with open(path, "w", encoding="utf-8") as file:
+            file.write("key")
+    os.kill(node.workers()[0], signal.SIGKILL)
+    try:
+        wait_until(lambda: not os.path.exists(left), "it is gone")
+        assert os.path.exists(kept)
+    finally:
+        os.remove(kept)

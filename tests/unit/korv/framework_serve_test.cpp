@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <soci/soci.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include "platform/korv/api_runner.h"
 #include "platform/korv/configuration.h"
@@ -281,6 +282,23 @@ TEST(Serve, AnUploadIsAPrivateFileForTheLengthOfItsRequest) {
     EXPECT_EQ(g_uploadMode, 0600U);
     EXPECT_FALSE(std::filesystem::exists(g_uploadPath));
     EXPECT_TRUE(std::filesystem::is_empty(korv::UploadFolder()));
+}
+
+TEST(Serve, AnUploadOfADeadProcessIsRemoved) {
+    const pid_t dead = fork();
+    if (dead == 0) {
+        auto* const files = new korv::UploadFiles;
+        files->Store("the key");
+        _exit(0);  // with nothing run that a kill wouldn't
+    }
+    waitpid(dead, nullptr, 0);
+    EXPECT_FALSE(std::filesystem::is_empty(korv::UploadFolder()));
+    korv::UploadFiles own;
+    const std::string path = own.Store("another key");
+    korv::RemoveLeftUploads();
+    const std::filesystem::directory_iterator entries(korv::UploadFolder());
+    EXPECT_EQ(std::distance(begin(entries), end(entries)), 1);
+    EXPECT_TRUE(std::filesystem::exists(path)) << "this process lives";
 }
 
 TEST(Serve, AnUploadCannotReplaceAParameter) {
