@@ -8,12 +8,18 @@ namespace pavane {
 void NoteMountState(const std::string& path, bool isNormal) {
     const auto status = isNormal ? SHARE_MOUNT_NORMAL : SHARE_MOUNT_FAILED;
     RecShare share;
-    if (share.LoadByPath(path, 0) != 0 || share.GetMountType() == SHARE_MOUNT_LOCAL ||
-        share.GetMountStatus() == status) {
+    if (share.LoadByPath(path, 0) != 0 || share.GetMountType() == SHARE_MOUNT_LOCAL) {
         return;
     }
-    UpdateShareMountInfo(status, share, true, true);
-    PVClientNotify::Notify(CLIENT_NOTIFY_REC_SHARE);
+    const auto oldType = share.GetFsType();
+    const bool isChanged = share.GetMountStatus() != status;
+    // A share that was taken on while its server was silent has no facts yet.
+    if (isChanged || (isNormal && oldType == FSTYPE_UNKNOWN)) {
+        UpdateShareMountInfo(status, share, true, false);
+    }
+    if (isChanged || share.GetFsType() != oldType) {
+        PVClientNotify::Notify(CLIENT_NOTIFY_REC_SHARE);
+    }
 }
 
 }  // namespace pavane

@@ -13,6 +13,8 @@
 
 #include "platform/pavane/rec_share.h"
 
+#include "korv/system/database.h"
+#include "pavane/recorder/mount_state.h"
 #include "pavane/recorder/share_state.h"
 #include "tests/unit/pavane/test_node.h"
 
@@ -43,6 +45,7 @@ protected:
 
     int WithMount(unsigned long flags, const std::function<int()>& work) {
         pavane::CloseAppDatabase();
+        korv::CloseDatabase();
         const pid_t child = fork();
         if (child == 0) {
             const bool isReady = unshare(CLONE_NEWNS) == 0 &&
@@ -98,6 +101,24 @@ TEST_F(ShareStatusTest, ARemoteShareIsAbnormalAsSoonAsNothingIsMountedThere) {
     ASSERT_EQ(share.Load(id), 0);
     EXPECT_EQ(share.GetMountStatus(), SHARE_MOUNT_FAILED);
     EXPECT_FALSE(pavane::RefreshShareStates()) << "that is no news any more";
+}
+
+TEST_F(ShareStatusTest, ARemoteShareWithoutFactsGetsThemFromItsMount) {
+    const int id = Save([](RecShare& share) {
+        share.SetMountType(SHARE_MOUNT_CIFS);
+        share.SetFsType(FSTYPE_UNKNOWN);
+    });
+    EXPECT_EQ(WithMount(0,
+                        [this] {
+                            pavane::NoteMountState(m_path, true);
+                            return 0;
+                        }),
+              0);
+    RecShare share;
+    ASSERT_EQ(share.Load(id), 0);
+    EXPECT_EQ(share.GetMountStatus(), SHARE_MOUNT_NORMAL);
+    EXPECT_EQ(share.GetFsType(), FSTYPE_OTHER);
+    EXPECT_GT(share.GetTotalSizeMB(), 0U);
 }
 
 TEST_F(ShareStatusTest, WhatTheRecorderCannotWriteIntoIsNot) {
