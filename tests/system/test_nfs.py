@@ -1,7 +1,9 @@
 """NFS folders as recording shares, with a real server: written, lost, found again, replaced, busy."""
 
+import contextlib
 import os
 import shutil
+import signal
 import subprocess
 import time
 
@@ -74,8 +76,8 @@ def unmount(admin):
 
 
 def mount(admin, server, source=SOURCE, **more):
-    return admin.call(MOUNT_API, "mount_remote", mount_type="NFS", server_ip=source, mount_point=POINT,
-                      **{"adv_opt": server.options, **more})
+    return admin.call(MOUNT_API, "mount_remote", **{"mount_type": "NFS", "server_ip": source, "mount_point": POINT,
+                                                    "adv_opt": server.options, **more})
 
 
 def adopt(admin, server, source=SOURCE):
@@ -227,6 +229,39 @@ def replace(folder):
     shutil.rmtree(folder)
     os.mkdir(folder)
     os.chmod(folder, 0o777)
+
+
+def programs_that_serve(node, path):
+    """The processes of the node that have mounted encrypted files at `path`."""
+    namespace = os.readlink(f"/proc/{node.korvd}/ns/mnt")
+    found = []
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        with contextlib.suppress(OSError), open(f"/proc/{pid}/cmdline", encoding="utf-8", errors="replace") as file:
+            words = file.read().split("\0")
+            if words[0].endswith("gocryptfs") and path in words and os.readlink(f"/proc/{pid}/ns/mnt") == namespace:
+                found.append(int(pid))
+    return found
+
+
+def test_an_unmount_that_does_not_end_in_time_has_its_code(node, server, admin):
+    """The way to the mount point leads through an encrypted share whose program has stopped."""
+    node.allow("unmounting|the mount at")
+    assert admin.create("vault", blEncryption=True, encPasswd=life.PASSWORD)["success"]
+    point = "/volume1/vault/nas"
+    assert mount(admin, server, mount_point=point)["success"]
+    programs = programs_that_serve(node, "/volume1/vault")
+    assert programs
+    for program in programs:
+        os.kill(program, signal.SIGSTOP)
+    try:
+        assert admin.call(MOUNT_API, "unmount", mount_point=point)["error"] == {"code": 441}
+        assert [each["mount_point"] for each in mounts(admin)] == [point]
+    finally:
+        for program in programs:
+            os.kill(program, signal.SIGCONT)
+    assert admin.call(MOUNT_API, "unmount", mount_point=point)["success"]
+    assert mounts(admin) == [] and node.inside("ls", "-A", "/volume1/vault") == ""
+    assert life.delete(admin, life.find(admin, "vault"))["success"]
 
 
 def test_a_folder_replaced_behind_the_server_is_stale_and_found_again(node, server, admin):
