@@ -264,6 +264,33 @@ def test_an_unmount_that_does_not_end_in_time_has_its_code(node, server, admin):
     assert life.delete(admin, life.find(admin, "vault"))["success"]
 
 
+def test_a_share_on_a_mount_that_was_made_by_other_means_comes_back_with_it(node, server, admin):
+    def mount_by_hand():
+        node.inside("mount", "-t", "nfs", "-o", server.options, SOURCE, POINT)
+
+    node.inside("mkdir", POINT)
+    mount_by_hand()
+    answer = admin.call(SHARE_API, "CreateRemoteRecShare", mountType=1, mountSource=SOURCE, mountPoint=POINT, mountPath=POINT,
+                        blNeedMount=False)
+    assert answer["success"], answer
+    try:
+        assert state(admin) == 0
+        node.inside("umount", POINT)
+        wait_until(lambda: state(admin) == 1, "the share is abnormal", 30)
+        mount_by_hand()
+        wait_until(lambda: state(admin) == 0, "the share is normal again", 30)
+        server.pause()
+        wait_until(lambda: state(admin) == 1, "the share of a silent server is abnormal", 30)
+        server.resume()
+        wait_until(lambda: state(admin) == 0, "the share is normal again", 30)
+    finally:
+        server.resume()
+        node.inside("umount", POINT)
+        assert life.delete(admin, *[share for share in admin.list(blIncldRemoteAbnormal=True) if share["sharePath"] == POINT],
+                           keep=True)["success"]
+        node.inside("rmdir", POINT)
+
+
 def test_a_folder_replaced_behind_the_server_is_stale_and_found_again(node, server, admin):
     node.allow("the mount at .* is stale")
     folder = os.path.join(server.data, "deep")
