@@ -19,6 +19,7 @@
 #include "korv/framework/worker.h"
 #include "korv/services/mount_list.h"
 #include "korv/system/database.h"
+#include "korv/system/mount_record.h"
 #include "korv/system/remote_mounts.h"
 #include "korv/system/settings.h"
 
@@ -84,6 +85,7 @@ int RunMountKeeper() {
         prctl(PR_SET_NAME, "korvd-mounts");
         LowerToServiceUser();
         LoadModules(GetSettings().node.modules, Registry());
+        ForgetMountFailures();  // nobody knows how long this node was down
         TellStates();
         do {
             CareOnce();

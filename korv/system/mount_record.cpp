@@ -195,6 +195,19 @@ void SaveMountStatus(const MountRow& row) {
         soci::use(cells.nextTry_s), soci::use(cells.token);
 }
 
+void SaveMountStatus(const MountRow& row, const MountRow& before) {
+    const Cells cells = ToCells(row);
+    const Cells old = ToCells(before);
+    Database() << "update mount set status = :status, last_error = :last_error, failures = :failures,"
+                  " next_try_s = :next_try_s where token = :token and status = :old_status"
+                  " and last_error = :old_error and failures = :old_failures and next_try_s = :old_try_s",
+        soci::use(cells.status), soci::use(cells.lastError), soci::use(cells.failures),
+        soci::use(cells.nextTry_s), soci::use(cells.token), soci::use(old.status), soci::use(old.lastError),
+        soci::use(old.failures), soci::use(old.nextTry_s);
+}
+
+void ForgetMountFailures() { Database() << "update mount set failures = 0, next_try_s = 0"; }
+
 void DropMountRow(const std::string& token) {
     Database() << "delete from mount where token = :token", soci::use(token);
 }

@@ -52,6 +52,10 @@ bool AddMountRow(const MountRow& row);
 bool SaveMountRow(const MountRow& row);
 // Writes only what the last look or attempt gave: status, error, failures and the next attempt.
 void SaveMountStatus(const MountRow& row);
+// The same unless another process has written something else than `before` meanwhile.
+void SaveMountStatus(const MountRow& row, const MountRow& before);
+// What failed before is tried again at once, as if it had never been tried.
+void ForgetMountFailures();
 void DropMountRow(const std::string& token);
 
 }  // namespace korv

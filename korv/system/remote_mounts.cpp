@@ -191,9 +191,11 @@ std::string TextOf(MountSight sight) {
     }
 }
 
+// No attempt is put off for longer than the longest pause, unless the clock was set back.
 bool IsDue(const MountRow& row, MountSight sight, long long now_s) {
     const bool isPutOff = row.failures > 0 || sight == MountSight::kSilent;
-    return row.isAutomatic && sight != MountSight::kAlive && (!isPutOff || row.nextTry_s <= now_s);
+    const bool isTime = row.nextTry_s <= now_s || row.nextTry_s > now_s + kLongestPause_s;
+    return row.isAutomatic && sight != MountSight::kAlive && (!isPutOff || isTime);
 }
 
 bool IsLeftHalfDone(const MountRow& row) { return row.state != MountState::kKept && !IsRunning(row.maker); }
@@ -238,13 +240,14 @@ MountEnd TryAgain(MountRow& row, long long now_s) {
     return SaveMountRow(row) ? end : Failed(MountFailure::kUnknownMount);
 }
 
-// Writes down what was seen, unless the row is another one by now.
+// Writes down what was seen, unless another process has mounted it anew or tried to since the row was read.
 void NoteSight(MountRow& row, MountSight sight, long long now_s) {
+    const MountRow before = row;
     NoteLook(row, sight == MountSight::kAlive);
     if (sight == MountSight::kSilent && row.nextTry_s == 0) {
         row.nextTry_s = now_s + kSilencePatience_s;
     }
-    SaveMountStatus(row);
+    SaveMountStatus(row, before);
 }
 
 }  // namespace
@@ -364,9 +367,13 @@ long long RetryPause_s(int failures) {
     return std::min(kFirstPause_s << doublings, kLongestPause_s);
 }
 
-std::vector<MountChange> CareForMounts(long long now_s, const std::function<void()>& tell) {
+std::vector<MountChange> CareForMounts(long long now_s, const std::function<void()>& tell,
+                                       std::chrono::milliseconds attemptsTime) {
     std::vector<MountRow> rows = ListMountRows();
     std::erase_if(rows, [](const MountRow& row) { return row.state != MountState::kKept; });
+    std::stable_sort(rows.begin(), rows.end(), [](const MountRow& left, const MountRow& right) {
+        return left.nextTry_s < right.nextTry_s;
+    });
     std::vector<std::string> paths;
     paths.reserve(rows.size());
     for (const MountRow& row : rows) {
@@ -380,18 +387,21 @@ std::vector<MountChange> CareForMounts(long long now_s, const std::function<void
     }
     tell();  // an attempt may take its full deadline, and those of the other mounts come after it
     std::vector<MountChange> changes;
+    bool mayTry = true;
+    const auto end = std::chrono::steady_clock::now() + attemptsTime;
     for (std::size_t i = 0; i < rows.size(); ++i) {
         MountRow& row = rows[i];
         const MountSight sight = sights[i].sight;
         std::string text = TextOf(sight);
-        const bool isTried = IsDue(row, sight, now_s);
+        const bool isTried = mayTry && IsDue(row, sight, now_s);
         const bool isFirstTry = isTried && row.failures == 0;
         if (isTried) {
-            const MountEnd end = TryAgain(row, now_s);
+            const MountEnd tried = TryAgain(row, now_s);
             text += row.isNormal
                         ? " and was mounted again"
-                        : ", code " + std::to_string(static_cast<int>(end.failure)) + ": " + end.output;
+                        : ", code " + std::to_string(static_cast<int>(tried.failure)) + ": " + tried.output;
             tell();
+            mayTry = std::chrono::steady_clock::now() < end;
         }
         if (row.isNormal != wasNormal[i] || isFirstTry) {
             changes.push_back({row.mountPoint, row.isNormal, text});

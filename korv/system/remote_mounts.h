@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -48,11 +49,15 @@ struct MountChange {
 // One round of care, to be called every few seconds by one process: looks at all mounts at once, notes their
 // state, and mounts what is automatic and due; attempts get rarer with failures, up to one in five minutes.
 // One whose server is silent, without an error, is left alone for a minute.
-//   now_s  unix time
-//   tell   called when all states are noted, before the first attempt, and after each attempt
+//   now_s         unix time
+//   tell          called when all states are noted, before the first attempt, and after each attempt
+//   attemptsTime  when this has passed no further attempt is begun, so that the next look comes in time;
+//   those
+//                 that wait longest come first
 // Returns what has changed.
 std::vector<MountChange> CareForMounts(
-    long long now_s, const std::function<void()>& tell = [] {});
+    long long now_s, const std::function<void()>& tell = [] {},
+    std::chrono::milliseconds attemptsTime = std::chrono::seconds(5));
 
 // Seconds between one failed automatic attempt and the next after `failures` of them.
 long long RetryPause_s(int failures);

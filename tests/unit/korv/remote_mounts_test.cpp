@@ -474,6 +474,63 @@ TEST_F(RemoteMounts, AreAllToldAboutBeforeTheFirstIsMountedAgain) {
     EXPECT_EQ(told, (std::vector<Told>{{0, 0}, {0, 1}, {0, 2}}));
 }
 
+TEST_F(RemoteMounts, AreLookedAtAgainBeforeAllAttemptsOfARoundAreMade) {
+    auto wanted = Wanted();
+    wanted.isAutomatic = true;
+    ASSERT_EQ(korv::AddMount(wanted, kAdmin).failure, MountFailure::kNone);
+    wanted.mountPoint += "2";
+    ASSERT_EQ(korv::AddMount(wanted, kAdmin).failure, MountFailure::kNone);
+    ASSERT_EQ(umount2(Point().c_str(), MNT_DETACH), 0);
+    ASSERT_EQ(umount2((Point() + "2").c_str(), MNT_DETACH), 0);
+    s_server->Kill();
+    const long long now = std::time(nullptr);
+    const auto failuresAfter = [](long long time_s) {
+        korv::CareForMounts(
+            time_s, [] {}, std::chrono::milliseconds(0));
+        return std::pair(korv::FindMountRow(Point())->failures, korv::FindMountRow(Point() + "2")->failures);
+    };
+    EXPECT_EQ(failuresAfter(now), std::pair(1, 0));
+    EXPECT_EQ(failuresAfter(now), std::pair(1, 1));
+    const long long later = now + 2 * korv::RetryPause_s(1) + 5;
+    EXPECT_EQ(failuresAfter(later), std::pair(2, 1));
+    EXPECT_EQ(failuresAfter(later), std::pair(2, 2));
+    s_server->Start();
+}
+
+TEST_F(RemoteMounts, AreTriedWhenTheClockWasSetBackOrTheNodeWasDown) {
+    auto wanted = Wanted();
+    wanted.isAutomatic = true;
+    ASSERT_EQ(korv::AddMount(wanted, kAdmin).failure, MountFailure::kNone);
+    ASSERT_EQ(umount2(Point().c_str(), MNT_DETACH), 0);
+    s_server->Kill();
+    const long long now = std::time(nullptr);
+    const auto failuresAfter = [](long long time_s) {
+        korv::CareForMounts(time_s);
+        return korv::FindMountRow(Point())->failures;
+    };
+    EXPECT_EQ(failuresAfter(now), 1);
+    EXPECT_EQ(failuresAfter(now), 1);
+    EXPECT_EQ(failuresAfter(now - 100), 1);
+    EXPECT_EQ(failuresAfter(now - 1000), 2);
+    korv::ForgetMountFailures();
+    EXPECT_EQ(failuresAfter(now), 1) << "not put off any more";
+    s_server->Start();
+}
+
+TEST_F(RemoteMounts, KeepWhatAnotherProcessWroteDuringALook) {
+    ASSERT_EQ(korv::AddMount(Wanted(), kAdmin).failure, MountFailure::kNone);
+    auto before = *korv::FindMountRow(Point());
+    before.isNormal = false;
+    before.failures = 3;
+    auto seen = before;
+    seen.lastError = static_cast<int>(MountFailure::kNoAnswer);
+    korv::SaveMountStatus(seen, before);
+    EXPECT_TRUE(korv::FindMountRow(Point())->isNormal) << "it is no failed one any more";
+    korv::SaveMountStatus(before);
+    korv::SaveMountStatus(seen, before);
+    EXPECT_EQ(korv::FindMountRow(Point())->lastError, seen.lastError);
+}
+
 TEST_F(RemoteMounts, AreAliveWhenTheirServerRefusesToListThem) {
     fs::create_directory(machine::Volume() + "/kept");
     for (const int error : {EACCES, EPERM}) {
