@@ -13,14 +13,17 @@ _CHANGING = [
 ]
 
 
-def commands_of(path, prompt="$ "):
-    """Pairs of a command and what the document says it prints, in the order of the document."""
+def commands_of(path, prompts=("$ ",)):
+    """Pairs of a command and what the document says it prints, in the order of the document.
+
+    Prompts are two characters long.
+    """
     with open(path, encoding="utf-8") as file:
         blocks = _BLOCK.findall(file.read())
     pairs = []
     for line in "".join(blocks).splitlines():
-        if line.startswith(prompt):
-            pairs.append((line.removeprefix(prompt), []))
+        if line.startswith(prompts):
+            pairs.append((line[2:], []))
         elif pairs:
             pairs[-1][1].append(line)
     return [(command, "\n".join(expected)) for command, expected in pairs]

@@ -74,7 +74,7 @@ def await_print(shell, command, expected):
 
 def test_every_command_prints_what_the_guide_says(tmp_path):
     enter_own_network()
-    commands = commands_of(os.path.join(ROOT, _GUIDE), "# ")
+    commands = commands_of(os.path.join(ROOT, _GUIDE), ("# ",))
     assert commands, "the guide has commands"
     environment = dict(os.environ, HOME=str(tmp_path), LC_ALL="C.UTF-8", PS1="", ASAN_OPTIONS="detect_leaks=0",
                        PATH=f"{BUILD}/bin:/usr/sbin:/usr/bin:/sbin:/bin")
