@@ -261,9 +261,9 @@ def test_a_rename_takes_the_remote_share_in_the_folder_along(node, server, admin
     assert admin.call(CAMERA_API, "import", cameras=[camera])["success"]
 
     assert edit(admin, share, shareName="yard")["success"]
-    moved = find(admin, "far")
-    assert moved == {**remote, "sharePath": "/volume1/yard/far", "camCnt": 1}
+    moved = {**remote, "sharePath": "/volume1/yard/far", "camCnt": 1}
     assert moved["mountStatus"] == 0
+    wait_until(lambda: find(admin, "far") == moved, "the record follows, normal as before")
     assert "/volume1/yard/far" in [mount["mount_point"] for mount in mounts(admin)]
     assert node.inside("findmnt", "-n", "-o", "TARGET", "/volume1/yard/far") == "/volume1/yard/far\n"
     answer = delete(admin, moved)
