@@ -9,6 +9,7 @@
 #include <iostream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include <json/json.h>
 #include <soci/soci.h>
@@ -27,11 +28,18 @@ constexpr int kSizes[] = {1, 100, 10'000};
 constexpr int kRuns = 3;
 constexpr int kInUse = 445;
 
+constexpr std::string_view kCountsCameras = "SELECT * from camera ";
+
 int g_statements = 0;
+std::string g_cameraStatement;  // the last one that counted the cameras of a share
 
 int CountStatement(unsigned /*event*/, void* /*context*/, void* /*statement*/, void* text) {
+    const std::string_view statement = static_cast<const char*>(text);
     // What triggers do is reported as comments.
-    g_statements += static_cast<const char*>(text)[0] == '-' ? 0 : 1;
+    g_statements += statement[0] == '-' ? 0 : 1;
+    if (statement.substr(0, kCountsCameras.size()) == kCountsCameras) {
+        g_cameraStatement = statement;
+    }
     return 0;
 }
 
@@ -87,6 +95,18 @@ void Measure(int shares) {
     std::printf("%10d %12d %12.2f %14.4f\n", shares, g_statements, best_ms, best_ms / shares);
 }
 
+// How the database finds the cameras of a share, by the statement that was run.
+void PrintPlan(soci::session& session) {
+    if (g_cameraStatement.empty()) {
+        throw std::runtime_error("no statement has counted cameras");
+    }
+    std::printf("\n%s\n", g_cameraStatement.c_str());
+    const soci::rowset<soci::row> rows = (session.prepare << "explain query plan " << g_cameraStatement);
+    for (const soci::row& row : rows) {
+        std::printf("  %s\n", row.get<std::string>("detail").c_str());
+    }
+}
+
 void Run(const std::string& module) {
     korv::LoadModules({module}, korv::Registry());
     soci::session& session = pavane::AppDatabase().Session();
@@ -101,6 +121,7 @@ void Run(const std::string& module) {
     for (const int shares : kSizes) {
         Measure(shares);
     }
+    PrintPlan(session);
 }
 
 }  // namespace
