@@ -11,7 +11,7 @@ namespace korv {
 
 namespace {
 
-constexpr int kSchemaVersion = 5;
+constexpr int kSchemaVersion = 6;
 
 // Version 2 keeps remote mounts.
 constexpr const char* kToVersion2 = R"sql(
@@ -89,6 +89,12 @@ constexpr const char* kToVersion4 = "alter table job add column switched_s integ
 // Version 5 knows which mounts have an account.
 constexpr const char* kToVersion5 = "alter table mount add column has_account integer not null default 0;";
 
+// Version 6 knows what shares were called before.
+constexpr const char* kToVersion6 = R"sql(
+alter table share add column former_name text not null default '';
+create index share_former_name on share (former_name) where former_name <> '';
+)sql";
+
 int VersionOf(soci::session& session) {
     int version = 0;
     session << "pragma user_version", soci::into(version);
@@ -111,8 +117,8 @@ void Upgrade(soci::session& session, const Schema& schema, int version) {
 }  // namespace
 
 const Schema& CurrentSchema() {
-    static constexpr std::array<SchemaUpgrade, 4> kUpgrades{
-        {{1, kToVersion2}, {2, kToVersion3}, {3, kToVersion4}, {4, kToVersion5}}};
+    static constexpr std::array<SchemaUpgrade, 5> kUpgrades{
+        {{1, kToVersion2}, {2, kToVersion3}, {3, kToVersion4}, {4, kToVersion5}, {5, kToVersion6}}};
     static const Schema schema{kSchemaVersion, kSchemaSql, kUpgrades};
     return schema;
 }

@@ -27,6 +27,8 @@ create index login_failure_at on login_failure (at_s);
 -- Shared folders: a row here and a folder vol_path/name exist together.
 --   name_key  the name without regard to case (share_name.h); two shares never have the same
 --   token     marks the folder as this row's (extended attribute trusted.korv.share)
+--   former_name  what it was called before it was last renamed, as long as no other share of the volume has been
+--                called so since; "" = none
 create table share (
     name_key          text primary key,
     name              text not null,
@@ -39,10 +41,12 @@ create table share (
     enable_fileindex  integer not null,
     disable_modify    integer not null,
     is_moving         integer not null default 0,
-    created_s         integer not null
+    created_s         integer not null,
+    former_name       text not null default ''
 ) without rowid;
 
 create unique index share_name on share (name);
+create index share_former_name on share (former_name) where former_name <> '';
 
 -- Journal of shares being created. A row is written before the folder is made and goes away in the transaction
 -- that writes the share's row; one whose maker is dead is finished or undone (share_recovery.h).

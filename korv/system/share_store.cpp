@@ -163,15 +163,49 @@ void AbandonShareCreation(const std::string& token) {
     Database() << "update share_creation set maker_pid = 0 where token = :token", soci::use(token);
 }
 
-void AddShare(const ShareRow& share) { InsertShare("share", {share, {}}, "", ""); }
+std::vector<RenamedShare> ListRenamedShares() {
+    RenamedShare row;
+    std::string formerName;
+    int isHidden = 0;
+    soci::statement statement =
+        (Database().prepare << "select former_name, vol_path, name, token, description, is_hidden from share"
+                               " where former_name <> ''",
+         soci::into(formerName), soci::into(row.share.volPath), soci::into(row.share.name),
+         soci::into(row.share.token), soci::into(row.share.description), soci::into(isHidden));
+    statement.execute();
+    std::vector<RenamedShare> rows;
+    while (statement.fetch()) {
+        row.formerPath = row.share.volPath + "/" + formerName;
+        row.share.isHidden = isHidden != 0;
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+namespace {
+
+// Who was called so before and has left the place to `share`.
+void TakeFormerName(const ShareRow& share) {
+    Database() << "update share set former_name = '' where former_name = :name and vol_path = :volume",
+        soci::use(share.name), soci::use(share.volPath);
+}
+
+}  // namespace
+
+void AddShare(const ShareRow& share) {
+    TakeFormerName(share);
+    InsertShare("share", {share, {}}, "", "");
+}
 
 void SaveShareFacts(const ShareRow& share) {
     const std::string key = ShareNameKey(share.name);
     const int isHidden = share.isHidden;
-    Database() << "update share set name_key = :key, name = :name, description = :description,"
-                  " is_hidden = :hidden where token = :token",
-        soci::use(key), soci::use(share.name), soci::use(share.description), soci::use(isHidden),
-        soci::use(share.token);
+    TakeFormerName(share);
+    Database() << "update share set former_name = case when name <> :name then name else former_name end,"
+                  " name_key = :key, name = :name, description = :description, is_hidden = :hidden"
+                  " where token = :token",
+        soci::use(share.name, "name"), soci::use(key, "key"), soci::use(share.description, "description"),
+        soci::use(isHidden, "hidden"), soci::use(share.token, "token");
 }
 
 void SaveShareEncryption(const std::string& token, ShareEncryption encryption) {

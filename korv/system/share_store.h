@@ -61,6 +61,15 @@ std::optional<ShareRow> FindShareOfAnyCase(const std::string& name);
 
 std::optional<ShareRow> FindShareByToken(const std::string& token);
 
+// A share that was renamed, and where its folder was before that.
+struct RenamedShare {
+    std::string formerPath;
+    ShareRow share;
+};
+
+// All that were renamed, each by its last rename alone; none whose former place another share has had since.
+std::vector<RenamedShare> ListRenamedShares();
+
 // True when a share, or one that is being made or renamed, has that name or one that differs in case only.
 //   exceptToken  of a share that doesn't count; may be empty
 bool IsShareNameTaken(const std::string& name, const std::string& exceptToken = "");
@@ -73,7 +82,8 @@ std::optional<ShareCreationRow> FindShareCreation(const std::string& token);
 void AbandonShareCreation(const std::string& token);
 
 void AddShare(const ShareRow& share);
-// Writes name, description and whether it is hidden into the row of the share's token. Its grants follow.
+// Writes name, description and whether it is hidden into the row of the share's token. Its grants follow. A
+// name that differs from the one it had leaves that one as the former name.
 void SaveShareFacts(const ShareRow& share);
 // kNone or kLocked: whether it is unlocked is seen, not stored.
 void SaveShareEncryption(const std::string& token, ShareEncryption encryption);

@@ -8,14 +8,17 @@
 #include <vector>
 
 #include <json/json.h>
+#include <soci/soci.h>
 
 #include "platform/korv/mount.h"
 #include "platform/korv/share.h"
 #include "platform/pavane/events.h"
 #include "platform/pavane/rec_share.h"
+#include "platform/pavane/services.h"
 
 #include "pavane/log_line.h"
 #include "pavane/store/database.h"
+#include "pavane/store/folder_rename.h"
 #include "pavane/store/rec_share_store.h"
 
 namespace pavane {
@@ -55,15 +58,71 @@ bool IsLocal(const RecShare& share) {
     return share.GetOwnerRvId() == 0 && share.GetMountType() == SHARE_MOUNT_LOCAL;
 }
 
-// True when some record may no longer say what its folder is: by the kernel's list of mounts and the moves
-// noted, so that a list costs nothing more while nothing has changed.
+using RenamedFolders = std::map<std::string, KORVRENAMEDSHARE>;
+
+RenamedFolders RenamedByFormerPath() {
+    std::vector<KORVRENAMEDSHARE> list;
+    if (ListRenamedShareFolders(list) != 0) {
+        return {};
+    }
+    RenamedFolders renamed;
+    for (const KORVRENAMEDSHARE& folder : list) {
+        renamed[folder.formerPath] = folder;
+    }
+    return renamed;
+}
+
+// True when some record may no longer say what its folder is: by the kernel's list of mounts, the moves noted
+// and the list of renamed folders, so that a list costs little more while nothing has changed.
 bool AreOutOfStep(const std::list<RecShare>& shares) {
     const std::vector<std::string> unlocked = ListUnlockedShareFolders();
-    return std::any_of(shares.begin(), shares.end(), [&unlocked](const RecShare& share) {
+    const RenamedFolders renamed = RenamedByFormerPath();
+    return std::any_of(shares.begin(), shares.end(), [&](const RecShare& share) {
         const bool isUnlocked = std::binary_search(unlocked.begin(), unlocked.end(), share.GetPath());
         return IsLocal(share) &&
-               (share.GetMigrating() || isUnlocked != (share.GetEncType() == SHARE_ENC_UNLOCKED));
+               (share.GetMigrating() || isUnlocked != (share.GetEncType() == SHARE_ENC_UNLOCKED) ||
+                renamed.contains(share.GetPath()));
     });
+}
+
+// False when the record is another's, or elsewhere, by now: somebody else was faster.
+bool Follow(const RecShare& share, const KORVRENAMEDSHARE& folder) {
+    Database& database = AppDatabase();
+    WriteTransaction transaction(database);
+    const int id = share.GetId(), isHidden = folder.isHidden;
+    int others = 0;
+    database.Session() << "select count(*) from recording_share where owner_rv_id = 0 and path = :path",
+        soci::use(folder.path), soci::into(others);
+    if (others != 0) {  // the folder is that record's
+        return false;
+    }
+    soci::statement update =
+        (database.Session().prepare
+             << "update recording_share set name = :name, path = :path,"
+                " description = :text, hidden = :hidden where id = :id and path = :former",
+         soci::use(folder.name), soci::use(folder.path), soci::use(folder.description), soci::use(isHidden),
+         soci::use(id), soci::use(folder.formerPath));
+    update.execute(true);
+    if (update.get_affected_rows() != 1) {
+        return false;
+    }
+    FollowRename(database, {0, share.GetName(), folder.formerPath}, {0, folder.name, folder.path});
+    transaction.Commit();
+    CheckToUpdatePVServiceLink({share.GetName(), folder.name});
+    return true;
+}
+
+// Who renames a share may die before its record says so, or not know of the record at all.
+bool FollowRenamedFolders(const std::list<RecShare>& shares) {
+    const RenamedFolders renamed = RenamedByFormerPath();
+    bool hasChanged = false;
+    for (const RecShare& share : shares) {
+        const auto folder = renamed.find(share.GetPath());
+        if (IsLocal(share) && folder != renamed.end()) {
+            hasChanged = Follow(share, folder->second) || hasChanged;
+        }
+    }
+    return hasChanged;
 }
 
 // Not everything that a share stands on is known to those who look after mounts: somebody may have mounted it
@@ -81,9 +140,10 @@ bool NoteLostMounts(std::list<RecShare> shares) {
 }
 
 bool Refresh() {
+    bool hasChanged = FollowRenamedFolders(ReadRecShares(0));
     const std::list<RecShare> shares = ReadRecShares(0);  // before the folders: what is noted later holds
     const auto folders = FoldersByPath();
-    bool hasChanged = NoteLostMounts(shares);
+    hasChanged = NoteLostMounts(shares) || hasChanged;
     for (const RecShare& share : shares) {
         const auto folder = folders.find(share.GetPath());
         if (!IsLocal(share) || folder == folders.end()) {

@@ -41,6 +41,22 @@ int KLIBShareUserRightGet(const char* user, const KORVSHARE* share);
 // 0 on success.
 int GetLocalShareListByWebApi(Json::Value& list, bool withState);
 
+// A shared folder that was renamed: where it was before its last rename, and what it is now.
+struct KORVRENAMEDSHARE {
+    std::string formerPath;
+    std::string name;
+    std::string path;
+    std::string description;
+    bool isHidden = false;
+};
+
+// The shared folders that were renamed, but for those whose former place another one has had since. So a
+// record of a folder at such a place, made when the folder was there, is one that does not know of the
+// rename.
+//   list  out; unchanged after a failure, which the platform's log has
+// 0 on success. Reads the list of shared folders only: no file system is asked.
+int ListRenamedShareFolders(std::vector<KORVRENAMEDSHARE>& list);
+
 // The paths of the encrypted shared folders that are unlocked, sorted, by the kernel's list of mounts: no
 // file system is asked. None when it can't be read.
 std::vector<std::string> ListUnlockedShareFolders();

@@ -16,6 +16,8 @@ from cluster import Cluster, enter_own_network
 from node import SHARE_API, wait_until
 
 _LOSSES = 3  # one of so many packets is lost
+# An edit by a client. What keeps a record in step with its folder changes other columns, and is not held up.
+_EDIT = "update of rec_limit_gb"
 
 
 @pytest.fixture(scope="module")
@@ -49,7 +51,26 @@ def create_far(cluster, member, name):
 
 
 def element(cluster, share_id, member, name):
-    return {"shareId": share_id, "shareRvId": cluster.ids[member.name], "sharePath": f"/volume1/{name}"}
+    number = 0 if member is None else cluster.ids[member.name]
+    return {"shareId": share_id, "shareRvId": number, "sharePath": f"/volume1/{name}"}
+
+
+def own_id(member, name):
+    return member.records()[f"/volume1/{name}", 0][0]
+
+
+def expect_both_to_have(cluster, member, present, absent):
+    """The server's folder and the records of both sides say the same."""
+    own, _ = member.records()[f"/volume1/{present}", 0]
+    _, on_rec = cluster.host.records()[f"/volume1/{present}", cluster.ids[member.name]]
+    assert own == on_rec
+    assert member.has_folder(f"/volume1/{present}")
+    expect_nobody_to_have(cluster, member, absent)
+
+
+def expect_nobody_to_have(cluster, member, name):
+    assert not member.has_folder(f"/volume1/{name}")
+    assert not any(path == f"/volume1/{name}" for each in (cluster.host, member) for path, _ in each.records())
 
 
 @contextlib.contextmanager
@@ -119,6 +140,99 @@ def test_a_host_killed_before_it_records_an_edit(cluster):
     assert answer["error"]["code"] == 111
     assert cluster.second.has_folder("/volume1/young")
     assert differences(cluster) == [("differs", cluster.ids["server2"], "/volume1/young", ["name", "path", "description"])]
+
+
+def edit(client, share, name, number=0):
+    return client.call(SHARE_API, "EditRecShare", rvId=number, shareId=share, shareName=name, description="d", recLimitGB=7)
+
+
+def test_a_server_killed_before_it_records_an_edit_of_its_own_share(cluster):
+    """Its folder has the new name, and its record follows."""
+    client = cluster.host.client("admin")
+    share = client.create("mine")["data"]["id"]
+    answer = kill_while_stuck(cluster.host, _EDIT, "korvd-public", lambda: edit(client, share, "ours"))
+    assert answer["error"]["code"] == 111
+    assert cluster.host.has_folder("/volume1/ours")
+    wait_until(lambda: ("/volume1/ours", 0) in cluster.host.records(), "the record follows its folder")
+    assert ("/volume1/mine", 0) not in cluster.host.records()
+    assert edit(client, share, "ours") == {"success": True}
+    assert cluster.host.rows("select description, rec_limit_gb from recording_share where id = ?", share) == [("d", 7)]
+
+
+def test_a_recording_server_killed_before_it_records_an_edit(cluster):
+    number = cluster.ids["server2"]
+    share = create_far(cluster, cluster.second, "asked")
+    client = cluster.host.client("admin")
+    answer = kill_while_stuck(cluster.second, _EDIT, "korvd-peer", lambda: edit(client, share, "got", number))
+    assert answer["error"]["code"] == 111
+    assert cluster.second.has_folder("/volume1/got")
+    assert ("/volume1/asked", number) in cluster.host.records(), "the host has not acted"
+    assert differences(cluster) == [("differs", number, "/volume1/got", ["name", "path", "description"])]
+    cluster.pavane(cluster.host, "server", "check", "--repair")
+    expect_both_to_have(cluster, cluster.second, "got", "asked")
+    assert edit(client, share, "got", number) == {"success": True}
+
+
+def test_a_recording_server_killed_before_it_records_its_own_edit(cluster):
+    """Its host has recorded it by then."""
+    number = cluster.ids["server3"]
+    create_far(cluster, cluster.third, "plain")
+    client = cluster.third.client("admin")
+    share = own_id(cluster.third, "plain")
+    answer = kill_while_stuck(cluster.third, _EDIT, "korvd-public", lambda: edit(client, share, "fancy"))
+    assert answer["error"]["code"] == 111
+    assert ("/volume1/fancy", number) in cluster.host.records()
+    assert differences(cluster) == [("differs", number, "/volume1/fancy", ["recLimitGB"])]
+    cluster.pavane(cluster.host, "server", "check", "--repair")
+    expect_both_to_have(cluster, cluster.third, "fancy", "plain")
+
+
+def test_a_host_killed_before_it_records_a_forwarded_edit(cluster):
+    """The recording server acts all the same and keeps the host's error."""
+    number = cluster.ids["server3"]
+    create_far(cluster, cluster.third, "slow")
+    client = cluster.third.client("admin")
+    share = own_id(cluster.third, "slow")
+    answer = kill_while_stuck(cluster.host, "update", "korvd-peer", lambda: edit(client, share, "quick"))
+    assert answer["error"]["code"] == 111
+    assert ("/volume1/slow", number) in cluster.host.records()
+    assert differences(cluster) == [("differs", number, "/volume1/quick", ["name", "path", "description", "recLimitGB"])]
+    cluster.pavane(cluster.host, "server", "check", "--repair")
+    expect_both_to_have(cluster, cluster.third, "quick", "slow")
+
+
+def test_a_host_killed_before_it_forgets_a_forwarded_deletion(cluster):
+    number = cluster.ids["server3"]
+    create_far(cluster, cluster.third, "waste")
+    client = cluster.third.client("admin")
+    wanted = element(cluster, own_id(cluster.third, "waste"), None, "waste")
+    answer = kill_while_stuck(cluster.host, "delete", "korvd-peer",
+                              lambda: client.call(SHARE_API, "DelRecShare", delShareList=[wanted]))
+    assert answer["error"]["code"] == 111
+    assert ("/volume1/waste", 0) not in cluster.third.records()
+    assert differences(cluster) == [("stale", number, "/volume1/waste", [])]
+    cluster.pavane(cluster.host, "server", "check", "--repair")
+    expect_nobody_to_have(cluster, cluster.third, "waste")
+
+
+def test_a_recording_server_killed_before_it_forgets_its_own_deletion(cluster):
+    """Its host has forgotten the share by then, and its folder is gone; deleted once more it is gone from both."""
+    number = cluster.ids["server3"]
+    create_far(cluster, cluster.third, "relic")
+    client = cluster.third.client("admin")
+    wanted = element(cluster, own_id(cluster.third, "relic"), None, "relic")
+
+    def delete():
+        return client.call(SHARE_API, "DelRecShare", delShareList=[wanted])
+
+    assert kill_while_stuck(cluster.third, "delete", "korvd-public", delete)["error"]["code"] == 111
+    assert not cluster.third.has_folder("/volume1/relic")
+    assert ("/volume1/relic", 0) in cluster.third.records()
+    assert differences(cluster) == [("missing", number, "/volume1/relic", [])]
+    cluster.pavane(cluster.host, "server", "check", "--repair")
+    assert ("/volume1/relic", number) in cluster.host.records()
+    assert delete() == {"success": True}
+    expect_nobody_to_have(cluster, cluster.third, "relic")
 
 
 def test_a_host_killed_before_it_forgets_a_deletion(cluster):

@@ -73,6 +73,35 @@ TEST_F(ShareRenameTest, MovesFolderRowRightsAndMounts) {
     EXPECT_FALSE(korv::HasMountRows("rec"));
 }
 
+std::string FormerPlaces() {
+    std::string places;
+    for (const korv::RenamedShare& each : korv::ListRenamedShares()) {
+        places += fs::path(each.formerPath).filename().string() + ">" + each.share.name + " ";
+    }
+    return places;
+}
+
+TEST_F(ShareRenameTest, TheFormerNameIsKnownUntilAnotherShareHasIt) {
+    const korv::ShareRow share = Make("rec");
+    EXPECT_EQ(FormerPlaces(), "");
+    ASSERT_EQ(korv::ChangeShare(share, Renamed(share, "new")).end, ChangeEnd::kDone);
+    const auto renamed = korv::FindShare("new");
+    korv::ShareRow described = *renamed;
+    described.description = "Yard";
+    ASSERT_EQ(korv::ChangeShare(*renamed, described).end, ChangeEnd::kDone);
+    EXPECT_EQ(FormerPlaces(), "rec>new ");
+    EXPECT_EQ(korv::ListRenamedShares().front().formerPath, share.Path());
+    EXPECT_EQ(korv::ListRenamedShares().front().share.description, "Yard");
+
+    ASSERT_EQ(korv::ChangeShare(*renamed, Renamed(*renamed, "rec")).end, ChangeEnd::kDone);
+    EXPECT_EQ(FormerPlaces(), "new>rec ");
+    const korv::ShareRow other = Make("other");
+    ASSERT_EQ(korv::ChangeShare(other, Renamed(other, "new")).end, ChangeEnd::kDone);
+    EXPECT_EQ(FormerPlaces(), "other>new ");
+    Make("other");
+    EXPECT_EQ(FormerPlaces(), "");
+}
+
 TEST_F(ShareRenameTest, ChangesCaseAloneAndDescribesWithoutRename) {
     korv::ShareRow share = Make("rec");
     ASSERT_EQ(korv::ChangeShare(share, Renamed(share, "REC")).end, ChangeEnd::kDone);

@@ -10,10 +10,13 @@
 #include "platform/pavane/services.h"
 #include "platform/pavane/shared_folder_storage.h"
 
+#include "korv/system/database.h"
+#include "korv/system/share_store.h"
 #include "pavane/recorder/archive_store.h"
 #include "pavane/recorder/backup_folders.h"
 #include "pavane/recorder/camera_store.h"
 #include "pavane/recorder/service_links.h"
+#include "pavane/recorder/share_state.h"
 #include "pavane/store/settings_table.h"
 #include "tests/unit/pavane/test_node.h"
 
@@ -23,7 +26,12 @@ namespace fs = std::filesystem;
 
 class ShareLife : public StoreTest {
 protected:
-    ShareLife() { fs::remove_all(Links()); }
+    ShareLife() {
+        fs::remove_all(Links());
+        korv::Database() << "delete from share";
+    }
+    // Other tests fork.
+    ~ShareLife() override { korv::CloseDatabase(); }
 
     static std::string Links() { return TestNode::Instance().StateDir() + "/links"; }
 
@@ -49,6 +57,27 @@ protected:
             paths.push_back(camera.recordingPath);
         }
         return paths;
+    }
+
+    // A shared folder, with the name that it had before.
+    static void MakeFolder(const std::string& former, const std::string& name) {
+        korv::WriteTransaction transaction(korv::Database());
+        korv::ShareRow folder;
+        folder.name = former;
+        folder.volPath = "/volume1";
+        folder.token = former + name;
+        korv::AddShare(folder);
+        folder.name = name;
+        folder.description = "seen by all";
+        folder.isHidden = true;
+        korv::SaveShareFacts(folder);
+        transaction.Commit();
+    }
+
+    static RecShare Loaded(const RecShare& share) {
+        RecShare loaded;
+        EXPECT_EQ(loaded.Load(share.GetId()), 0);
+        return loaded;
     }
 
     int Count(const std::string& table) {
@@ -149,6 +178,46 @@ TEST_F(ShareLife, ARenameOntoAnotherSharesFolderChangesNothing) {
     RecShare kept;
     ASSERT_EQ(kept.Load(share.GetId()), 0);
     EXPECT_EQ(kept.GetName(), "rec");
+}
+
+TEST_F(ShareLife, ARecordFollowsItsFolderWhenItMissedTheRename) {
+    MakeFolder("old", "young");
+    RecShare share = Saved("old");
+    share.SetRecLimitGB(7);
+    ASSERT_EQ(share.Save(), 0);
+    const RecShare theirs = Saved("old", 2);
+    std::vector<pavane::CameraRecord> cameras{{0, 0, "a", "/volume1/old/a", 0}};
+    pavane::ImportCameras(cameras);
+    CheckToUpdatePVServiceLink("old");
+
+    LoadRecShareFromDB(0);
+    const RecShare followed = Loaded(share);
+    EXPECT_EQ(followed.GetName(), "young");
+    EXPECT_EQ(followed.GetPath(), "/volume1/young");
+    EXPECT_EQ(followed.GetDescription(), "seen by all");
+    EXPECT_TRUE(followed.GetHidden());
+    EXPECT_EQ(followed.GetRecLimitGB(), 7);
+    EXPECT_EQ(CameraPaths(), std::list<std::string>{"/volume1/young/a"});
+    EXPECT_EQ(pavane::ListServiceLinks().front().path, "/volume1/young");
+    EXPECT_EQ(Loaded(theirs).GetPath(), "/volume1/old") << "that one's folder is on another server";
+    EXPECT_FALSE(pavane::RefreshShareStates()) << "once is enough";
+}
+
+TEST_F(ShareLife, ARecordDoesNotFollowToAnotherRecordsFolder) {
+    MakeFolder("was", "is");
+    const RecShare stale = Saved("was");
+    const RecShare right = Saved("is");
+    EXPECT_FALSE(pavane::RefreshShareStates());
+    EXPECT_EQ(Loaded(stale).GetPath(), "/volume1/was");
+    EXPECT_EQ(Loaded(right).GetPath(), "/volume1/is");
+}
+
+TEST_F(ShareLife, ARecordOfAFolderThatWasMadeAnewStays) {
+    MakeFolder("first", "second");
+    MakeFolder("first", "first");
+    const RecShare share = Saved("first");
+    EXPECT_FALSE(pavane::RefreshShareStates());
+    EXPECT_EQ(Loaded(share).GetPath(), "/volume1/first");
 }
 
 TEST_F(ShareLife, TenThousandRecordsAreDeletedAtOnceWithTheirLinks) {
