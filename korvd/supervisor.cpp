@@ -112,6 +112,7 @@ bool Supervisor::StartAll() {
                       {Role::kPeerWorker});
     m_children.push_back({Role::kMountKeeper});
     m_children.push_back({Role::kJobs});
+    m_children.push_back({Role::kLongJobs});
     m_children.push_back({Role::kShareJobs});
     korv::LogLine("korvd serves on " + m_settings.listen);
     return true;
@@ -189,14 +190,15 @@ void Supervisor::StartShareJobs(Child& child) {
 
 void Supervisor::StartJobs(Child& child) {
     const bool isSuccessorOfTheDead = std::exchange(child.isOfTheDead, false);
+    const auto length = child.role == Role::kLongJobs ? KORV::JobLength::kLong : KORV::JobLength::kShort;
     child.started = Clock::now();
-    child.pid = Fork([this, isSuccessorOfTheDead] {
+    child.pid = Fork([this, isSuccessorOfTheDead, length] {
         close(m_publicSocket.Get());
         close(m_peerSocket.Get());
         if (isSuccessorOfTheDead) {
             RecoverAfterDeath();
         }
-        return korv::RunJobs();
+        return korv::RunJobs(length);
     });
 }
 
@@ -212,6 +214,7 @@ void Supervisor::Restart(Child& child) {
                 StartMountKeeper(child);
                 break;
             case Role::kJobs:
+            case Role::kLongJobs:
                 StartJobs(child);
                 break;
             case Role::kShareJobs:
@@ -270,8 +273,8 @@ void Supervisor::NoteDeath(Child& child, int status) {
 void Supervisor::StopAll() {
     m_isStopping = true;
     korv::LogLine("korvd ends");
-    constexpr std::array kForked{Role::kPublicWorker, Role::kPeerWorker, Role::kMountKeeper, Role::kJobs,
-                                 Role::kShareJobs};
+    constexpr std::array kForked{Role::kPublicWorker, Role::kPeerWorker, Role::kMountKeeper,
+                                 Role::kJobs,         Role::kLongJobs,   Role::kShareJobs};
     for (const Role role : kForked) {
         Signal(role, SIGTERM);
     }
@@ -353,6 +356,7 @@ std::string Supervisor::NameOf(Role role) {
         case Role::kNginx:
             return "nginx";
         case Role::kJobs:
+        case Role::kLongJobs:
             return "job process";
         case Role::kShareJobs:
             return "share job process";

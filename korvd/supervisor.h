@@ -10,8 +10,8 @@
 #include "korv/system/file_descriptor.h"
 #include "korv/system/settings.h"
 
-// Keeps nginx, the worker pools and the job process running: starts them, replaces what dies (at once after a
-// good life, with growing delays otherwise), and ends all of them when asked to. One thread; waits for
+// Keeps nginx, the worker pools and the job processes running: starts them, replaces what dies (at once after
+// a good life, with growing delays otherwise), and ends all of them when asked to. One thread; waits for
 // signals only.
 class Supervisor {
 public:
@@ -27,7 +27,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    enum class Role { kNginx, kPublicWorker, kPeerWorker, kMountKeeper, kJobs, kShareJobs };
+    enum class Role { kNginx, kPublicWorker, kPeerWorker, kMountKeeper, kJobs, kLongJobs, kShareJobs };
 
     struct Child {
         Role role;

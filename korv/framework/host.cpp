@@ -58,8 +58,9 @@ void KORV::RegisterHealthCheck(const std::string& name, std::function<std::strin
 
 void KORV::RegisterPairCheck(PairCheck check) { RegisteredPairCheck() = std::move(check); }
 
-void KORV::RegisterPeriodicJob(const std::string& name, int interval_s, std::function<void()> job) {
-    RegisteredJobs()[name] = {std::max(interval_s, 1), std::move(job)};
+void KORV::RegisterPeriodicJob(const std::string& name, int interval_s, JobLength length,
+                               std::function<void()> job) {
+    RegisteredJobs()[name] = {std::max(interval_s, 1), length, std::move(job)};
 }
 
 const std::map<std::string, korv::PeriodicJob>& korv::PeriodicJobs() { return RegisteredJobs(); }

@@ -6,6 +6,8 @@
 
 #include <json/json.h>
 
+#include "platform/korv/host.h"
+
 // What application libraries have registered in this process (platform/korv/host.h).
 namespace korv {
 
@@ -23,6 +25,7 @@ void AnnounceMountState(const std::string& mountPoint, bool isNormal);
 
 struct PeriodicJob {
     int interval_s = 1;
+    KORV::JobLength length = KORV::JobLength::kShort;
     std::function<void()> run;
 };
 

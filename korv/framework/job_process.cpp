@@ -54,11 +54,14 @@ void Wait(Clock::time_point due) {
     sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
-void RunDueJobs(pid_t supervisor) {
+void RunDueJobs(pid_t supervisor, KORV::JobLength length) {
     std::map<std::string, Clock::time_point> due;
     while (!IsStopRequested() && getppid() == supervisor) {
         Clock::time_point next = Clock::now() + kIdleWait;
         for (const auto& [name, job] : PeriodicJobs()) {
+            if (job.length != length) {
+                continue;
+            }
             Clock::time_point& time = due[name];
             if (!IsStopRequested() && time <= Clock::now()) {
                 RunOnce(name, job);
@@ -72,10 +75,10 @@ void RunDueJobs(pid_t supervisor) {
 
 }  // namespace
 
-int RunJobs() {
+int RunJobs(KORV::JobLength length) {
     const pid_t supervisor = getppid();
-    prctl(PR_SET_NAME, "korvd-jobs");
-    return RunServiceProcess([supervisor] { RunDueJobs(supervisor); });
+    prctl(PR_SET_NAME, length == KORV::JobLength::kLong ? "korvd-longjobs" : "korvd-jobs");
+    return RunServiceProcess([supervisor, length] { RunDueJobs(supervisor, length); });
 }
 
 }  // namespace korv

@@ -78,8 +78,12 @@ extern "C" void OnModuleLoaded() {
     KORV::RegisterHealthCheck("application database", pavane::CheckAppDatabase);
     KORV::RegisterPairCheck(pavane::AdmitPeer);
     KORV::RegisterMountObserver(pavane::NoteMountState);
-    KORV::RegisterPeriodicJob("state of paired servers", pavane::kRefreshInterval_s,
+    using KORV::JobLength;
+    KORV::RegisterPeriodicJob("state of paired servers", pavane::kRefreshInterval_s, JobLength::kShort,
                               pavane::RefreshServerStates);
-    KORV::RegisterPeriodicJob("state of shares", pavane::kShareStateInterval_s, pavane::RefreshShareStates);
-    KORV::RegisterPeriodicJob("rotation", pavane::kRotationInterval_s, pavane::RotateDueShares);
+    KORV::RegisterPeriodicJob("state of shares", pavane::kShareStateInterval_s, JobLength::kShort,
+                              pavane::RefreshShareStates);
+    // It walks folders that may be large, on disks that may be slow.
+    KORV::RegisterPeriodicJob("rotation", pavane::kRotationInterval_s, JobLength::kLong,
+                              pavane::RotateDueShares);
 }

@@ -27,11 +27,18 @@ void RegisterPairCheck(PairCheck check);
 // one at `mountPoint` is normal. Most of that is no news: an observer must be quick then.
 void RegisterMountObserver(std::function<void(const std::string& mountPoint, bool isNormal)> observer);
 
-// Has `job` run now and then in the node's one job process, never in a process that serves requests.
+enum class JobLength {
+    kShort,  // ends within seconds, however slow the disks are
+    kLong,
+};
+
+// Has `job` run now and then in one of the node's two job processes, never in a process that serves requests.
 //   name        unique; a second registration replaces the first
 //   interval_s  seconds from the end of one run to the next, at least 1; the first run follows the start
-// Runs as the service user with saved uid 0, one job at a time: it should end within seconds. What it throws
-// is logged and it is tried again after the interval; should the process die, a new one starts all jobs anew.
-void RegisterPeriodicJob(const std::string& name, int interval_s, std::function<void()> job);
+//   length      the jobs of each length have a process, so that a long one holds up no short one
+// Runs as the service user with saved uid 0, one job of a length at a time. What it throws is logged and it
+// is tried again after the interval; should the process die, a new one starts all of its jobs anew.
+void RegisterPeriodicJob(const std::string& name, int interval_s, JobLength length,
+                         std::function<void()> job);
 
 }  // namespace KORV
