@@ -151,7 +151,18 @@ TEST_F(Peers, WhatIsNoAnswerOfAWebApiIsAFailedSend) {
           std::string(R"({"error":{"code":443,"errors":[1]}})"),
           std::string(R"({"error":{"code":443,"errors":{"param1":{}}}})"),
           std::string(R"({"error":{"code":443},"data":[1]})"), std::string(R"({"success":true,"data":[1]})"),
-          std::string(R"({"success":true,"data":"1"})")}) {
+          std::string(R"({"success":true,"data":"1"})"),
+          // What those who sent the request take out of it.
+          std::string(R"({"success":true,"data":{"id":"7"}})"),
+          std::string(R"({"success":true,"data":{"id":[7]}})"),
+          std::string(R"({"success":true,"data":{"id":3000000000}})"),
+          std::string(R"({"success":true,"data":{"id":7,"fsType":"ext4"}})"),
+          std::string(R"({"success":true,"data":{"id":7,"totalSize":-1}})"),
+          std::string(R"({"success":true,"data":{"id":7,"blMigrating":"no"}})"),
+          std::string(R"({"success":true,"data":{"id":7,"encType":{}}})"),
+          std::string(R"({"success":true,"data":{"usage":{"name":"a"}}})"),
+          std::string(R"({"success":true,"data":{"usage":["a"]}})"),
+          std::string(R"({"error":{"code":443},"data":{"stopOnHostError":"yes"}})")}) {
         const HttpStandIn host(OkAnswer(body));
         Session() << "delete from cms_host";
         AddHost(host.Address());
