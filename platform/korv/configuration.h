@@ -18,7 +18,7 @@ struct Configuration {
     std::string peerListen;            // ADDRESS:PORT for paired servers, always TLS; empty = not reachable
     std::string peerAddress;           // "https://HOST:PORT" under which they reach it; empty = found out
     std::string peerCertificate;       // PEM file of the certificate that it shows there
-    int peerAnswer_s = 30;             // longest time that a recording server may take for an answer
+    int peerAnswer_s = 38;             // longest time that a recording server may take for an answer
 };
 
 // The configuration of this process, read once from the file that the environment variable KORV_CONFIG names

@@ -21,6 +21,7 @@ TEST(Configuration, LeavesTheDefaultsWhereNothingIsSaid) {
     EXPECT_EQ(settings.listen, "127.0.0.1:5080");
     EXPECT_EQ(settings.workers.publicCount, 4);
     EXPECT_EQ(settings.session.idle_s, 1800);
+    EXPECT_EQ(settings.node.peerAnswer_s, 38) << "more than an attempt to mount, less than a host is given";
 }
 
 TEST(Configuration, ReadsEveryKey) {
