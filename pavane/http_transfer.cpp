@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include <sys/socket.h>
+
 namespace pavane {
 
 namespace {
@@ -34,6 +36,14 @@ std::size_t ReceiveHeader(char* data, std::size_t size, std::size_t count, void*
         reply->date_s = std::max<std::int64_t>(curl_getdate(date.c_str(), nullptr), 0);
     }
     return line.size();
+}
+
+// A connection is cut off when it is closed: a request that has not got through when its sender gives up must
+// not arrive afterwards, when nobody counts on it any more.
+int CutOffAtClose(void* /*context*/, curl_socket_t socket, curlsocktype /*purpose*/) {
+    constexpr linger kAtOnce{1, 0};
+    return setsockopt(socket, SOL_SOCKET, SO_LINGER, &kAtOnce, sizeof kAtOnce) == 0 ? CURL_SOCKOPT_OK
+                                                                                    : CURL_SOCKOPT_ERROR;
 }
 
 int ReportProgress(void* context, curl_off_t /*downTotal*/, curl_off_t /*down*/, curl_off_t /*upTotal*/,
@@ -92,6 +102,7 @@ void HttpTransfer::SetUp() {
     curl_easy_setopt(m_handle, CURLOPT_HEADERFUNCTION, &ReceiveHeader);
     curl_easy_setopt(m_handle, CURLOPT_HEADERDATA, &m_reply);
     curl_easy_setopt(m_handle, CURLOPT_MAXCONNECTS, kKeptConnections);
+    curl_easy_setopt(m_handle, CURLOPT_SOCKOPTFUNCTION, &CutOffAtClose);
     if (!m_post.unixSocket.empty()) {
         curl_easy_setopt(m_handle, CURLOPT_UNIX_SOCKET_PATH, m_post.unixSocket.c_str());
     }
@@ -119,8 +130,11 @@ HttpReply HttpTransfer::Finish(CURLcode result) {
     if (curl_easy_getinfo(m_handle, CURLINFO_LOCAL_IP, &localIp) == CURLE_OK && localIp != nullptr) {
         m_reply.localIp = localIp;
     }
+    // A kept connection took no time to be made.
+    long sent_bytes = 0;
+    curl_easy_getinfo(m_handle, CURLINFO_REQUEST_SIZE, &sent_bytes);
     m_reply.neverConnected = result == CURLE_COULDNT_CONNECT || result == CURLE_COULDNT_RESOLVE_HOST ||
-                             (result == CURLE_OPERATION_TIMEDOUT && connected_us == 0);
+                             (m_reply.timedOut && connected_us == 0 && sent_bytes == 0);
     if (!m_reply.ok) {
         m_reply.failure = curl_easy_strerror(result);
         m_reply.body.clear();
