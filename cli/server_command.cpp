@@ -57,7 +57,10 @@ std::string ProblemText(const std::string& problem) {
         return "it gives no answer";
     }
     if (problem == "bad_answer") {
-        return "what answers is another server";
+        return "what answers there is no recorder";
+    }
+    if (problem == "other_server") {
+        return "what answers is another server than was paired";
     }
     if (problem == "key_changed") {
         return "it shows another key than when it was paired";
@@ -73,6 +76,12 @@ std::string ProblemText(const std::string& problem) {
     }
     if (problem == "busy") {
         return "it answers with an error";
+    }
+    if (problem == "failed") {
+        return "this server could not ask it; see its log";
+    }
+    if (problem == "not_asked") {
+        return "this server is no host and asks nobody";
     }
     return problem;
 }
@@ -340,10 +349,11 @@ void AddServerCommands(CLI::App& app, Context& context) {
     server->add_subcommand("list", "List the recording servers")->callback([&context] {
         context.chosen = [&context] { List(context); };
     });
-    AddIdCommand(*server, context, "enable", "Let requests go to and come from it",
+    AddIdCommand(*server, context, "enable", "Include it in requests to all servers again, and let it relay",
                  [](const Context& used, int id) { used.MakeClient().Call(kApi, "enable", WithId(id)); });
     AddIdCommand(*server, context, "disable",
-                 "Leave it out of requests to all servers, and refuse what it relays",
+                 "Leave it out of requests to all servers and refuse what it relays; requests that name it "
+                 "still go there",
                  [](const Context& used, int id) { used.MakeClient().Call(kApi, "disable", WithId(id)); });
     AddFailover(*server, context);
     AddCheck(*server, context);

@@ -50,6 +50,11 @@ const Field kFields[] = {
      }},
     {"mountSource", [](const RecShare& share) { return Json::Value(share.GetMountSource()); },
      [](RecShare& share, const Json::Value& value) { share.SetMountSource(value.asString()); }},
+    {"mountStatus",
+     [](const RecShare& share) { return Json::Value(static_cast<int>(share.GetMountStatus())); },
+     [](RecShare& share, const Json::Value& value) {
+         SetMountStatus(share, static_cast<SHARE_MOUNT_STATUS>(value.asInt()));
+     }},
     {"autoMount", [](const RecShare& share) { return Json::Value(share.GetAutoMount()); },
      [](RecShare& share, const Json::Value& value) { share.SetAutoMount(value.asBool()); }},
     {"migrating", [](const RecShare& share) { return Json::Value(share.GetMigrating()); },

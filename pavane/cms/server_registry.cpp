@@ -83,6 +83,11 @@ void SetCmsRole(CmsRole role) {
                                                          : "");
     SetSetting("rec_server_status", "0");
     SetSetting("cms_enabled", role == CmsRole::kNone ? "0" : "1");
+    if (role != CmsRole::kHost) {  // nobody keeps the states from here on
+        const int offline = RV_STATUS_OFFLINE;
+        AppDatabase().Session() << "update rec_server set status = :status, problem = 'not_asked'",
+            soci::use(offline);
+    }
 }
 
 // Several processes may ask first at the same time: the first one's serial counts.
@@ -162,11 +167,14 @@ void NoteRecServerState(int id, int status, const std::string& problem, const st
     const long long now_s = std::time(nullptr);
     const int seen = answered ? 1 : 0;
     const int withVersion = version.empty() ? 0 : 1;
-    AppDatabase().Session() << "update rec_server set status = :status, problem = :problem, checked_s = :now,"
-                               " seen_s = case when :seen = 1 then :then else seen_s end,"
-                               " version = case when :with = 1 then :version else version end where id = :id",
+    const std::string host = kHostRole;
+    AppDatabase().Session()
+        << "update rec_server set status = :status, problem = :problem, checked_s = :now,"
+           " seen_s = case when :seen = 1 then :then else seen_s end,"
+           " version = case when :with = 1 then :version else version end where id = :id"
+           " and exists (select 1 from setting where name = 'cms_role' and value = :host)",
         soci::use(status), soci::use(problem), soci::use(now_s), soci::use(seen), soci::use(now_s),
-        soci::use(withVersion), soci::use(version), soci::use(id);
+        soci::use(withVersion), soci::use(version), soci::use(id), soci::use(host);
 }
 
 std::optional<HostRecord> PairedHost() {

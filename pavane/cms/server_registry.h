@@ -12,7 +12,8 @@ namespace pavane {
 enum class CmsRole { kNone, kHost, kRecServer };
 
 CmsRole GetCmsRole();
-// Also switches central management on, or off for kNone.
+// Also switches central management on, or off for kNone. A server that is no host knows no states of others:
+// all its recording servers count as offline from then on.
 void SetCmsRole(CmsRole role);
 
 // This server's own serial: random, made at first use, the same from then on.
@@ -58,7 +59,8 @@ bool RemoveRecServer(int id);
 bool SetRecServerEnabled(int id, bool enabled);
 bool SetRecServerFailover(int id, bool standby, bool takenOver);
 
-// Keeps what was found out about a server just now; `version` is left alone when empty.
+// Keeps what was found out about a server just now, unless this server is no host any more; `version` is left
+// alone when empty.
 void NoteRecServerState(int id, int status, const std::string& problem, const std::string& version,
                         bool answered);
 

@@ -1,5 +1,7 @@
 #include "pavane/cms/server_state.h"
 
+#include <cstdint>
+#include <ctime>
 #include <map>
 #include <vector>
 
@@ -16,7 +18,11 @@ namespace {
 constexpr const char* kSource = "pavane/cms/server_state";
 constexpr int kWait_s = 5;
 constexpr int kWaitWithWayBack_s = 12;
+// A question waits at the other server as long as all of its workers for peers carry out relays; the longest
+// of these, a mount, takes 38 s.
+constexpr int kSilenceAllowed_s = 45;
 constexpr int kErrorNotAllowed = 105;
+constexpr const char* kNoAnswer = "no_answer";
 constexpr const char* kInOrder = "0";
 constexpr const char* kUnpaired = "2";
 
@@ -36,7 +42,7 @@ const char* ProblemOf(SendFailure failure) {
         case SendFailure::kUnreachable:
             return "unreachable";
         case SendFailure::kNoAnswer:
-            return "no_answer";
+            return kNoAnswer;
         case SendFailure::kKeyChanged:
             return "key_changed";
         case SendFailure::kBadAnswer:
@@ -61,8 +67,9 @@ std::string TextOf(const Json::Value& object, const char* key) {
 }
 
 ServerState JudgeAnswer(const Json::Value& data, const std::string& expectedSerial) {
-    if (TextOf(data, "serial") != expectedSerial) {
-        return Problem(RV_STATUS_OFFLINE, "bad_answer", true);
+    const std::string serial = TextOf(data, "serial");
+    if (serial.empty() || serial != expectedSerial) {
+        return Problem(RV_STATUS_OFFLINE, serial.empty() ? "bad_answer" : "other_server", true);
     }
     ServerState state;
     state.version = TextOf(data, "version");
@@ -126,9 +133,21 @@ ServerState Judge(const SendOutcome& outcome, const Json::Value& reply, const st
     return code == 0 ? JudgeAnswer(reply["data"], expectedSerial) : JudgeRefusal(code, outcome);
 }
 
-void Note(int rvId, const std::string& problemBefore, const ServerState& state) {
-    NoteRecServerState(rvId, state.status, state.problem, state.version, state.answered);
-    LogChange("recording server " + std::to_string(rvId), problemBefore, state.problem);
+// True for a server whose connection stands and that only answers late. By a clock that was set back nothing
+// is known.
+bool MayBeBusyOnly(const RecServerRecord& before, const ServerState& state) {
+    const std::int64_t silent_s = static_cast<std::int64_t>(std::time(nullptr)) - before.seen_s;
+    return state.problem == kNoAnswer && before.status == RV_STATUS_ONLINE && silent_s >= 0 &&
+           silent_s < kSilenceAllowed_s;
+}
+
+void Note(const RecServerRecord& before, ServerState state) {
+    if (MayBeBusyOnly(before, state)) {
+        state.status = RV_STATUS_ONLINE;
+        state.problem = before.problem;
+    }
+    NoteRecServerState(before.id, state.status, state.problem, state.version, state.answered);
+    LogChange("recording server " + std::to_string(before.id), before.problem, state.problem);
 }
 
 // Each state is kept as soon as it is known.
@@ -142,7 +161,7 @@ void RefreshRecServers() {
     AskRecServers(ids, Ping(false), kWait_s,
                   [&](int rvId, const SendOutcome& outcome, const Json::Value& reply) {
                       const RecServerRecord& server = servers.at(rvId);
-                      Note(rvId, server.problem, Judge(outcome, reply, server.serial));
+                      Note(server, Judge(outcome, reply, server.serial));
                   });
 }
 
@@ -174,7 +193,9 @@ ServerState AskServer(int rvId, bool wayBack) {
 ServerState RefreshRecServer(int rvId, bool wayBack) {
     const auto before = FindRecServer(rvId);
     ServerState state = AskServer(rvId, wayBack);
-    Note(rvId, before ? before->problem : state.problem, state);
+    if (before) {
+        Note(*before, state);
+    }
     return state;
 }
 

@@ -18,13 +18,15 @@ inline constexpr const char* kCmsApi = "KORV.Pavane.CMS";
 //   problem  empty when it is in order, else one of
 //            unreachable    no connection
 //            no_answer      connected, but no answer in time
-//            bad_answer     an answer that is none of a recorder, or of another one than was paired
+//            bad_answer     an answer that is none of a recorder
+//            other_server   an answer of another server than was paired
 //            key_changed    it shows another key than when it was paired
 //            unpaired       it does not know this server any more
 //            clock          its clock is too far from this server's to accept pairing keys
 //            version        it runs another version
 //            busy           it answers, but with an error
 //            failed         this server could not ask
+//            not_asked      this server has given up its role as host, and asks nobody
 struct ServerState {
     RV_STATUS status = RV_STATUS_OFFLINE;
     std::string problem;
@@ -37,7 +39,9 @@ struct ServerState {
 // turn. Blocks for a few seconds at most.
 ServerState AskServer(int rvId, bool wayBack);
 
-// Asks and keeps the result where IsRvOnline and its like look; a change is logged.
+// Asks and keeps the result where IsRvOnline and its like look; a change is logged. A server that was online
+// and whose connection stands stays so until it has given no answer for three quarters of a minute: its
+// workers for peers may all be busy with relays. Nothing is kept when this server is no host.
 ServerState RefreshRecServer(int rvId, bool wayBack);
 
 // The periodic job: a host refreshes its recording servers, a recording server the state of its pairing.

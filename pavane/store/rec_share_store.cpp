@@ -322,6 +322,10 @@ int DelRecShareById(const std::list<int>& ids) {
     }
 }
 
+void pavane::SetMountStatus(RecShare& share, SHARE_MOUNT_STATUS status) {
+    RecShareAccess::SetMountStatus(share, status);
+}
+
 std::list<RecShare> pavane::ReadRecShares(int rvId) {
     std::list<RecShare> shares;
     soci::session& session = pavane::AppDatabase().Session();

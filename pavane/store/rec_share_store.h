@@ -9,4 +9,7 @@ namespace pavane {
 // As LoadRecShareFromDB, with what the records say; throws (pavane/store/database.h).
 std::list<RecShare> ReadRecShares(int rvId);
 
+// Of the record in memory, for whoever saves it then; UpdateShareMountInfo keeps what is seen of a mount.
+void SetMountStatus(RecShare& share, SHARE_MOUNT_STATUS status);
+
 }  // namespace pavane

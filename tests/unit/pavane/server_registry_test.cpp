@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <ctime>
 #include <exception>
 #include <string>
 #include <vector>
@@ -138,13 +139,14 @@ TEST_F(Registry, AStateIsWhatTheServerAnswers) {
     const Case cases[] = {
         {OkAnswer(Answer("A", PAVANE_VERSION)), RV_STATUS_ONLINE, ""},
         {OkAnswer(Answer("A", "0.0.0")), RV_STATUS_VERSION_DIFFERS, "version"},
-        {OkAnswer(Answer("B", PAVANE_VERSION)), RV_STATUS_OFFLINE, "bad_answer"},
+        {OkAnswer(Answer("B", PAVANE_VERSION)), RV_STATUS_OFFLINE, "other_server"},
         {OkAnswer("{}"), RV_STATUS_OFFLINE, "bad_answer"},
         {OkAnswer("no"), RV_STATUS_OFFLINE, "bad_answer"},
         {OkAnswer(R"({"success":false,"error":{"code":111}})"), RV_STATUS_OFFLINE, "busy"},
         {head + "\r\n" + refusal, RV_STATUS_UNPAIRED, "unpaired"},
         {head + "Date: Thu, 01 Jan 2015 00:00:00 GMT\r\n\r\n" + refusal, RV_STATUS_OFFLINE, "clock"},
     };
+    pavane::SetCmsRole(CmsRole::kHost);
     for (const Case& each : cases) {
         const HttpStandIn server(each.answer);
         const int id = AddServer("A", server.Address());
@@ -157,6 +159,45 @@ TEST_F(Registry, AStateIsWhatTheServerAnswers) {
     const int id = AddServer("A", "http://127.0.0.1:1");
     EXPECT_EQ(pavane::RefreshRecServer(id, false).problem, "unreachable");
     EXPECT_EQ(pavane::AskServer(9999, false).status, RV_STATUS_UNPAIRED);
+}
+
+// Its workers for peers may all be busy with what the host itself has asked for.
+TEST_F(Registry, AServerThatWasOnlineMayBeSilentForAWhile) {
+    const HttpStandIn silent("");
+    const int id = AddServer("A", silent.Address());
+    pavane::SetCmsRole(CmsRole::kHost);
+    const auto afterAnswer = [&](int age_s) {
+        const long long seen_s = std::time(nullptr) - age_s;
+        Session() << "update rec_server set status = 0, problem = '', seen_s = :seen", soci::use(seen_s);
+        pavane::RefreshRecServer(id, false);
+        const auto server = pavane::FindRecServer(id);
+        EXPECT_EQ(server->seen_s, seen_s);
+        return std::to_string(server->status) + server->problem;
+    };
+    EXPECT_EQ(afterAnswer(20), "0");
+    EXPECT_EQ(afterAnswer(60), "1no_answer");
+    EXPECT_EQ(afterAnswer(-600), "1no_answer") << "the clock was set back";
+    AddServer("A", "http://127.0.0.1:1");
+    EXPECT_EQ(afterAnswer(0), "1unreachable") << "there is nobody to wait for";
+}
+
+TEST_F(Registry, AServerThatIsNoHostKnowsNoStates) {
+    const HttpStandIn server(OkAnswer(Answer("A", PAVANE_VERSION)));
+    const int id = AddServer("A", server.Address());
+    pavane::SetCmsRole(CmsRole::kHost);
+    pavane::RefreshServerStates();
+    EXPECT_EQ(pavane::FindRecServer(id)->status, RV_STATUS_ONLINE);
+    pavane::SetCmsRole(CmsRole::kNone);
+    const auto isNotAsked = [&] {
+        const auto record = pavane::FindRecServer(id);
+        return record->status == RV_STATUS_OFFLINE && record->problem == "not_asked";
+    };
+    EXPECT_TRUE(isNotAsked());
+    pavane::NoteRecServerState(id, RV_STATUS_ONLINE, "", "", true);
+    EXPECT_TRUE(isNotAsked()) << "an answer that comes late counts no more";
+    pavane::SetCmsRole(CmsRole::kHost);
+    pavane::RefreshServerStates();
+    EXPECT_EQ(pavane::FindRecServer(id)->status, RV_STATUS_ONLINE);
 }
 
 TEST_F(Registry, AServerThatDoesNotAnswerHoldsUpNoOther) {
@@ -207,6 +248,7 @@ TEST_F(Registry, EachServerGetsItsStateWhenManyAreAsked) {
 
 TEST_F(Registry, NothingIsSentInTheClearAcrossTheNetwork) {
     const int id = AddServer("A", "http://192.0.2.1:80");
+    pavane::SetCmsRole(CmsRole::kHost);
     EXPECT_EQ(pavane::RefreshRecServer(id, false).problem, "unreachable");
     const std::string log = ReadFile(TestNode::Instance().LogDir() + "/pavane.log");
     EXPECT_NE(log.find("The state of recording server " + std::to_string(id) + " is now: unreachable"),
@@ -261,6 +303,30 @@ TEST_F(Registry, ARecordWhosePathIsAnothersByNowIsStillItself) {
     RecShare kept;
     ASSERT_EQ(kept.LoadByPath("/volume1/second", server), 0);
     EXPECT_EQ(kept.GetId(), drifts[1].atHost.GetId()) << "what names the record goes on meaning it";
+}
+
+TEST_F(Registry, ALostMountIsADrift) {
+    RecShare remote = MakeShare("/volume1/remote", 0, 0);
+    remote.SetMountType(SHARE_MOUNT_NFS);
+    Save(remote);
+    Json::Value answer = pavane::OwnRecords();
+    const int server = AddServer("A");
+    EXPECT_TRUE(pavane::RepairDrift(pavane::FindDrift(server, answer)));
+    ASSERT_EQ(remote.LoadByPath("/volume1/remote", 0), 0);
+    UpdateShareMountInfo(SHARE_MOUNT_FAILED, remote, false, false);
+
+    answer = pavane::OwnRecords();
+    const auto drifts = pavane::FindDrift(server, answer);
+    ASSERT_EQ(drifts.size(), 1U);
+    EXPECT_EQ(drifts[0].fields, std::vector<std::string>{"mountStatus"});
+    EXPECT_TRUE(pavane::RepairDrift(drifts));
+    RecShare atHost;
+    ASSERT_EQ(atHost.LoadByPath("/volume1/remote", server), 0);
+    EXPECT_EQ(atHost.GetMountStatus(), SHARE_MOUNT_FAILED);
+    EXPECT_TRUE(pavane::FindDrift(server, answer).empty());
+
+    answer[0].removeMember("mountStatus");
+    EXPECT_EQ(pavane::FindDrift(server, answer).size(), 1U) << "what is not said is normal";
 }
 
 TEST_F(Registry, ExchangedAndPassedOnPathsAreRepaired) {
