@@ -136,6 +136,12 @@ def pair_key(secret, at):
     return hmac.new(secret.encode(), at.encode(), hashlib.sha256).hexdigest()
 
 
+def failure(code):
+    """A whole answer of a method that failed and has nothing to add."""
+    params = {"param1": "", "param2": ""}
+    return {"success": False, "error": {"code": code, "errors": params}, "data": params}
+
+
 def send_as_peer(member, serial, secret, api, method, at=None, key=None, **parameters):
     """What `member` answers to a request that a paired server would send."""
     at = at or stamp()

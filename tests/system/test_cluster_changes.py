@@ -10,7 +10,7 @@ import time
 import pytest
 
 import samba
-from cluster import OUTSIDE, Cluster, FakePeer, enter_own_network
+from cluster import OUTSIDE, Cluster, FakePeer, enter_own_network, failure
 from node import SHARE_API, wait_until
 
 _FIELDS = ("name, path, volume, description, hidden, enc_type, fs_type, mount_type, mount_source, auto_mount, migrating, "
@@ -118,8 +118,7 @@ def test_a_refused_edit_leaves_both_sides_as_they_were(cluster):
     before = untouched(*cluster.members)
     answer = change(cluster.host.client("admin"), "EditRecShare", rvId=cluster.ids["server2"], shareId=at_host,
                     shareName="taken")
-    assert answer == {"success": False, "error": {"code": 443, "errors": {"param1": "", "param2": ""}},
-                      "data": {"param1": "", "param2": ""}}
+    assert answer == failure(443)
     assert untouched(*cluster.members) == before
 
 
@@ -162,6 +161,23 @@ def test_a_recording_server_deletes_its_share(cluster):
     answer = change(cluster.third.client("admin"), "DelRecShare", delShareList=[element(there, 0, "/volume1/leaf")])
     assert answer == {"success": True}
     expect_gone(cluster, cluster.third, "/volume1/leaf")
+
+
+def test_a_deletion_that_a_recording_server_leaves_to_its_host_deletes_a_record_only(cluster):
+    """As both were asked: the host forgets its record, and the server leaves out its own part."""
+    at_host, there = create_far(cluster, cluster.second, "clinging")
+    answer = change(cluster.second.client("admin"), "DelRecShare", delShareList=[element(there, 0, "/volume1/clinging")],
+                    actFromHost=True)
+    assert answer == {"success": True}
+    assert record(cluster.host, "/volume1/clinging", cluster.ids["server2"]) is None
+    assert record(cluster.second, "/volume1/clinging", 0)[0] == there
+    assert cluster.second.has_folder("/volume1/clinging")
+    done = cluster.pavane(cluster.host, "server", "check", check=False)
+    assert done.returncode == 1
+    assert "/volume1/clinging" in done.stdout and "the host has no record of this share" in done.stdout
+    cluster.pavane(cluster.host, "server", "check", "--repair")
+    repaired, own = expect_alike(cluster, cluster.second, "/volume1/clinging")
+    assert own == there and repaired != at_host
 
 
 def test_a_camera_that_only_the_recording_server_knows_keeps_the_share(cluster):
@@ -247,7 +263,48 @@ def test_a_remote_folder_of_a_recording_server(cluster, from_host):
     assert answer["data"]["id"] == ids[0], "it is the host that answers"
     assert record(cluster.third, point, 0)[2][7:10] == (2, "//nas/video", 1)
     edit = change(cluster.host.client("admin"), "EditRecShare", rvId=cluster.ids["server3"], shareId=ids[0], shareName="x")
-    assert edit["error"]["code"] == 401
+    assert edit == failure(401)
+
+
+def test_a_remote_folder_that_is_forwarded_plainly_becomes_a_share_of_both(cluster):
+    """Both have the same mount point ready."""
+    before = untouched(cluster.second)
+    for member in (cluster.host, cluster.third):
+        assert member.client("admin").call("KORV.Core.Share", "create", name="middle",
+                                           shareinfo={"vol_path": "/volume1"})["success"]
+        member.inside("mkdir", "/volume1/middle/far")
+    answer = change(cluster.third.client("admin"), "CreateRemoteRecShare", **remote("/volume1/middle/far"))
+    assert answer["success"], answer
+    at_host = record(cluster.host, "/volume1/middle/far", 0)
+    there = record(cluster.third, "/volume1/middle/far", 0)
+    assert answer["data"]["id"] == there[0], "it is the server that answers"
+    assert there[1] == at_host[0]
+    assert at_host[2][7:10] == there[2][7:10] == (2, "//nas/video", 1)
+    assert record(cluster.host, "/volume1/middle/far", cluster.ids["server3"]) is None, "the host made one of its own"
+    assert untouched(cluster.second) == before
+
+
+def test_a_lost_mount_of_a_recording_server_is_named(cluster):
+    number = cluster.ids["server3"]
+    point = make_point(cluster, cluster.third, "lost")
+    host = cluster.host.client("admin")
+    assert change(host, "CreateRemoteRecShare", **remote(point, rvId=number))["success"]
+
+    def status(member, owner):
+        return member.rows("select mount_status from recording_share where path = ? and owner_rv_id = ?", point, owner)
+
+    def listed():
+        return [share["sharePath"] for share in host.list(rvId=number) if share["sharePath"] == point]
+
+    assert listed() == [point]
+    wait_until(lambda: status(cluster.third, 0) == [(1,)], "the server has seen that nothing is mounted there")
+    assert status(cluster.host, number) == [(0,)]
+    done = cluster.pavane(cluster.host, "--json", "server", "check", check=False)
+    found = {entry["sharePath"]: entry["fields"] for entry in json.loads(done.stdout)["differences"]}
+    assert found[point] == ["mountStatus"]
+    cluster.pavane(cluster.host, "server", "check", "--repair")
+    assert status(cluster.host, number) == [(1,)]
+    assert listed() == []
 
 
 def test_the_host_has_a_recording_server_mount_a_folder(cluster):
@@ -262,7 +319,7 @@ def test_the_host_has_a_recording_server_mount_a_folder(cluster):
         wanted = remote("/volume1/real/nas", rvId=cluster.ids["server3"], mountSource=f"//{OUTSIDE}/data", mountPath="/real/nas",
                         blNeedMount=True, account=samba.ACCOUNT, passwd=samba.PASSWORD, adv_opt=f"port={server.port}")
         answer = change(cluster.host.client("admin"), "CreateRemoteRecShare", **{**wanted, "passwd": "wrong"})
-        assert answer["error"]["code"] == 492, answer
+        assert answer == failure(492), answer
         answer = change(cluster.host.client("admin"), "CreateRemoteRecShare", **wanted)
         assert answer["success"], answer
         assert answer["data"]["fsType"] == 11 and answer["data"]["totalSize"] > 0
@@ -402,6 +459,41 @@ def test_the_host_unlocks_a_recording_servers_share_by_its_key_file(cluster):
         assert _PASSWORD not in member.log() + member.log("korvd.log") + member.log("nginx-access.log")
 
 
+def test_no_log_holds_a_secret_at_any_level(cluster):
+    """What passes between servers is logged at these levels, but for what opens something."""
+    number = cluster.ids["server2"]
+    for member in cluster.members:
+        cluster.log_in(member)
+        for category in ("SHARE", "CMS"):
+            cluster.pavane(member, "log", "level", category, "TRACE")
+    secrets = {word: f"tell-nobody-{word}" for word in ("create", "edit", "mount", "forwarded")}
+    host = cluster.host.client("admin")
+    answer = host.create("safe", rvId=number, blEncryption=True, encPasswd=secrets["create"])
+    assert answer["success"], answer
+    plain, _ = create_far(cluster, cluster.second, "hardened")
+    answer = change(host, "EditRecShare", rvId=number, shareId=plain, shareName="hardened", blEncryption=True,
+                    encPasswd=secrets["edit"])
+    assert answer["success"], answer
+    for client, parameters in ((host, {"rvId": number, "passwd": secrets["mount"]}),
+                               (cluster.third.client("admin"), {"passwd": secrets["forwarded"]})):
+        refused = change(client, "CreateRemoteRecShare", **remote("/volume1/none/there", username="u", **parameters))
+        assert not refused["success"]
+    there = cluster.second.client("admin")
+    exported = there.call("KORV.Core.Share.Crypto", "export", name="safe", password=secrets["create"])
+    assert there.call("KORV.Core.Share.Crypto", "lock", name="safe")["success"]
+    key = base64.b64decode(exported["data"]["content"])
+    assert unlock_by_file(cluster, key, rvId=number, name="safe") == {"success": True}
+    assert "Relay result [" in cluster.host.log(), "the levels are in force"
+    pairs = [member.pairing()[1] for member in (cluster.second, cluster.third)]
+    for member in cluster.members:
+        cluster.pavane(member, "log", "level", "SHARE", "ERR")
+        cluster.pavane(member, "log", "level", "CMS", "ERR")
+        for log in os.listdir(f"{member.state}/log"):
+            text = member.log(log)
+            for secret in (*secrets.values(), *pairs, exported["data"]["content"], member.password()):
+                assert secret not in text, f"{member.name}: {log}"
+
+
 def test_an_edit_that_names_no_encryption_leaves_it_as_it_is(cluster):
     """The host's record does not follow what is encrypted on the recording server."""
     number = str(cluster.ids["server2"])
@@ -518,6 +610,5 @@ def test_a_host_acts_and_answers_for_its_server(cluster, odd_host):
     assert record(cluster.third, "/volume1/answered", 0) is None
     odd_host.answer = b'{"success":false,"error":{"code":442}}'
     answer = cluster.third.client("admin").create("answered", actFromHost=True)
-    assert answer == {"success": False, "error": {"code": 442, "errors": {"param1": "", "param2": ""}},
-                      "data": {"param1": "", "param2": ""}}
+    assert answer == failure(442)
     assert not os.path.exists(f"/proc/{cluster.third.korvd}/root/volume1/answered")

@@ -9,13 +9,14 @@ import time
 
 import pytest
 
-from cluster import CMS_API, NOBODY, Cluster, FakePeer, enter_own_network, pair_key, send_as_peer, stamp
+from cluster import CMS_API, NOBODY, Cluster, FakePeer, enter_own_network, failure, pair_key, send_as_peer, stamp
 from node import SHARE_API, wait_until
 
 _ANSWER_S = 5
 _CLOCK_OFF_S = 600
 _REQUESTS = 20
 _SILENT_S = 60
+_BUSY_S = 8
 _SILENT_SERVERS = 30
 _WATCHED_S = 25
 _OLDEST_S = 20
@@ -65,27 +66,39 @@ def test_a_pairing_key_opens_nothing_that_asks_for_an_account(cluster):
     assert cluster.second.client("viewer").call(CMS_API, "join")["error"]["code"] == 105
 
 
-@pytest.mark.parametrize("answer", [b"", b"oops", b"[1]", b'{"success": true', b'{"a": "' + b"x" * 10_000_000 + b'"}'],
-                         ids=["empty", "no JSON", "no object", "half", "10 MB"])
+@pytest.mark.parametrize("answer", [b"", b"oops", b"[1]", b'{"success": true', b'{"a": "' + b"x" * 10_000_000 + b'"}',
+                                    b'{"success": true, "data": {"id": "7"}}',
+                                    b'{"success": true, "data": {"id": 7, "blMigrating": "no"}}'],
+                         ids=["empty", "no JSON", "no object", "half", "10 MB", "id as text", "flag as text"])
 def test_an_answer_that_is_none_is_a_failed_send(cluster, fake, answer):
     fake.answer = answer
     number = fake.add_to(cluster.host)
+    before = records(*cluster.members)
     reply = cluster.host.client("admin").create("fake", rvId=number)
     assert reply == failure(406)
     assert f"Failed to send cmd to rv[{number}]." in cluster.host.log()
     assert fake.requests == ["CreateRecShare"]
-    assert ("/volume1/fake", number) not in cluster.host.records()
+    assert records(*cluster.members) == before
+
+
+@pytest.mark.parametrize("usage", [b'{"name": "a"}', b'["a"]'], ids=["no list", "list of texts"])
+def test_a_list_that_is_none_is_a_failed_question(cluster, fake, usage):
+    fake.answer = b'{"success": true, "data": {"usage": ' + usage + b"}}"
+    number = fake.add_to(cluster.host)
+    assert cluster.host.client("admin").call(SHARE_API, "ListShareUsage") == failure(400)
+    assert f"Failed to send webapi to slave [{number}]" in cluster.host.log()
 
 
 def test_an_answer_after_the_deadline_is_a_failed_send(cluster, fake):
     fake.answer = json.dumps({"success": True, "data": {"id": 1}}).encode()
     fake.delay_s = _ANSWER_S + 10
     number = fake.add_to(cluster.host)
+    before = records(*cluster.members)
     begin = time.monotonic()
     reply = cluster.host.client("admin").create("late", rvId=number)
-    assert reply["error"]["code"] == 406
+    assert reply == failure(406)
     assert _ANSWER_S - 1 <= time.monotonic() - begin < _ANSWER_S + 8
-    assert ("/volume1/late", number) not in cluster.host.records()
+    assert records(*cluster.members) == before
 
 
 def test_connections_to_a_server_are_kept(cluster, fake):
@@ -146,9 +159,45 @@ def test_a_server_whose_clock_is_ten_minutes_off_is_refused_and_told_why(cluster
     cluster.await_state(cluster.third, "online", "")
 
 
-def failure(code):
-    params = {"param1": "", "param2": ""}
-    return {"success": False, "error": {"code": code, "errors": params}, "data": params}
+def records(*members):
+    """All that the members record of shares, to be compared with later."""
+    return [member.rows("select * from recording_share order by id") for member in members]
+
+
+def test_a_server_whose_workers_for_peers_are_all_busy_stays_online(cluster):
+    number = cluster.ids["server2"]
+    client = cluster.host.client("admin")
+    assert client.create("busy", rvId=number)["success"]
+    peers = cluster.second.processes("korvd-peer")
+    for pid in peers:
+        os.kill(pid, signal.SIGSTOP)
+    begin = time.monotonic()
+    try:
+        state = cluster.state(cluster.second)
+        while time.monotonic() < begin + _BUSY_S or state["checkedTime"] == state["seenTime"]:
+            assert state["statusName"] == "online"
+            assert time.monotonic() < begin + _SILENT_S, "the host goes on asking"
+            time.sleep(0.2)
+            state = cluster.state(cluster.second)
+        assert (state["statusName"], state["problem"]) == ("online", ""), state["seenTime"] - time.time()
+        assert [share["sharePath"] for share in client.list(rvId=number) if share["sharePath"] == "/volume1/busy"]
+    finally:
+        for pid in peers:
+            os.kill(pid, signal.SIGCONT)
+    stopped = time.time()
+    wait_until(lambda: cluster.state(cluster.second)["seenTime"] >= stopped, "it answers again")
+    assert cluster.state(cluster.second)["statusName"] == "online"
+
+
+def test_a_long_job_delays_no_state(cluster):
+    """The process that rotates recordings is busy with a disk that does not answer."""
+    (rotation,) = cluster.host.processes("korvd-longjobs")
+    os.kill(rotation, signal.SIGSTOP)
+    try:
+        begin = time.time()
+        wait_until(lambda: cluster.state(cluster.second)["checkedTime"] > begin + 2 * _ANSWER_S, "its state is fresh")
+    finally:
+        os.kill(rotation, signal.SIGCONT)
 
 
 def test_servers_that_are_silent_delay_nobodys_state(cluster, fake):
@@ -161,7 +210,7 @@ def test_servers_that_are_silent_delay_nobodys_state(cluster, fake):
                       " from n, rec_server where rec_server.serial = ?", _SILENT_SERVERS, NOBODY, fake.SERIAL)
     try:
         wait_until(lambda: not cluster.host.rows("select 1 from rec_server where name in ('silent', 'fake') and status = 0"
-                                                 " or checked_s = 0"), "the host has asked them all", 60)
+                                                 " or checked_s = 0"), "the host has asked them all", 120)
         oldest_s = 0
         end_s = time.monotonic() + _WATCHED_S
         while time.monotonic() < end_s:
@@ -189,21 +238,27 @@ def test_a_server_of_another_version_is_told_apart(cluster, fake):
     fake.version = "0.0.1"
     wait_until(lambda: cluster.host.rows("select status, version from rec_server where id = ?", number) ==
                [(3, "0.0.1")], "the host knows")
-    assert cluster.host.client("admin").create("other", rvId=number)["error"]["code"] == 406
+    before = records(*cluster.members)
+    assert cluster.host.client("admin").create("other", rvId=number) == failure(406)
     assert fake.requests == []
+    assert records(*cluster.members) == before
 
 
 def test_nothing_is_sent_to_a_server_that_is_offline(cluster):
     number = cluster.ids["server3"]
+    client = cluster.host.client("admin")
+    assert client.create("hidden", rvId=number)["success"]
+    before = records(*cluster.members)
     cluster.third.cut_off()
     try:
         cluster.await_state(cluster.third, "offline")
+        assert client.list(rvId=number) == [], "its shares are left out of the list"
         begin = time.monotonic()
-        reply = cluster.host.client("admin").create("unsent", rvId=number)
-        assert reply["error"]["code"] == 406
+        reply = client.create("unsent", rvId=number)
+        assert reply == failure(406)
         assert time.monotonic() - begin < 2, "it did not even try"
         assert "One of enabled rv is unreachable." in cluster.host.log()
-        assert ("/volume1/unsent", number) not in cluster.host.records()
+        assert records(*cluster.members) == before
         assert "no connection to it" in cluster.pavane(cluster.host, "server", "list").stdout
         checked = cluster.pavane(cluster.host, "server", "check", check=False)
         assert checked.returncode == 1
@@ -212,6 +267,29 @@ def test_nothing_is_sent_to_a_server_that_is_offline(cluster):
         cluster.third.reconnect()
     cluster.await_state(cluster.third, "online")
     assert not cluster.third.has_folder("/volume1/unsent")
+    wait_until(lambda: [share["sharePath"] for share in client.list(rvId=number) if share["sharePath"] == "/volume1/hidden"],
+               "its shares are listed again")
+
+
+def test_nothing_is_sent_to_the_first_of_two_when_the_second_is_offline(cluster):
+    client = cluster.host.client("admin")
+    wanted = []
+    for member in (cluster.second, cluster.third):
+        made = client.create("double", rvId=cluster.ids[member.name])
+        wanted.append({"shareId": made["data"]["id"], "shareRvId": cluster.ids[member.name], "sharePath": "/volume1/double"})
+    before = records(*cluster.members)
+    cluster.third.cut_off()
+    try:
+        cluster.await_state(cluster.third, "offline")
+        assert client.call(SHARE_API, "DelRecShare", delShareList=wanted) == failure(406)
+        assert records(*cluster.members) == before
+        assert cluster.second.has_folder("/volume1/double")
+    finally:
+        cluster.third.reconnect()
+    cluster.await_state(cluster.third, "online")
+    assert client.call(SHARE_API, "DelRecShare", delShareList=wanted) == {"success": True}
+    for member in (cluster.second, cluster.third):
+        assert not member.has_folder("/volume1/double")
 
 
 def test_a_server_that_is_cut_off_works_alone(cluster):
@@ -227,24 +305,58 @@ def test_a_server_that_is_cut_off_works_alone(cluster):
     cluster.await_state(cluster.third, "online")
 
 
-_CREATE = """
+def test_what_a_server_changes_while_it_is_cut_off_is_named_and_repaired(cluster):
+    number = cluster.ids["server3"]
+    client = cluster.host.client("admin")
+    cluster.pavane(cluster.host, "server", "check", "--repair")
+    for name in ("ferry", "wreck"):
+        assert client.create(name, rvId=number)["success"]
+    own = {path: ids[0] for (path, owner), ids in cluster.third.records().items() if owner == 0}
+    cluster.third.cut_off()
+    try:
+        before = records(cluster.host)
+        assert act_inside(cluster.third, method="EditRecShare", shareId=own["/volume1/ferry"], shareName="boat",
+                          description="afloat", recLimitGB=9) == {"success": True}
+        assert act_inside(cluster.third, method="DelRecShare", delShareList=[
+            {"shareId": own["/volume1/wreck"], "shareRvId": 0, "sharePath": "/volume1/wreck"}]) == {"success": True}
+        assert records(cluster.host) == before
+    finally:
+        cluster.third.reconnect()
+    cluster.await_state(cluster.third, "online")
+    found = [(entry["kind"], entry["sharePath"], entry["fields"]) for entry in
+             cluster.host.cms("check", id=number)["differences"]]
+    assert found == [("differs", "/volume1/boat", ["name", "path", "description", "recLimitGB"]),
+                     ("stale", "/volume1/wreck", [])]
+    cluster.pavane(cluster.host, "server", "check", "--repair")
+    assert cluster.host.cms("check", id=number)["differences"] == []
+    assert cluster.host.records()["/volume1/boat", number][1] == cluster.third.records()["/volume1/boat", 0][0]
+    assert not any(path in ("/volume1/ferry", "/volume1/wreck") for path, _ in cluster.host.records())
+    assert cluster.third.has_folder("/volume1/boat")
+    assert not cluster.third.has_folder("/volume1/wreck") and not cluster.third.has_folder("/volume1/ferry")
+
+
+_ACT = """
 import json, sys, urllib.request
-url, account, password, name = json.loads(sys.stdin.readline())
+url, account, password, wanted = json.loads(sys.stdin.readline())
 def post(headers, **request):
     body = json.dumps({"version": 1, **request}).encode()
     answer = urllib.request.urlopen(urllib.request.Request(f"{url}/webapi", body, headers), timeout=60)
     return answer.headers, json.loads(answer.read())
 headers, login = post({}, api="KORV.Core.Session", method="login", account=account, passwd=password)
 headers = {"Cookie": headers["Set-Cookie"].split(";")[0], "X-Korv-Csrf": login["data"]["csrf"]}
-print(json.dumps(post(headers, api="KORV.Pavane.Share", method="CreateRecShare", shareName=name, volume="/volume1")[1]))
+print(json.dumps(post(headers, **wanted)[1]))
 """
 
 
-def create_inside(member, name):
-    """Creates a share by a client on the server's own machine."""
-    words = json.dumps([member.url, "admin", member.password(), name])
-    said = member.inside("nsenter", "-t", str(member.korvd), "-n", "/usr/bin/python3", "-c", _CREATE, input=words)
+def act_inside(member, **request):
+    """The answer to a request by a client on the server's own machine."""
+    words = json.dumps([member.url, "admin", member.password(), {"api": SHARE_API, **request}])
+    said = member.inside("nsenter", "-t", str(member.korvd), "-n", "/usr/bin/python3", "-c", _ACT, input=words)
     return json.loads(said)
+
+
+def create_inside(member, name):
+    return act_inside(member, method="CreateRecShare", shareName=name, volume="/volume1")
 
 
 def test_a_changed_key_is_refused_until_it_is_paired_again(cluster):
@@ -254,7 +366,9 @@ def test_a_changed_key_is_refused_until_it_is_paired_again(cluster):
     cluster.third.restart_korvd()
     cluster.await_state(cluster.third, "offline", "key_changed")
     assert "it shows another key than when it was paired, so nothing is sent to it" in cluster.host.log()
-    assert cluster.host.client("admin").create("keyless", rvId=number)["error"]["code"] == 406
+    before = records(*cluster.members)
+    assert cluster.host.client("admin").create("keyless", rvId=number) == failure(406)
+    assert records(*cluster.members) == before
     assert cluster.pair(cluster.third)["id"] == number
     assert cluster.host.client("admin").create("keyed", rvId=number)["success"]
 
@@ -287,8 +401,9 @@ def test_a_removed_server_stands_alone(cluster):
     assert send_as_peer(cluster.host, serial, secret, SHARE_API, "ListRecShare")["error"]["code"] == 105
     assert not any(owner == number for _, owner in cluster.host.records())
     assert ("/volume1/leaving", 0) in cluster.third.records()
-    answer = cluster.host.client("admin").create("nobody", rvId=number)
-    assert answer["error"]["code"] == 400
+    before = records(*cluster.members)
+    assert cluster.host.client("admin").create("nobody", rvId=number) == failure(400)
+    assert records(*cluster.members) == before
     cluster.pair(cluster.third)
     assert cluster.ids["server3"] != number
     assert cluster.pavane(cluster.host, "server", "check", "--repair").returncode == 0
