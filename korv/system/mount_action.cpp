@@ -267,14 +267,14 @@ int ForgetAccount(const std::string& token) {
     return unlink(AccountFile(token).c_str()) == 0 || errno == ENOENT ? 0 : errno;
 }
 
-MountEnd ReadFolderMode(const MountPlace& place, mode_t& mode) {
-    Shared<mode_t> shared(mode);
-    const auto read = [&] {
-        *shared = FolderMode(place);
+MountEnd ForeseeMount(const MountPlace& place, MountFolderState& state) {
+    Shared<MountFolderState> shared(state);
+    const auto foresee = [&] {
+        *shared = ForeseeFolderState(place);
         return 0;
     };
-    MountEnd end = EndOf(RunAsRootChild(read, kUnmountDeadline));
-    mode = *shared;
+    MountEnd end = EndOf(RunAsRootChild(foresee, kUnmountDeadline));
+    state = *shared;
     return end;
 }
 

@@ -25,8 +25,8 @@ void KeepAccount(const std::string& token, const MountAccount& account);
 // Removes that file, if there is one. 0, or why it stays: an errno.
 int ForgetAccount(const std::string& token);
 
-// Reads the mode that the folder has now, or will be made with.
-MountEnd ReadFolderMode(const MountPlace& place, mode_t& mode);
+// ForeseeFolderState in a child of its own.
+MountEnd ForeseeMount(const MountPlace& place, MountFolderState& state);
 
 // Mounts what `row` describes at `place`. The mount is made where only root can go and then put in its place,
 // so that nobody can lead it elsewhere, with nosuid, nodev and noexec whatever the helper made of them.

@@ -251,11 +251,15 @@ std::vector<MountPlace> FindMountPlaces(const std::string& path, MountFailure& f
     return places;
 }
 
-mode_t FolderMode(const MountPlace& place) {
+MountFolderState ForeseeFolderState(const MountPlace& place) {
     const FileDescriptor share = OpenShare(place);
     const FileDescriptor folder(TryOpen(share.Get(), place.below));
+    MountFolderState state;
+    state.isMade = !folder && errno == ENOENT;
     struct stat facts {};
-    return folder && fstat(folder.Get(), &facts) == 0 ? facts.st_mode & kModeBits : kNewFolderMode;
+    const bool isKnown = folder && fstat(folder.Get(), &facts) == 0;
+    state.guardMode = isKnown ? facts.st_mode & kModeBits : kNewFolderMode;
+    return state;
 }
 
 OpenedPlace PrepareMountFolder(const MountPlace& place, const MountCaller& caller, MountFolderState& state) {

@@ -49,8 +49,9 @@ struct OpenedPlace {
     MountFailure failure = MountFailure::kNone;
 };
 
-// The folder's mode, or the one that it will be made with.
-mode_t FolderMode(const MountPlace& place);
+// What a first mount may do to the folder, for whoever has to undo it should its maker die: make it, when it
+// is missing, and take away its mode.
+MountFolderState ForeseeFolderState(const MountPlace& place);
 
 // Makes the folder ready for a first mount: it lies on the share's own file system, the caller may write into
 // the share and into the folder (or the one above, when it has to be made), it is empty and from now on

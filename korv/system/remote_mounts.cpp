@@ -291,10 +291,12 @@ MountEnd AddMount(const NewMount& wanted, const MountCaller& caller) {
     row.isAutomatic = wanted.isAutomatic;
     row.hasAccount = wanted.type == RemoteType::kCifs && !wanted.account.name.empty();
     row.maker = ThisProcess();
-    // Whoever undoes this, should it be cut short, has to know what the guard takes from the folder.
-    if (MountEnd end = ReadFolderMode(place, row.guardMode); end.failure != MountFailure::kNone) {
+    // Whoever undoes this, should it be cut short, has to know what was there.
+    MountFolderState foreseen;
+    if (MountEnd end = ForeseeMount(place, foreseen); end.failure != MountFailure::kNone) {
         return end;
     }
+    TakeFolderState(row, foreseen);
     if (!AddMountRow(row)) {
         return Failed(MountFailure::kMountPointTaken);
     }

@@ -1,7 +1,9 @@
 """Servers of remote folders that fail: each failure has its code, harms nothing and ends in time."""
 
 import contextlib
+import json
 import os
+import signal
 import socket
 import threading
 import time
@@ -28,6 +30,7 @@ def helpers(shared_node):
         "/driver": {"says": "unknown filesystem type 'nfs'"},
         "/odd": {"says": "something that nobody has heard of"},
         "/slow": {"hangs": True},
+        "/late": {"hangs": True, "mounts": True},
     })
 
 
@@ -82,6 +85,43 @@ def test_a_slow_mount_program_has_its_code_and_keeps_others_from_its_place(node,
     first.join()
     assert slow["error"] == {"code": 441}
     assert nothing_is_left(node, admin)
+
+
+def stand_ins():
+    """The processes of mount.nfs that are told to mount /late."""
+    found = []
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        with contextlib.suppress(OSError), open(f"/proc/{pid}/cmdline", encoding="utf-8", errors="replace") as file:
+            words = file.read().split("\0")
+            if "127.0.0.1:/late" in words and words[1].endswith("mount.nfs"):
+                found.append(int(pid))
+    return found
+
+
+def test_an_attempt_that_is_killed_with_its_worker_leaves_nothing_mounted(node, admin, port):
+    node.allow("mounting at|worker [0-9]+ was killed by signal 9|while reading response header")
+
+    def mounts_out_of_sight():
+        return [line for line in node.inside("cat", "/proc/self/mountinfo").splitlines() if "/run/mounts/" in line]
+
+    answers = []
+    first = threading.Thread(target=lambda: answers.append(node.client("admin").post(json.dumps(
+        {"api": MOUNT_API, "version": 1, "method": "mount_remote", "mount_type": "NFS", "server_ip": "127.0.0.1:/late",
+         "mount_point": "/video/nas", "adv_opt": f"port={port}"}))))
+    first.start()
+    try:
+        wait_until(mounts_out_of_sight, "it is mounted out of sight")
+        for worker in node.workers():
+            os.kill(worker, signal.SIGKILL)
+        first.join()
+        assert answers[0].status_code == 503
+        wait_until(lambda: not mounts_out_of_sight() and os.listdir(f"{node.state}/run/mounts") == [], "nothing is left of it")
+        wait_until(node.is_healthy, "the workers are back")
+        wait_until(lambda: nothing_is_left(node, admin), "the mount is undone")
+    finally:
+        first.join()
+        for stand_in in stand_ins():
+            os.kill(stand_in, signal.SIGKILL)
 
 
 def test_a_host_that_drops_packets_has_its_code(node, admin):

@@ -355,6 +355,23 @@ TEST_F(RemoteMounts, GiveTheFolderItsModeBackWhenTheirMakerWasKilled) {
     umount2(share.c_str(), MNT_DETACH);
 }
 
+TEST_F(RemoteMounts, LeaveNoFolderThatAKilledMakerHasMade) {
+    korv::CloseDatabase();
+    s_server->Pause();
+    const pid_t maker = fork();
+    if (maker == 0) {
+        korv::AddMount(Wanted(), kAdmin);
+        _exit(0);
+    }
+    EXPECT_TRUE(WaitFor([] { return fs::exists(Point()); }));
+    kill(maker, SIGKILL);
+    waitpid(maker, nullptr, 0);
+    s_server->Resume();
+    EXPECT_TRUE(korv::RecoverMounts().empty());
+    EXPECT_TRUE(korv::ListMountRows().empty());
+    EXPECT_TRUE(machine::Entries(machine::Volume() + "/video").empty());
+}
+
 TEST_F(RemoteMounts, AreNotTakenForGoneWhenTheListOfMountsCannotBeRead) {
     korv::CloseDatabase();
     EXPECT_EQ(machine::InChild([] {
