@@ -10,6 +10,7 @@
 
 #include "include/trailing_slashes.h"
 #include "korv/framework/log.h"
+#include "korv/system/bounded_call.h"
 #include "korv/system/mount_probe.h"
 #include "korv/system/mount_record.h"
 #include "korv/system/mount_table.h"
@@ -101,11 +102,16 @@ _tag_FSTYPE TypeAt(const std::string& mountPoint, const MountFacts& facts) {
 
 std::map<std::string, bool> LookAtForeignMounts() {
     std::vector<std::string> paths;
+    std::map<std::string, bool> areAlive;
     for (const auto& [mount, share] : ForeignMounts(ListMountRows())) {
-        paths.push_back(mount.mountPoint);
+        // Each look costs a process, and containers may have many folders of a share mounted.
+        if (IsPathPrompt(mount.mountPoint)) {
+            areAlive[mount.mountPoint] = true;
+        } else {
+            paths.push_back(mount.mountPoint);
+        }
     }
     const std::vector<MountFacts> facts = LookAtMounts(paths);
-    std::map<std::string, bool> areAlive;
     for (std::size_t i = 0; i < paths.size(); ++i) {
         areAlive[paths[i]] = facts[i].sight == MountSight::kAlive;
     }
