@@ -179,9 +179,8 @@ private:
     // What the move itself can't do: it undoes only what it can open, and a machine that was switched off
     // when people were at the target already has locked the share.
     void Prepare(EncryptionPlaces& places, const std::string& password) {
-        const bool hasSwitched =
-            IsSwitched(m_job.move.step) || (m_job.move.step == MoveStep::kSwitch && places.HasSwitched());
-        if (!hasSwitched && m_job.move.step < MoveStep::kFollow && IsJobCancelAsked(m_job.id)) {
+        if (m_job.move.step < MoveStep::kFollow && IsJobCancelAsked(m_job.id) &&
+            !MayHaveSwitched(m_job.move.step, places)) {
             m_job.move.step = MoveStep::kUndo;
             m_job.move.reason = MoveEnd::kCancelled;
         }

@@ -96,9 +96,7 @@ private:
     bool BeginUndo(MoveEnd end) {
         const bool mayGoOnLater =
             end == MoveEnd::kPaused || end == MoveEnd::kSourceBusy || end == MoveEnd::kLocked;
-        // A crash between the rename and saving it leaves the step before.
-        if (mayGoOnLater || !CanBeUndone(m_state.step) ||
-            (m_state.step == MoveStep::kSwitch && m_places.HasSwitched())) {
+        if (mayGoOnLater || !CanBeUndone(m_state.step) || MayHaveSwitched(m_state.step, m_places)) {
             return false;
         }
         m_state.reason = end;
@@ -352,6 +350,14 @@ private:
 
 bool IsSwitched(MoveStep step) {
     return step == MoveStep::kSettle || (step >= MoveStep::kFollow && step <= MoveStep::kDone);
+}
+
+bool MayHaveSwitched(MoveStep step, MovePlaces& places) {
+    try {
+        return IsSwitched(step) || (step == MoveStep::kSwitch && places.HasSwitched());
+    } catch (const std::system_error&) {
+        return true;
+    }
 }
 
 int MoveState::Percent() const {

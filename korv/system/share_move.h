@@ -85,6 +85,7 @@ public:
     virtual void Detach() = 0;
     // Puts the target in the source's place.
     virtual void Switch() = 0;
+    // Whether it has the source's place. Throws while that can't be told, as when the volume is away.
     virtual bool HasSwitched() = 0;
     // After the switch: whether people could change the source up to it, and don't use the target yet.
     virtual bool HasToSettle() = 0;
@@ -120,6 +121,10 @@ struct MoveLimits {
     std::uint64_t spare_bytes = std::uint64_t{64} << 20;  // to be left free
 };
 
+// Whether the target may have the source's place already: a crash between the rename and saving it leaves the
+// step before. Also true while that can't be told, so that nothing is undone then.
+bool MayHaveSwitched(MoveStep step, MovePlaces& places);
+
 // What a tree of that size takes of the target's file system, encrypted, with `spare_bytes` left free.
 std::uint64_t NeededBytes(const TreeSize& size, std::uint64_t spare_bytes);
 
@@ -129,7 +134,8 @@ struct MoveResult {
 };
 
 // Runs the move from `state` on to its end. Before the switch a cancellation or a failure undoes it: the
-// source was only read. Blocks for as long as it takes; becomes root for its own length.
+// source was only read. While a switch that was begun can't be looked at, the move stays there.
+// Blocks for as long as it takes; becomes root for its own length.
 MoveResult RunMove(MovePlaces& places, MoveState state, const MoveObserver& observer,
                    const MoveLimits& limits = {});
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 
@@ -212,6 +213,36 @@ TEST_F(MoveJobTest, AJobThatIsStoppedGoesOn) {
     EXPECT_TRUE(fs::exists(PasswordFile(id)));
     korv::RunMoveJob(id, GoOn);
     ExpectOver(id, JobState::kFinished);
+}
+
+// Whether the folders were exchanged stands on the volume.
+TEST_F(MoveJobTest, WaitsAtTheSwitchWhileItsVolumeIsAway) {
+    const std::string volume = machine::AbsentVolume();
+    const std::string kept = machine::StateFolder() + "/kept";
+    fs::create_directory(kept);
+    ASSERT_EQ(mount("tmpfs", kept.c_str(), "tmpfs", 0, "mode=755"), 0);
+    ASSERT_EQ(mount(kept.c_str(), volume.c_str(), nullptr, MS_BIND, nullptr), 0);
+    const korv::ShareRow share = Make("rec", false, volume);
+    const long long id = Start(share);
+    korv::RunMoveJob(id, [id] {
+        usleep(25'000);  // so that it is asked at the next file, too
+        return korv::FindJob(id)->move.step == korv::MoveStep::kSwitch;
+    });
+    ASSERT_EQ(korv::FindJob(id)->move.step, korv::MoveStep::kSwitch);
+    UnmountAll(volume);
+    ASSERT_EQ(umount2(volume.c_str(), MNT_DETACH), 0);
+    EXPECT_EQ(korv::CancelJob(id), korv::CancelEnd::kDone);
+    EXPECT_NE(korv::RunMoveJob(id, GoOn), "");
+    EXPECT_EQ(korv::FindJob(id)->state, JobState::kWaiting);
+    EXPECT_EQ(korv::FindJob(id)->move.step, korv::MoveStep::kSwitch);
+    EXPECT_EQ(korv::FindJob(id)->runner.pid, 0);
+    EXPECT_GT(korv::FindJob(id)->nextTry_s, time(nullptr));
+    ASSERT_EQ(mount(kept.c_str(), volume.c_str(), nullptr, MS_BIND, nullptr), 0);
+    korv::RunMoveJob(id, GoOn);
+    ExpectOver(id, JobState::kCancelled);
+    UnmountAll(volume);
+    umount2(volume.c_str(), MNT_DETACH);
+    umount2(kept.c_str(), MNT_DETACH);
 }
 
 // Everything is killed when the job saves for the n-th time, and what mounts the plain files with it, as when

@@ -4,12 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -19,122 +16,20 @@
 #include <sys/wait.h>
 #include <sys/xattr.h>
 
-#include "korv/system/share_encryption.h"
-#include "tests/unit/korv/private_machine.h"
-#include "tests/unit/korv/tree_manifest.h"
+#include "tests/unit/korv/moved_share.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
 using korv::CipherFolder;
-using korv::CipherState;
 using korv::MoveEnd;
 using korv::MoveState;
 using korv::MoveStep;
 using korv::MoveWish;
 
-constexpr const char* kPassword = "a secret";
-constexpr const char* kToken = "token";
 constexpr std::chrono::milliseconds kPatience(200);
 constexpr int kSteps = 9;  // of a move that ends well
-
-korv::MoveLimits Limits() {
-    korv::MoveLimits limits;
-    limits.saveInterval = std::chrono::milliseconds(0);
-    limits.followPatience = std::chrono::milliseconds(0);
-    limits.spare_bytes = 0;
-    return limits;
-}
-
-// The state saved last, where a child's death doesn't take it away.
-struct Journal {
-    MoveState state;
-    int saves = 0;
-};
-
-// kToCipher or kToPlain: the same tests hold for both directions.
-enum class Direction { kToCipher, kToPlain };
-
-class ShareMove : public MachineTest, public testing::WithParamInterface<Direction> {
-protected:
-    void SetUp() override {
-        MachineTest::SetUp();
-        m_journal = static_cast<Journal*>(
-            mmap(nullptr, sizeof(Journal), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-        *m_journal = Journal();
-    }
-
-    void TearDown() override {
-        munmap(m_journal, sizeof(Journal));
-        Unmount(m_share);
-        Unmount(m_volume + "/.korv/view/token");
-        MachineTest::TearDown();
-    }
-
-    static void Unmount(const std::string& path) {
-        while (umount2(path.c_str(), MNT_DETACH) == 0) {
-        }
-    }
-
-    // The share with the test's tree in it, as it is before the move.
-    void MakeShare(int files) {
-        fs::create_directories(m_share);
-        if (GetParam() == Direction::kToPlain) {
-            ASSERT_EQ(m_cipher.Init(kPassword), korv::CipherEnd::kDone);
-            ASSERT_EQ(m_cipher.Mount(kPassword), korv::CipherEnd::kDone);
-        }
-        manifest::MakeTree(m_share, files);
-        m_before = manifest::Of(m_share);
-    }
-
-    korv::MoveResult Run(const std::function<void(const MoveState&)>& saved = {},
-                         const std::function<MoveWish()>& wish = {},
-                         const std::string& password = kPassword) {
-        const korv::MoveObserver observer{[this, saved](const MoveState& state) {
-                                              m_journal->state = state;
-                                              ++m_journal->saves;
-                                              if (saved) {
-                                                  saved(state);
-                                              }
-                                          },
-                                          wish, m_sendAway};
-        if (GetParam() == Direction::kToCipher) {
-            korv::EncryptPlaces places(m_volume, "rec", kToken, password);
-            return korv::RunMove(places, m_journal->state, observer, Limits());
-        }
-        korv::DecryptPlaces places(m_volume, "rec", kToken);
-        return korv::RunMove(places, m_journal->state, observer, Limits());
-    }
-
-    void ExpectMoved() {
-        const bool isCipher = GetParam() == Direction::kToCipher;
-        EXPECT_EQ(m_cipher.State(), isCipher ? CipherState::kUnlocked : CipherState::kAbsent);
-        EXPECT_EQ(manifest::Difference(m_before, manifest::Of(m_share)), "");
-        EXPECT_TRUE(machine::Entries(m_volume + "/.korv/move").empty());
-        EXPECT_TRUE(machine::Entries(m_volume + "/.korv/view").empty());
-        EXPECT_EQ(m_journal->state.Percent(), 100);
-        Unmount(m_share);
-        EXPECT_EQ(fs::is_empty(m_share), isCipher);
-    }
-
-    void ExpectUntouched() {
-        EXPECT_EQ(manifest::Difference(m_before, manifest::Of(m_share)), "");
-        EXPECT_EQ(m_cipher.State(),
-                  GetParam() == Direction::kToCipher ? CipherState::kAbsent : CipherState::kUnlocked);
-        if (fs::exists(m_volume + "/.korv/move")) {
-            EXPECT_TRUE(machine::Entries(m_volume + "/.korv/move").empty());
-            EXPECT_TRUE(machine::Entries(m_volume + "/.korv/view").empty());
-        }
-    }
-
-    std::string m_volume = machine::Volume();
-    std::string m_share = m_volume + "/rec";
-    CipherFolder m_cipher{CipherFolder::PathFor(m_volume, kToken), m_share};
-    manifest::Manifest m_before;
-    Journal* m_journal = nullptr;
-    std::function<void()> m_sendAway;
-};
 
 TEST_P(ShareMove, KeepsEverything) {
     MakeShare(60);
@@ -348,16 +243,14 @@ TEST_P(ShareMove, WhatCannotBeRemovedAfterwardsIsTold) {
     ExpectMoved();
 }
 
-INSTANTIATE_TEST_SUITE_P(To, ShareMove, testing::Values(Direction::kToCipher, Direction::kToPlain),
-                         [](const auto& direction) {
-                             return direction.param == Direction::kToCipher ? "Cipher" : "Plain";
-                         });
+INSTANTIATE_TEST_SUITE_P(To, ShareMove, testing::Values(Direction::kToCipher, Direction::kToPlain), NameOf);
 
 // Does something when the last pass is over, just before the folders are exchanged.
 class HurriedPlaces : public korv::EncryptPlaces {
 public:
-    HurriedPlaces(const std::string& volume, std::function<void()> work)
-        : EncryptPlaces(volume, "rec", kToken, kPassword), m_work(std::move(work)) {}
+    HurriedPlaces(const std::string& volume, const std::string& token, const std::string& password,
+                  std::function<void()> work)
+        : EncryptPlaces(volume, "rec", token, password), m_work(std::move(work)) {}
     void Switch() override {
         if (!HasSwitched()) {
             m_work();
@@ -372,10 +265,8 @@ private:
 class Encryption : public ShareMove {
 protected:
     korv::MoveResult RunHurried(const std::function<void()>& work) {
-        HurriedPlaces places(m_volume, work);
-        const korv::MoveObserver observer{
-            [this](const MoveState& state) { m_journal->state = state; }, {}, {}};
-        return korv::RunMove(places, m_journal->state, observer, Limits());
+        HurriedPlaces places(m_volume, kToken, kPassword, work);
+        return RunIn(places);
     }
 
     int CarryingFolders() const {
@@ -383,11 +274,6 @@ protected:
         return static_cast<int>(std::count_if(begin(entries), end(entries), [](const auto& entry) {
             return entry.path().filename().string().starts_with(".korv-carried-");
         }));
-    }
-
-    static std::string Text(const std::string& path) {
-        std::ifstream file(path);
-        return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
     }
 };
 class Decryption : public ShareMove {};
@@ -664,9 +550,7 @@ TEST_P(Decryption, NeedsAnUnlockedShare) {
     ExpectMoved();
 }
 
-INSTANTIATE_TEST_SUITE_P(To, Encryption, testing::Values(Direction::kToCipher),
-                         [](const auto&) { return "Cipher"; });
-INSTANTIATE_TEST_SUITE_P(To, Decryption, testing::Values(Direction::kToPlain),
-                         [](const auto&) { return "Plain"; });
+INSTANTIATE_TEST_SUITE_P(To, Encryption, testing::Values(Direction::kToCipher), NameOf);
+INSTANTIATE_TEST_SUITE_P(To, Decryption, testing::Values(Direction::kToPlain), NameOf);
 
 }  // namespace

@@ -1,0 +1,69 @@
+// What people and programs do to a share at the wrong moment of a move.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include "korv/system/share_move.h"
+#include "tests/unit/korv/moved_share.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using korv::MoveEnd;
+using korv::MoveState;
+using korv::MoveStep;
+using korv::MoveWish;
+
+class MoveMeanwhile : public ShareMove {};
+class EncryptionMeanwhile : public ShareMove {
+protected:
+    // The one entry beside `name` that is named after it.
+    std::string NamedAfter(const std::string& name) const {
+        const fs::path path = m_share + "/" + name;
+        for (const auto& entry : fs::directory_iterator(path.parent_path())) {
+            if (entry.path().filename().string().starts_with(path.filename().string() + ".")) {
+                return entry.path();
+            }
+        }
+        return "";
+    }
+};
+
+// As a volume that is away.
+class BlindPlaces : public korv::EncryptPlaces {
+public:
+    using EncryptPlaces::EncryptPlaces;
+    bool HasSwitched() override {
+        if (isBlind) {
+            throw std::system_error(ENODEV, std::generic_category(), "nothing is mounted");
+        }
+        return EncryptPlaces::HasSwitched();
+    }
+
+    bool isBlind = false;
+};
+
+TEST_P(EncryptionMeanwhile, StaysAtTheSwitchWhileNobodyCanTellWhetherItWasDone) {
+    MakeShare(5);
+    BlindPlaces places(m_volume, "rec", kToken, kPassword);
+    const auto result =
+        RunIn(places, [&](const MoveState& state) { places.isBlind = state.step == MoveStep::kSwitch; });
+    EXPECT_EQ(result.end, MoveEnd::kFailed);
+    EXPECT_EQ(m_journal->state.step, MoveStep::kSwitch);
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    ExpectMoved();
+}
+
+INSTANTIATE_TEST_SUITE_P(To, EncryptionMeanwhile, testing::Values(Direction::kToCipher), NameOf);
+
+}  // namespace
