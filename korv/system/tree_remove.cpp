@@ -254,6 +254,14 @@ std::optional<TreeRemoval> FindMounts(int parent, const std::string& name) {
     return result.problemCount > 0 ? std::optional(result) : std::nullopt;
 }
 
+// Whether `path` leads to or through something that is neither a folder nor a link.
+bool IsBelowFile(int base, const std::string& path) {
+    const FileDescriptor found(OpenBeneath(base, path.c_str(), O_PATH));
+    struct stat status {};
+    return found ? fstat(found.Get(), &status) == 0 && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode)
+                 : errno == ENOTDIR;
+}
+
 }  // namespace
 
 TreeRemoval RemoveTree(int base, const std::string& path, const std::function<bool()>& shouldStop) {
@@ -269,12 +277,13 @@ TreeRemoval RemoveTree(int base, const std::string& path, const std::function<bo
     }
     FileDescriptor parent(OpenBeneath(base, above.c_str(), O_RDONLY | O_DIRECTORY));
     if (!parent) {
-        if (errno == ENOENT) {
+        const int error = errno;
+        if (error == ENOENT || IsBelowFile(base, above)) {
             TreeRemoval nothing;
             nothing.isGone = true;
             return nothing;
         }
-        return Refused(Explain(base, above.c_str(), errno), errno, above);
+        return Refused(Explain(base, above.c_str(), error), error, above);
     }
     if (auto mounts = FindMounts(parent.Get(), name)) {
         return *mounts;

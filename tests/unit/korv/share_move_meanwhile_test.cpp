@@ -64,6 +64,22 @@ TEST_P(EncryptionMeanwhile, StaysAtTheSwitchWhileNobodyCanTellWhetherItWasDone) 
     ExpectMoved();
 }
 
+TEST_P(EncryptionMeanwhile, EndsWhereEncryptedFilesHaveNoPlace) {
+    MakeShare(5);
+    for (const std::string& inTheWay : {std::string("/.korv"), std::string("/.korv/cipher")}) {
+        *m_journal = Journal();
+        fs::remove_all(m_volume + "/.korv");
+        fs::create_directories(fs::path(m_volume + inTheWay).parent_path());
+        std::ofstream(m_volume + inTheWay) << "somebody's";
+        const auto result = Run();
+        EXPECT_EQ(result.end, MoveEnd::kFailed) << inTheWay;
+        EXPECT_NE(result.reason, "") << inTheWay;
+        EXPECT_EQ(m_journal->state.step, MoveStep::kUndone) << inTheWay;
+        EXPECT_EQ(Text(m_volume + inTheWay), "somebody's");
+        EXPECT_EQ(manifest::Difference(m_before, manifest::Of(m_share)), "");
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(To, EncryptionMeanwhile, testing::Values(Direction::kToCipher), NameOf);
 
 }  // namespace

@@ -106,6 +106,8 @@ TEST_F(TreeRemove, RemovesEverythingAndCountsIt) {
 }
 
 TEST_F(TreeRemove, WhatIsNotThereIsGone) {
+    Write(m_volume + "/file");
+    EXPECT_TRUE(Remove("file/below").isGone);
     EXPECT_TRUE(Remove("rec").isGone);
     EXPECT_TRUE(Remove("none/rec").isGone);
 }
