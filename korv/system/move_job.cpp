@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include <cerrno>
 #include <chrono>
 #include <ctime>
 #include <exception>
@@ -54,7 +55,9 @@ void CheckSpace(const ShareRow& share) {
     } catch (const TooLarge&) {
         return;
     } catch (const CopyError& error) {
-        throw ChangeFailure{ChangeEnd::kFailed, std::string("cannot ") + error.action};
+        if (error.error != ESTALE) {  // somebody moves deep folders: the job counts again
+            throw ChangeFailure{ChangeEnd::kFailed, std::string("cannot ") + error.action};
+        }
     }
 }
 

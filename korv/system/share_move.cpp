@@ -20,6 +20,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kMostCatchUps = 5;
+constexpr int kMostRepeats = 3;
 constexpr std::uint64_t kSmallCatchUp_bytes = std::uint64_t{64} << 20;
 constexpr std::chrono::milliseconds kShortestFollowPause(500);
 constexpr std::chrono::milliseconds kLongestFollowPause(30'000);
@@ -134,7 +135,8 @@ private:
     }
 
     void Measure() {
-        const TreeSize size = MeasureTree(m_places.OpenSource().Get(), Observe(nullptr));
+        const TreeSize size =
+            Repeat([&] { return MeasureTree(m_places.OpenSource().Get(), Observe(nullptr)); });
         const std::uint64_t needed_bytes = NeededBytes(size, m_limits.spare_bytes);
         if (m_places.FreeBytes() < needed_bytes) {
             throw MoveFailure{MoveEnd::kNoSpace, "the copy needs " + std::to_string(needed_bytes) + " bytes"};
@@ -144,16 +146,14 @@ private:
     }
 
     void Copy() {
-        m_state.copied_bytes = 0;
-        Sync(SyncMode::kCopy, Observe(&m_state.copied_bytes));
+        Sync(SyncMode::kCopy, &m_state.copied_bytes);
         m_places.Flush();
         GoTo(MoveStep::kVerify);
     }
 
     void Verify() {
-        m_state.verified_bytes = 0;
         const std::int64_t start_s = Now();
-        Sync(SyncMode::kVerify, Observe(&m_state.verified_bytes));
+        Sync(SyncMode::kVerify, &m_state.verified_bytes);
         SetChangedSince(start_s);
         GoTo(MoveStep::kCatchUp);
     }
@@ -169,7 +169,7 @@ private:
 
     std::uint64_t CatchUpOnce() {
         const std::int64_t start_s = Now();
-        const SyncCounts counts = Sync(SyncMode::kCatchUp, Observe(nullptr));
+        const SyncCounts counts = Sync(SyncMode::kCatchUp);
         SetChangedSince(start_s);
         Save();
         return counts.copied_bytes;
@@ -214,7 +214,7 @@ private:
         }
         if (m_places.HasToSettle()) {
             m_state.switched_s = time(nullptr);
-            Sync(SyncMode::kSettle, Observe(nullptr));
+            Sync(SyncMode::kSettle);
             m_places.Flush();
         } else {
             m_state.switched_s = std::min(m_state.switched_s, m_state.changedSince_s);
@@ -233,7 +233,7 @@ private:
             const std::int64_t start_s = time(nullptr);
             const bool isHeld =
                 m_places.IsSourceHeld();  // before the pass, which sees what was made till then
-            const bool isWritten = Sync(SyncMode::kFollow, Observe(nullptr), &written).beingWritten > 0;
+            const bool isWritten = Sync(SyncMode::kFollow, nullptr, &written).beingWritten > 0;
             written.isKnown = true;
             SetChangedSince(start_s);
             m_state.switched_s = start_s;
@@ -262,12 +262,36 @@ private:
         GoTo(next);
     }
 
-    SyncCounts Sync(SyncMode mode, const CopyObserver& observe, WrittenFiles* written = nullptr) {
-        const FileDescriptor source = m_places.OpenSource();
-        const FileDescriptor target = m_places.OpenTarget();
-        FollowClock();
-        return SyncTree(source.Get(), target.Get(), mode, {m_state.changedSince_s, m_state.switched_s},
-                        observe, written);
+    SyncCounts Sync(SyncMode mode, std::uint64_t* progress = nullptr, WrittenFiles* written = nullptr) {
+        return Repeat([&] {
+            if (progress != nullptr) {
+                *progress = 0;
+            }
+            const FileDescriptor source = m_places.OpenSource();
+            const FileDescriptor target = m_places.OpenTarget();
+            FollowClock();
+            return SyncTree(source.Get(), target.Get(), mode, {m_state.changedSince_s, m_state.switched_s},
+                            Observe(progress), written);
+        });
+    }
+
+    // A pass finds no way up from a deep folder that somebody has moved meanwhile. As after a crash it is
+    // made once more, by the same times.
+    template <class Pass>
+    auto Repeat(const Pass& pass) -> decltype(pass()) {
+        for (int passes = 1;; ++passes) {
+            try {
+                return pass();
+            } catch (const CopyError& error) {
+                const bool isPeoples = error.where == CopyError::Where::kSource || IsSwitched(m_state.step);
+                if (error.error != ESTALE || !isPeoples) {
+                    throw;
+                }
+                if (passes == kMostRepeats) {
+                    throw MoveFailure{MoveEnd::kSourceBusy, "folders are moved again and again"};
+                }
+            }
+        }
     }
 
     // The real time less the time since the machine was started: smaller after the clock was set back.

@@ -41,7 +41,7 @@ enum class MoveEnd {
     kFailed = 5,
     // The move is not over and goes on when it is run again:
     kPaused = 6,      // asked to
-    kSourceBusy = 7,  // someone keeps files of the source open
+    kSourceBusy = 7,  // someone keeps files of the source open, or moves its folders all the time
     kLocked = 8,      // the encrypted side has to be unlocked first
     kBlocked = 9,     // something of the old folder can't be removed; the move itself is complete
 };

@@ -82,4 +82,48 @@ TEST_P(EncryptionMeanwhile, EndsWhereEncryptedFilesHaveNoPlace) {
 
 INSTANTIATE_TEST_SUITE_P(To, EncryptionMeanwhile, testing::Values(Direction::kToCipher), NameOf);
 
+// A walk keeps only some folders open and finds the way up from deeper ones by what they lie in.
+TEST_P(MoveMeanwhile, RepeatsAPassUnderWhichADeepFolderWasMovedAway) {
+    constexpr int kLevels = 45;
+    constexpr int kDeep = 38;
+    MakeShare(3);
+    for (const auto& entry : fs::directory_iterator(m_share)) {
+        fs::remove_all(entry.path());
+    }
+    std::string path = m_share + "/chain";
+    for (int level = 1; level < kLevels; ++level) {
+        path += "/d";
+    }
+    fs::create_directories(path);
+    std::ofstream(path + "/film") << "film";
+    fs::create_directory(m_share + "/elsewhere");
+    MoveStep step = MoveStep::kDone;
+    int entries = 0;
+    int moves = 0;
+    const auto moveWhenDeep = [&] {
+        if (m_journal->state.step != step) {
+            step = m_journal->state.step;
+            entries = 0;
+        }
+        if (entries < kDeep && step <= MoveStep::kCatchUp) {
+            usleep(21'000);  // so that the next entry is asked for, too
+            if (++entries == kDeep) {
+                const bool isAway = fs::exists(m_share + "/elsewhere/chain");
+                fs::rename(m_share + (isAway ? "/elsewhere/chain" : "/chain"),
+                           m_share + (isAway ? "/chain" : "/elsewhere/chain"));
+                m_before = manifest::Of(m_share);
+                ++moves;
+            }
+        }
+        return MoveWish::kGoOn;
+    };
+    const auto result = Run({}, moveWhenDeep);
+    EXPECT_EQ(result.end, MoveEnd::kDone) << result.reason;
+    EXPECT_GE(moves, 3);
+    ExpectMoved();
+}
+
+INSTANTIATE_TEST_SUITE_P(To, MoveMeanwhile, testing::Values(Direction::kToCipher, Direction::kToPlain),
+                         NameOf);
+
 }  // namespace
