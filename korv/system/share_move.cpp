@@ -86,13 +86,17 @@ public:
             }
             m_reason = failure.reason.empty() ? m_reason : failure.reason;
             if (!BeginUndo(failure.end)) {
-                return {failure.end, m_reason};
+                return {failure.end, Reason()};
             }
         }
-        return {m_state.step == MoveStep::kDone ? MoveEnd::kDone : m_state.reason, m_reason};
+        return {m_state.step == MoveStep::kDone ? MoveEnd::kDone : m_state.reason, Reason()};
     }
 
 private:
+    std::string Reason() const {
+        return m_reason + (m_reason.empty() || m_note.empty() ? "" : "; ") + m_note;
+    }
+
     // False when the move has to stay as it is.
     bool BeginUndo(MoveEnd end) {
         const bool mayGoOnLater =
@@ -233,11 +237,12 @@ private:
             const std::int64_t start_s = time(nullptr);
             const bool isHeld =
                 m_places.IsSourceHeld();  // before the pass, which sees what was made till then
-            const bool isWritten = Sync(SyncMode::kFollow, nullptr, &written).beingWritten > 0;
+            const SyncCounts counts = Sync(SyncMode::kFollow, nullptr, &written);
+            NoteBeside(counts);
             written.isKnown = true;
             SetChangedSince(start_s);
             m_state.switched_s = start_s;
-            if (!isWritten && !isHeld) {
+            if (counts.beingWritten == 0 && !isHeld) {
                 return GoTo(MoveStep::kRemoveSource);
             }
             Save();
@@ -246,6 +251,12 @@ private:
             }
             Observe(nullptr)(0);
             WaitAfter(Clock::now() - start);
+        }
+    }
+
+    void NoteBeside(const SyncCounts& counts) {
+        if (counts.carriedBeside > 0) {
+            m_note = "what was written into the old folder stands beside entries of another kind, as *.old-*";
         }
     }
 
@@ -364,6 +375,7 @@ private:
     const MoveObserver& m_observer;
     const MoveLimits& m_limits;
     std::string m_reason;
+    std::string m_note;                               // what people should know, whatever becomes of the move
     std::optional<std::chrono::nanoseconds> m_clock;  // ClockOffset() when changedSince_s was set
     bool m_isSaving = false;
     Clock::time_point m_nextQuestion{};

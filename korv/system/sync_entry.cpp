@@ -32,8 +32,12 @@ bool StatEntry(int folder, const char* name, struct stat& status, Where where) {
     return false;
 }
 
+bool IsSameKind(const struct stat& left, const struct stat& right) {
+    return (left.st_mode & S_IFMT) == (right.st_mode & S_IFMT);
+}
+
 bool IsSameKindAndTime(const struct stat& left, const struct stat& right) {
-    return (left.st_mode & S_IFMT) == (right.st_mode & S_IFMT) && left.st_rdev == right.st_rdev &&
+    return IsSameKind(left, right) && left.st_rdev == right.st_rdev &&
            left.st_mtim.tv_sec == right.st_mtim.tv_sec && left.st_mtim.tv_nsec == right.st_mtim.tv_nsec;
 }
 

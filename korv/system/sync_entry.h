@@ -18,6 +18,7 @@ void CheckCopy(bool isRight, CopyError::Where where, const char* action);
 // False when there is no such entry.
 bool StatEntry(int folder, const char* name, struct stat& status, CopyError::Where where);
 
+bool IsSameKind(const struct stat& left, const struct stat& right);
 bool IsSameKindAndTime(const struct stat& left, const struct stat& right);
 // By time of modification.
 bool IsNewer(const struct stat& left, const struct stat& right);

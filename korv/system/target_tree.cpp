@@ -66,11 +66,11 @@ void TargetTree::RemoveCopy(const std::string& name, const struct stat* copy) {
     }
 }
 
-bool TargetTree::MakeFolder(int source, const std::string& name, const struct stat& status) {
+bool TargetTree::MakeFolder(const EntryRef& source, const std::string& name, const struct stat& status) {
     const EntryRef made = Making(name);
     CheckCopy(mkdirat(made.folder, made.name, kPrivateFolder) == 0, Where::kTarget, "make a folder");
     if (m_carrying) {
-        const FileDescriptor from(OpenBeneath(source, name.c_str(), O_RDONLY | O_DIRECTORY));
+        const FileDescriptor from(OpenBeneath(source.folder, source.name, O_RDONLY | O_DIRECTORY));
         CheckCopy(static_cast<bool>(from), Where::kSource, "open a folder");
         const FileDescriptor to(OpenBeneath(made.folder, made.name, O_RDONLY | O_DIRECTORY));
         CheckCopy(static_cast<bool>(to), Where::kTarget, "open a folder");
@@ -79,20 +79,19 @@ bool TargetTree::MakeFolder(int source, const std::string& name, const struct st
     return Place(name, nullptr);
 }
 
-void TargetTree::CopySpecial(int source, const std::string& name, const struct stat& status,
+void TargetTree::CopySpecial(const EntryRef& source, const std::string& name, const struct stat& status,
                              const struct stat* copy) {
     RemoveCopy(name, copy);
-    const EntryRef from{source, name.c_str()};
     const EntryRef made = Making(name);
     if (S_ISLNK(status.st_mode)) {
-        CheckCopy(symlinkat(ReadLink(from, Where::kSource).c_str(), made.folder, made.name) == 0,
+        CheckCopy(symlinkat(ReadLink(source, Where::kSource).c_str(), made.folder, made.name) == 0,
                   Where::kTarget, "make a link");
     } else {
         CheckCopy(
             mknodat(made.folder, made.name, (status.st_mode & S_IFMT) | kPrivateFile, status.st_rdev) == 0,
             Where::kTarget, "make a special file");
     }
-    CopyAttributes(from, status, made);
+    CopyAttributes(source, status, made);
     Place(name, copy);
 }
 

@@ -23,11 +23,12 @@ public:
 
     FolderStack folders;
 
-    // Copies entry `name` of the open folder `source`, whose facts are `status`.
+    // Copies the entry `source`, whose facts are `status`, to `name`.
     //   copy  what is there of that name, null for nothing; it is replaced
     // False when people were faster with something of that name, which stays.
-    bool MakeFolder(int source, const std::string& name, const struct stat& status);
-    void CopySpecial(int source, const std::string& name, const struct stat& status, const struct stat* copy);
+    bool MakeFolder(const EntryRef& source, const std::string& name, const struct stat& status);
+    void CopySpecial(const EntryRef& source, const std::string& name, const struct stat& status,
+                     const struct stat* copy);
     // The same for a file that is open as `source`. False when somebody writes it: the copy has an earlier
     // time, so that it will be made once more, since what is written may leave the time as it is.
     bool CopyRegular(int source, const std::string& name, const struct stat* copy);

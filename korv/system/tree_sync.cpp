@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <string>
@@ -94,23 +95,52 @@ private:
         struct stat copy {};
         bool isThere = !m_levels.back().isFresh &&
                        StatEntry(m_target.folders.Current(), name.c_str(), copy, Where::kTarget);
-        if (isThere && (status.st_mode & S_IFMT) != (copy.st_mode & S_IFMT)) {
-            if (m_mode == SyncMode::kFollow && !IsTouched(status)) {
-                return;  // people have replaced it
-            }
+        if (isThere && !IsSameKind(status, copy)) {
             if (m_mode == SyncMode::kFollow) {
-                FailCopy(Where::kTarget, EEXIST, "carry over an entry");
+                return VisitBeside(name, status);
             }
             m_target.Remove(name);
             isThere = false;
         }
+        VisitAs(name, name, status, isThere ? &copy : nullptr);
+    }
+
+    void VisitAs(const std::string& name, const std::string& copyName, const struct stat& status,
+                 const struct stat* copy) {
         if (S_ISDIR(status.st_mode)) {
-            VisitFolder(name, status, isThere);
+            VisitFolder(name, copyName, status, copy != nullptr);
         } else if (status.st_nlink > 1 && m_mode != SyncMode::kFollow) {
-            VisitName(name, status, isThere ? &copy : nullptr);
+            VisitName(name, status, copy);
         } else {
-            VisitFile(name, status, isThere ? &copy : nullptr);
+            VisitFile(name, copyName, status, copy);
         }
+    }
+
+    // Where people are now something of another kind has the name, and keeps it.
+    void VisitBeside(const std::string& name, const struct stat& status) {
+        const std::string copyName = NameBeside(name, status.st_ino);
+        struct stat copy {};
+        const bool isThere = StatEntry(m_target.folders.Current(), copyName.c_str(), copy, Where::kTarget);
+        if (isThere && !IsSameKind(status, copy)) {
+            FailCopy(Where::kTarget, EEXIST, "carry over an entry");
+        }
+        const std::uint64_t copiedBefore = m_counts.copiedEntries;
+        VisitAs(name, copyName, status, isThere ? &copy : nullptr);
+        m_counts.carriedBeside += m_counts.copiedEntries - copiedBefore;
+    }
+
+    // The same for an entry in each pass, and for no two of a folder.
+    static std::string NameBeside(const std::string& name, ino_t inode) {
+        constexpr std::size_t kLongestName = 255;
+        constexpr unsigned kLeadingBits = 0xc0;
+        constexpr unsigned kInsideLetter = 0x80;  // UTF-8
+        const std::string mark = ".old-" + std::to_string(inode);
+        std::size_t length = std::min(name.size(), kLongestName - mark.size());
+        while (length < name.size() && length > 0 &&
+               (static_cast<unsigned char>(name[length]) & kLeadingBits) == kInsideLetter) {
+            --length;
+        }
+        return name.substr(0, length) + mark;
     }
 
     bool IsTouched(const struct stat& status) const {
@@ -142,13 +172,15 @@ private:
         return folder.st_ctim.tv_sec >= since_s;
     }
 
-    void VisitFolder(const std::string& name, const struct stat& status, bool isThere) {
+    void VisitFolder(const std::string& name, const std::string& copyName, const struct stat& status,
+                     bool isThere) {
         const bool isFollowing = m_mode == SyncMode::kFollow;
         const bool isSuspect = IsSuspect(status) || (!isThere && !isFollowing);
         if (!isThere) {
-            // Removed where people are now, unless somebody still writes in it.
-            if ((isFollowing && !isSuspect && !IsAlive(name)) ||
-                !m_target.MakeFolder(m_source.Current(), name, status)) {
+            // Removed or replaced where people are now, unless somebody still works in it.
+            const bool isWorkedIn = (name != copyName && IsTouched(status)) || IsAlive(name);
+            if ((isFollowing && !isSuspect && !isWorkedIn) ||
+                !m_target.MakeFolder({m_source.Current(), name.c_str()}, copyName, status)) {
                 return;
             }
         }
@@ -159,7 +191,7 @@ private:
             }
             return;
         }
-        if (const int error = m_target.folders.Enter(name.c_str())) {
+        if (const int error = m_target.folders.Enter(copyName.c_str())) {
             FailCopy(Where::kTarget, error, "enter a folder");
         }
         m_levels.emplace_back();
@@ -208,25 +240,25 @@ private:
         const auto key = std::make_pair(status.st_dev, status.st_ino);
         const auto first = m_firstNames.find(key);
         if (first == m_firstNames.end()) {
-            VisitFile(name, status, copy);
+            VisitFile(name, name, status, copy);
             m_firstNames[key] = {m_target.folders.FullPathOf(name), status.st_nlink - 1};
             return;
         }
         if (!m_target.Link(first->second.path, name, copy)) {
-            VisitFile(name, status, copy);  // its first name has vanished before it was copied
+            VisitFile(name, name, status, copy);  // its first name has vanished before it was copied
         }
         if (--first->second.left == 0) {
             m_firstNames.erase(first);
         }
     }
 
-    void VisitFile(const std::string& name, const struct stat& status, const struct stat* copy) {
+    void VisitFile(const std::string& name, const std::string& copyName, const struct stat& status,
+                   const struct stat* copy) {
         if (S_ISREG(status.st_mode)) {
-            VisitRegular(name, status, copy);
-        } else if (copy == nullptr || !IsSameSpecial(name, status, *copy)) {
-            if (m_mode != SyncMode::kFollow || (IsToCarry(status) && copy == nullptr)) {
-                m_target.CopySpecial(m_source.Current(), name, status, copy);
-            }
+            VisitRegular(name, copyName, status, copy);
+        } else if (m_mode == SyncMode::kFollow ? IsToCarry(status) && copy == nullptr
+                                               : copy == nullptr || !IsSameSpecial(name, status, *copy)) {
+            m_target.CopySpecial({m_source.Current(), name.c_str()}, copyName, status, copy);
         }
     }
 
@@ -261,7 +293,8 @@ private:
         }
     }
 
-    void VisitRegular(const std::string& name, const struct stat& status, const struct stat* copy) {
+    void VisitRegular(const std::string& name, const std::string& copyName, const struct stat& status,
+                      const struct stat* copy) {
         if (m_mode == SyncMode::kSettle && IsTouched(status) && (copy == nullptr || IsNewer(status, *copy))) {
             return;  // kFollow's
         }
@@ -272,7 +305,7 @@ private:
         const bool hadWriter = HadWriter(status);
         const bool hasWriter = NoteWriter(source.Get(), status);
         if (m_mode == SyncMode::kFollow) {
-            return Follow(name, source.Get(), status, copy, hadWriter && !hasWriter);
+            return Follow(copyName, source.Get(), status, copy, hadWriter && !hasWriter);
         }
         if (copy != nullptr && IsAsItMustBe(name, source.Get(), status, *copy)) {
             return;

@@ -27,8 +27,8 @@ enum class SyncMode {
     kSettle,
     // For a source that people have already been moved away from, and a target that they use: files made or
     // written since the time given and newer than their copies, and all of a folder that was made or moved
-    // after the switch. Each appears at once and as a whole. Removes nothing and leaves folders' attributes
-    // alone.
+    // after the switch. Each appears at once and as a whole; where people have something of another kind by
+    // its name, as NAME.old-NUMBER. Removes nothing and leaves folders' attributes alone.
     kFollow,
 };
 
@@ -49,8 +49,9 @@ struct SyncCounts {
     std::uint64_t copiedEntries = 0;
     std::uint64_t copied_bytes = 0;
     std::uint64_t removedEntries = 0;
-    std::uint64_t differing = 0;     // kVerify: copies that were made anew
-    std::uint64_t beingWritten = 0;  // kFollow: files that someone has open for writing, or was faster with
+    std::uint64_t differing = 0;      // kVerify: copies that were made anew
+    std::uint64_t beingWritten = 0;   // kFollow: files that someone has open for writing, or was faster with
+    std::uint64_t carriedBeside = 0;  // kFollow: entries that got another name
 };
 
 // Makes the folder open as `target` hold what the one open as `source` holds: files, folders, links, pipes,

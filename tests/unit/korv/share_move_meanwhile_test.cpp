@@ -80,6 +80,92 @@ TEST_P(EncryptionMeanwhile, EndsWhereEncryptedFilesHaveNoPlace) {
     }
 }
 
+// Works in a folder until it is told to do something there.
+class Worker {
+public:
+    Worker(const std::string& folder, const std::function<void()>& work) {
+        EXPECT_EQ(pipe2(m_way, O_CLOEXEC), 0);
+        m_pid = fork();
+        if (m_pid == 0) {
+            char go = 0;
+            const bool isThere = chdir(folder.c_str()) == 0 && read(m_way[0], &go, 1) == 1;
+            work();
+            _exit(isThere ? 0 : 1);
+        }
+        while (fs::read_symlink("/proc/" + std::to_string(m_pid) + "/cwd") != folder) {
+            usleep(1000);
+        }
+    }
+    Worker(const Worker&) = delete;
+    Worker& operator=(const Worker&) = delete;
+
+    void GoOn() {
+        int status = 0;
+        EXPECT_EQ(write(m_way[1], "x", 1), 1);
+        EXPECT_EQ(waitpid(m_pid, &status, 0), m_pid);
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+        close(m_way[0]);
+        close(m_way[1]);
+    }
+
+private:
+    int m_way[2] = {-1, -1};
+    pid_t m_pid = -1;
+};
+
+TEST_P(EncryptionMeanwhile, KeepsBothWhereAnEntryBecameAnotherKindInBothFolders) {
+    MakeShare(5);
+    Worker worker(m_share + "/cam0", [] {
+        std::ofstream("file") << "of the old folder";
+        fs::create_directories("folder/inner");
+        std::ofstream("folder/inner/film") << "of the old folder";
+        fs::create_symlink("nowhere", "link");
+    });
+    EXPECT_EQ(Run().end, MoveEnd::kSourceBusy);
+    const std::string folder = m_share + "/cam0/";
+    fs::create_directory(folder + "file");
+    std::ofstream(folder + "folder") << "of people";
+    fs::create_directory(folder + "link");
+    worker.GoOn();
+    const auto result = Run();
+    EXPECT_EQ(result.end, MoveEnd::kDone) << result.reason;
+    EXPECT_TRUE(fs::is_directory(folder + "file"));
+    EXPECT_EQ(Text(NamedAfter("cam0/file")), "of the old folder");
+    EXPECT_EQ(Text(folder + "folder"), "of people");
+    EXPECT_EQ(Text(NamedAfter("cam0/folder") + "/inner/film"), "of the old folder");
+    EXPECT_TRUE(fs::is_directory(folder + "link"));
+    EXPECT_EQ(fs::read_symlink(NamedAfter("cam0/link")), "nowhere");
+    EXPECT_NE(result.reason, "") << "nobody was told";
+}
+
+TEST_P(EncryptionMeanwhile, KeepsWhatIsWrittenLateWherePeopleHaveReplacedIt) {
+    MakeShare(5);
+    fs::create_directory(m_share + "/cam0/deep");
+    usleep(2'100'000);
+    std::ofstream film(m_share + "/cam0/film");
+    std::ofstream deep(m_share + "/cam0/deep/film");
+    film << "before, " << std::flush;
+    deep << "before, " << std::flush;
+    m_sendAway = [&] {
+        if (m_journal->state.step == MoveStep::kFollow && fs::is_regular_file(m_share + "/cam0/film")) {
+            fs::remove(m_share + "/cam0/film");
+            fs::create_directory(m_share + "/cam0/film");
+            fs::remove_all(m_share + "/cam0/deep");
+            std::ofstream(m_share + "/cam0/deep") << "of people";
+        }
+    };
+    EXPECT_EQ(Run().end, MoveEnd::kSourceBusy);
+    film << "after" << std::flush;
+    deep << "after" << std::flush;
+    film.close();
+    deep.close();
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    EXPECT_TRUE(fs::is_directory(m_share + "/cam0/film"));
+    EXPECT_EQ(Text(NamedAfter("cam0/film")), "before, after");
+    EXPECT_EQ(Text(m_share + "/cam0/deep"), "of people");
+    EXPECT_EQ(Text(NamedAfter("cam0/deep") + "/film"), "before, after");
+}
+
 INSTANTIATE_TEST_SUITE_P(To, EncryptionMeanwhile, testing::Values(Direction::kToCipher), NameOf);
 
 // A walk keeps only some folders open and finds the way up from deeper ones by what they lie in.
