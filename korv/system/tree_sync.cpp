@@ -178,8 +178,7 @@ private:
         const bool isSuspect = IsSuspect(status) || (!isThere && !isFollowing);
         if (!isThere) {
             // Removed or replaced where people are now, unless somebody still works in it.
-            const bool isWorkedIn = (name != copyName && IsTouched(status)) || IsAlive(name);
-            if ((isFollowing && !isSuspect && !isWorkedIn) ||
+            if ((isFollowing && !isSuspect && !(name != copyName && IsTouched(status)) && !IsAlive(name)) ||
                 !m_target.MakeFolder({m_source.Current(), name.c_str()}, copyName, status)) {
                 return;
             }
@@ -225,6 +224,9 @@ private:
             }
             if (S_ISDIR(status.st_mode) && walk.Enter(entry.name.data()) == 0) {
                 streams.emplace_back();
+                if (streams.size() > FolderStack::kOpenLevels) {
+                    streams[streams.size() - FolderStack::kOpenLevels - 1].Suspend();
+                }
             } else if (S_ISREG(status.st_mode)) {
                 const FileDescriptor file = OpenRegular(walk.Current(), entry.name.data());
                 if (IsTouched(status) || (file && IsBeingWritten(file.Get()))) {

@@ -166,6 +166,30 @@ TEST_P(EncryptionMeanwhile, KeepsWhatIsWrittenLateWherePeopleHaveReplacedIt) {
     EXPECT_EQ(Text(NamedAfter("cam0/deep") + "/film"), "before, after");
 }
 
+// The look for writers in it walks as deep.
+TEST_P(EncryptionMeanwhile, EndsWhenPeopleRemoveADeepFolder) {
+    constexpr int kLevels = 45;
+    constexpr unsigned kDeadline_s = 60;
+    MakeShare(3);
+    std::string path = m_share + "/chain";
+    for (int level = 1; level < kLevels; ++level) {
+        path += "/d";
+    }
+    fs::create_directories(path);
+    usleep(2'100'000);  // what was made in the second before the last pass counts as made later
+    m_sendAway = [&] {
+        if (m_journal->state.step == MoveStep::kFollow) {
+            fs::remove_all(m_share + "/chain");
+        }
+    };
+    const int status = machine::InChild([&] {
+        alarm(kDeadline_s);
+        return static_cast<int>(Run().end);
+    });
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == static_cast<int>(MoveEnd::kDone)) << status;
+    EXPECT_FALSE(fs::exists(m_share + "/chain"));
+}
+
 INSTANTIATE_TEST_SUITE_P(To, EncryptionMeanwhile, testing::Values(Direction::kToCipher), NameOf);
 
 // A walk keeps only some folders open and finds the way up from deeper ones by what they lie in.
