@@ -11,9 +11,7 @@
 #include <string_view>
 #include <system_error>
 
-#include <linux/fs.h>
 #include <linux/openat2.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
@@ -22,6 +20,7 @@
 #include "include/trailing_slashes.h"
 #include "korv/system/accounts.h"
 #include "korv/system/acl.h"
+#include "korv/system/immutable_folder.h"
 #include "korv/system/share_folder.h"
 
 namespace korv {
@@ -124,16 +123,6 @@ bool IsEmpty(int folder) {
     return true;
 }
 
-// False with errno when it can't be made so.
-bool SetImmutable(int folder, bool isImmutable) {
-    int flags = 0;
-    if (ioctl(folder, FS_IOC_GETFLAGS, &flags) != 0) {
-        return false;
-    }
-    const int wanted = isImmutable ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
-    return wanted == flags || ioctl(folder, FS_IOC_SETFLAGS, &wanted) == 0;
-}
-
 // Where the file system knows no immutable folders, nobody gets a right on it: a mode of 0 is a mask of 0, so
 // that the access list's entries count for nothing.
 void Guard(int folder, MountFolderState& state) {
@@ -155,9 +144,9 @@ void Guard(int folder, MountFolderState& state) {
 }
 
 void Unguard(int folder, const MountFolderState& state) {
-    const bool isFree = SetImmutable(folder, false) || errno == ENOTTY || errno == EOPNOTSUPP;
+    MakeMutable(folder);
     struct stat facts {};
-    if (!isFree || fstat(folder, &facts) != 0) {
+    if (fstat(folder, &facts) != 0) {
         throw std::system_error(errno, std::generic_category(), "cannot free a mount point");
     }
     if (state.guard == MountGuard::kNoRights && (facts.st_mode & kModeBits) == 0 &&

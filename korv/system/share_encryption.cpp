@@ -20,6 +20,7 @@
 
 #include "include/folder_stream.h"
 #include "korv/system/extended_attributes.h"
+#include "korv/system/immutable_folder.h"
 #include "korv/system/open_files.h"
 #include "korv/system/share_folder.h"
 #include "korv/system/tree_remove.h"
@@ -76,6 +77,26 @@ void CopyToken(int from, int to) {
         "cannot mark a folder");
 }
 
+// None when something is mounted there.
+FileDescriptor OpenAt(int volume, const std::string& path) {
+    FileDescriptor folder(OpenBeneath(volume, path.c_str(), O_RDONLY | O_DIRECTORY));
+    Check(folder || errno == EXDEV, "cannot open a folder");
+    return folder;
+}
+
+void Unmark(const FileDescriptor& folder) {
+    Check(!folder || fremovexattr(folder.Get(), kMoveMark) == 0 || errno == ENODATA,
+          "cannot unmark a folder");
+}
+
+// Takes the guard away from a folder that may be there.
+void Free(int volume, const std::string& path) {
+    const FileDescriptor folder(OpenBeneath(volume, path.c_str(), O_RDONLY | O_DIRECTORY));
+    if (folder) {
+        MakeMutable(folder.Get());
+    }
+}
+
 [[noreturn]] void FailLocked() { throw MoveFailure{MoveEnd::kLocked, "the encrypted files are locked"}; }
 
 }  // namespace
@@ -130,26 +151,36 @@ void EncryptionPlaces::PrepareAside(bool isForFiles) {
     Check(syncfs(volume.Get()) == 0, "cannot write to the disk");
 }
 
-void EncryptionPlaces::Exchange() {
+void EncryptionPlaces::Exchange(bool isGuarded) {
     const FileDescriptor volume = OpenVolume(m_volume);
     if (!HasSwitched()) {
-        Unmark(volume.Get());  // a mark that was left there would undo the next exchange
+        Unmark(OpenAt(volume.Get(), m_name));  // a mark that was left there would undo the next exchange
+        Free(volume.Get(), m_aside);           // a power failure may have taken back an exchange alone
         // The names must not reach the disk before what they stand for.
         Check(syncfs(volume.Get()) == 0, "cannot write to the disk");
         Check(renameat2(volume.Get(), m_name.c_str(), volume.Get(), m_aside.c_str(), RENAME_EXCHANGE) == 0,
               "cannot exchange two folders");
     }
+    const FileDescriptor share = OpenAt(volume.Get(), m_name);
+    if (isGuarded && share) {
+        SetImmutable(share.Get(), true);  // where it is possible
+    }
     Check(syncfs(volume.Get()) == 0, "cannot write to the disk");
-    Unmark(volume.Get());
-    Check(syncfs(volume.Get()) == 0, "cannot write to the disk");
+    if (!isGuarded) {
+        Unmark(share);
+        Check(syncfs(volume.Get()) == 0, "cannot write to the disk");
+    }
 }
 
-// The folder at the share's place.
-void EncryptionPlaces::Unmark(int volume) const {
-    const FileDescriptor share(OpenBeneath(volume, m_name.c_str(), O_RDONLY | O_DIRECTORY));
-    // Something mounted there says that this was done.
-    Check(share || errno == EXDEV, "cannot open a folder");
-    Check(!share || fremovexattr(share.Get(), kMoveMark) == 0 || errno == ENODATA, "cannot unmark a folder");
+// In a copy of the volume's mount nothing is mounted.
+void EncryptionPlaces::Unguard() const {
+    const FileDescriptor volume = OpenVolume(m_volume);
+    const FileDescriptor bare(
+        open_tree(volume.Get(), "", AT_EMPTY_PATH | OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC));
+    Check(static_cast<bool>(bare), "cannot look below a mount");
+    Free(bare.Get(), m_name);
+    Unmark(OpenAt(bare.Get(), m_name));
+    Check(syncfs(volume.Get()) == 0, "cannot write to the disk");
 }
 
 // A cipher's own file system has nothing to write: its files are the volume's.
@@ -236,7 +267,7 @@ void EncryptPlaces::MountView() {
     }
 }
 
-void EncryptPlaces::Switch() { Exchange(); }
+void EncryptPlaces::Switch() { Exchange(true); }
 
 // Not when it was unlocked by hand meanwhile: what people have made there since must stay.
 // Once the view is mounted nobody can unlock it elsewhere.
@@ -249,7 +280,7 @@ bool EncryptPlaces::HasToSettle() {
 }
 
 bool EncryptPlaces::Show() {
-    Exchange();  // a crash may have left its last part undone
+    Exchange(true);  // a crash may have left its last part undone
     if (m_atShare.State() == CipherState::kBroken) {
         m_atShare.Unmount(kBusyPatience, true);
     }
@@ -262,6 +293,7 @@ bool EncryptPlaces::Show() {
     if (m_atShare.State() != CipherState::kUnlocked) {
         FailLocked();
     }
+    Unguard();
     return isHidden;
 }
 
@@ -274,6 +306,7 @@ bool EncryptPlaces::RemoveSource() {
 
 bool EncryptPlaces::RemoveTarget() {
     HideView();
+    Free(OpenVolume(m_volume).Get(), m_aside);
     const bool isGone = RemoveHidden(m_cipher) && RemoveHidden(m_aside + ".new") && RemoveHidden(m_view);
     return RemoveHidden(m_aside) && isGone;
 }
@@ -303,7 +336,7 @@ void DecryptPlaces::Detach() {
     }
 }
 
-void DecryptPlaces::Switch() { Exchange(); }
+void DecryptPlaces::Switch() { Exchange(false); }
 
 // Once the view is gone, those who held something of it have nothing left that could be carried over.
 bool DecryptPlaces::IsSourceHeld() {

@@ -32,8 +32,11 @@ protected:
     //   isForFiles  a subvolume where the volume has such
     void PrepareAside(bool isForFiles);
     // Exchanges the share's folder and the one aside, if that was not done yet.
-    void Exchange();
-    void Unmark(int volume) const;
+    //   isGuarded  from then on nobody can make anything in the folder at the share's place, where the file
+    //              system has a way for that
+    void Exchange(bool isGuarded);
+    // Takes guard and mark away from the folder at the share's place, also when something is mounted there.
+    void Unguard() const;
     void ShowView(const std::string& from, const std::string& at);
     void HideView();
     bool RemoveHidden(const std::string& path);
@@ -52,7 +55,8 @@ protected:
 };
 
 // Plain to encrypted. The share is out of reach for the short time of settling; files that are open at the
-// switch are carried over when they are closed.
+// switch are carried over when they are closed. The empty folder at the share's place is guarded until the
+// encrypted files are mounted there: what root wrote into it would be hidden then, and in the way later.
 class EncryptPlaces : public EncryptionPlaces {
 public:
     // `password` may be empty for a move that goes on: it ends with kLocked if it turns out to be needed.

@@ -82,6 +82,8 @@ void ShareMove::ExpectMoved() {
     EXPECT_EQ(m_journal->state.Percent(), 100);
     Unmount(m_share);
     EXPECT_EQ(fs::is_empty(m_share), isCipher);
+    EXPECT_TRUE(fs::create_directory(m_share + "/unguarded"));
+    fs::remove(m_share + "/unguarded");
 }
 
 void ShareMove::ExpectUntouched() {

@@ -166,6 +166,40 @@ TEST_P(EncryptionMeanwhile, KeepsWhatIsWrittenLateWherePeopleHaveReplacedIt) {
     EXPECT_EQ(Text(NamedAfter("cam0/deep") + "/film"), "before, after");
 }
 
+// What root wrote there would be hidden by the mount, and would keep the share from being unlocked.
+TEST_P(EncryptionMeanwhile, NothingCanBeWrittenAtTheSharesPlaceWhileItSettles) {
+    MakeShare(5);
+    bool hasSettled = false;
+    const auto result = Run([&](const MoveState& state) {
+        if (state.step == MoveStep::kSettle) {
+            hasSettled = true;
+            EXPECT_TRUE(fs::is_empty(m_share));
+            EXPECT_NE(mkdir((m_share + "/backup").c_str(), 0700), 0);
+        }
+    });
+    EXPECT_EQ(result.end, MoveEnd::kDone) << result.reason;
+    EXPECT_TRUE(hasSettled);
+    ExpectMoved();
+}
+
+// Only a password that people give unlocks the share then.
+TEST_P(EncryptionMeanwhile, CanBeUnlockedWhenEverythingDiedWhileItSettled) {
+    MakeShare(5);
+    const int status = machine::InChild([&] {
+        return static_cast<int>(Run([](const MoveState& state) {
+                                    if (state.step == MoveStep::kSettle) {
+                                        kill(getpid(), SIGKILL);
+                                    }
+                                }).end);
+    });
+    ASSERT_TRUE(WIFSIGNALED(status));
+    Unmount(m_volume + "/.korv/view/token");
+    EXPECT_EQ(Run({}, {}, "").end, MoveEnd::kLocked);
+    ASSERT_EQ(m_cipher.Mount(kPassword), korv::CipherEnd::kDone);
+    EXPECT_EQ(Run({}, {}, "").end, MoveEnd::kDone);
+    ExpectMoved();
+}
+
 // The look for writers in it walks as deep.
 TEST_P(EncryptionMeanwhile, EndsWhenPeopleRemoveADeepFolder) {
     constexpr int kLevels = 45;
