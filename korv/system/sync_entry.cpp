@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 
@@ -46,6 +47,19 @@ bool IsNewer(const struct stat& left, const struct stat& right) {
                                                        : left.st_mtim.tv_nsec > right.st_mtim.tv_nsec;
 }
 
+std::string NameBeside(const std::string& name, ino_t inode) {
+    constexpr std::size_t kLongestName = 255;
+    constexpr unsigned kLeadingBits = 0xc0;
+    constexpr unsigned kInsideLetter = 0x80;  // UTF-8
+    const std::string mark = ".old-" + std::to_string(inode);
+    std::size_t length = std::min(name.size(), kLongestName - mark.size());
+    while (length < name.size() && length > 0 &&
+           (static_cast<unsigned char>(name[length]) & kLeadingBits) == kInsideLetter) {
+        --length;
+    }
+    return name.substr(0, length) + mark;
+}
+
 std::string ReadLink(const EntryRef& link, Where where) {
     constexpr std::size_t kLongest = 4096;
     std::string text(kLongest, '\0');
@@ -62,7 +76,11 @@ FileDescriptor OpenFolderOf(int root, const std::string& path, std::string& name
     for (std::size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', start)) {
         folder = FileDescriptor(
             OpenBeneath(folder.Get(), path.substr(start, slash - start).c_str(), O_RDONLY | O_DIRECTORY));
-        CheckCopy(static_cast<bool>(folder), Where::kTarget, "find a file's first name");
+        if (!folder) {
+            CheckCopy(errno == ENOENT || errno == ENOTDIR || errno == ELOOP, Where::kTarget,
+                      "find a file's first name");
+            break;
+        }
         start = slash + 1;
     }
     name = path.substr(start);

@@ -23,9 +23,13 @@ bool IsSameKindAndTime(const struct stat& left, const struct stat& right);
 // By time of modification.
 bool IsNewer(const struct stat& left, const struct stat& right);
 
+// What an entry of the source is called where its name is taken: the same in each pass, and no two entries of
+// a folder alike.
+std::string NameBeside(const std::string& name, ino_t inode);
+
 std::string ReadLink(const EntryRef& link, CopyError::Where where);
 
-// Opens the folder of the target that holds `path`, however long that is.
+// Opens the folder of the target that holds `path`, however long that is. None when it is gone.
 //   name  out: the path's last name
 FileDescriptor OpenFolderOf(int root, const std::string& path, std::string& name);
 

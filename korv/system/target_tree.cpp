@@ -114,24 +114,32 @@ bool TargetTree::CopyRegular(int source, const std::string& name, const struct s
     CopyAttributesAndTimes(source, before, target.Get(), true);
     // Its time says that it is whole: that must not reach the disk before its content.
     CheckCopy(!m_carrying || fsync(target.Get()) == 0, Where::kTarget, "write to the disk");
-    Place(name, copy);
+    struct stat placed {};
+    CheckCopy(fstat(target.Get(), &placed) == 0, Where::kTarget, "look at a file");
+    m_lastPlaced = Place(name, copy) ? placed.st_ino : 0;
     return !hasWriter;
 }
 
-bool TargetTree::Link(const std::string& firstPath, const std::string& name, const struct stat* copy) {
+bool TargetTree::Link(const std::string& firstPath, ino_t inode, const std::string& name,
+                      const struct stat* copy) {
     std::string firstName;
     const FileDescriptor folder = OpenFolderOf(m_root, firstPath, firstName);
     struct stat linked {};
-    if (!StatEntry(folder.Get(), firstName.c_str(), linked, Where::kTarget)) {
+    if (!folder || !StatEntry(folder.Get(), firstName.c_str(), linked, Where::kTarget) ||
+        (inode != 0 && linked.st_ino != inode)) {
         return false;
     }
-    if (copy == nullptr || copy->st_ino != linked.st_ino) {
-        RemoveCopy(name, copy);
-        CheckCopy(linkat(folder.Get(), firstName.c_str(), folders.Current(), name.c_str(), 0) == 0,
-                  Where::kTarget, "link a file");
-        ++m_counts.copiedEntries;
+    if (copy != nullptr && copy->st_ino == linked.st_ino) {
+        return true;
     }
-    return true;
+    RemoveCopy(name, copy);
+    const EntryRef made = Making(name);
+    const bool isLinked = linkat(folder.Get(), firstName.c_str(), made.folder, made.name, 0) == 0;
+    CheckCopy(isLinked || errno == ENOENT, Where::kTarget, "link a file");
+    if (isLinked) {
+        Place(name, copy);
+    }
+    return isLinked;
 }
 
 void TargetTree::Remove(const std::string& name) {

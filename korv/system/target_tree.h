@@ -32,8 +32,11 @@ public:
     // The same for a file that is open as `source`. False when somebody writes it: the copy has an earlier
     // time, so that it will be made once more, since what is written may leave the time as it is.
     bool CopyRegular(int source, const std::string& name, const struct stat* copy);
+    // The inode of the copy that CopyRegular made last; 0 when somebody was faster.
+    ino_t LastPlaced() const { return m_lastPlaced; }
     // Makes `name` another name of the file at `firstPath` of this tree. False when that isn't there.
-    bool Link(const std::string& firstPath, const std::string& name, const struct stat* copy);
+    //   inode  of that file; 0 for whichever is there
+    bool Link(const std::string& firstPath, ino_t inode, const std::string& name, const struct stat* copy);
 
     // Removes the entry and all below it.
     void Remove(const std::string& name);
@@ -49,6 +52,7 @@ private:
 
     int m_root;
     std::optional<CarryingFolder> m_carrying;
+    ino_t m_lastPlaced = 0;
     const CopyObserver& m_observer;
     SyncCounts& m_counts;
 };

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <string>
@@ -72,6 +71,9 @@ private:
     struct FirstName {
         std::string path;
         nlink_t left = 0;  // names still to come
+        // kFollow: the file that was carried over to it, and the one in whose place it came, if any.
+        ino_t carried = 0;
+        struct stat replaced {};
     };
 
     static void Leave(FolderStack& stack, Where where) {
@@ -127,20 +129,6 @@ private:
         const std::uint64_t copiedBefore = m_counts.copiedEntries;
         VisitAs(name, copyName, status, isThere ? &copy : nullptr);
         m_counts.carriedBeside += m_counts.copiedEntries - copiedBefore;
-    }
-
-    // The same for an entry in each pass, and for no two of a folder.
-    static std::string NameBeside(const std::string& name, ino_t inode) {
-        constexpr std::size_t kLongestName = 255;
-        constexpr unsigned kLeadingBits = 0xc0;
-        constexpr unsigned kInsideLetter = 0x80;  // UTF-8
-        const std::string mark = ".old-" + std::to_string(inode);
-        std::size_t length = std::min(name.size(), kLongestName - mark.size());
-        while (length < name.size() && length > 0 &&
-               (static_cast<unsigned char>(name[length]) & kLeadingBits) == kInsideLetter) {
-            --length;
-        }
-        return name.substr(0, length) + mark;
     }
 
     bool IsTouched(const struct stat& status) const {
@@ -243,10 +231,11 @@ private:
         const auto first = m_firstNames.find(key);
         if (first == m_firstNames.end()) {
             VisitFile(name, name, status, copy);
-            m_firstNames[key] = {m_target.folders.FullPathOf(name), status.st_nlink - 1};
+            m_firstNames[key].path = m_target.folders.FullPathOf(name);
+            m_firstNames[key].left = status.st_nlink - 1;
             return;
         }
-        if (!m_target.Link(first->second.path, name, copy)) {
+        if (!m_target.Link(first->second.path, 0, name, copy)) {
             VisitFile(name, name, status, copy);  // its first name has vanished before it was copied
         }
         if (--first->second.left == 0) {
@@ -272,7 +261,8 @@ private:
         return m_written != nullptr && m_written->files.contains({status.st_dev, status.st_ino});
     }
     bool MayHaveToCarry(const struct stat& status) const {
-        return m_written == nullptr || !m_written->isKnown || HadWriter(status) || IsToCarry(status);
+        return m_written == nullptr || !m_written->isKnown || HadWriter(status) || IsToCarry(status) ||
+               m_firstNames.contains({status.st_dev, status.st_ino});
     }
 
     // kFollow: counts a writer, whose file has to be carried over once more when he is done.
@@ -323,13 +313,28 @@ private:
 
     void Follow(const std::string& name, int source, const struct stat& status, const struct stat* copy,
                 bool isWriterGone) {
-        const bool isToCarry = isWriterGone || (copy == nullptr ? IsToCarry(status) : IsNewer(status, *copy));
-        if (isToCarry) {
+        const auto key = std::make_pair(status.st_dev, status.st_ino);
+        const auto first = m_firstNames.find(key);
+        const bool isCarriedFile = first != m_firstNames.end();
+        const bool isToCarry =
+            isWriterGone || (copy == nullptr ? IsToCarry(status) : IsNewer(status, *copy)) ||
+            (isCarriedFile && copy != nullptr && IsSameFile(*copy, first->second.replaced));
+        if (isToCarry &&
+            !(isCarriedFile && m_target.Link(first->second.path, first->second.carried, name, copy))) {
             m_target.CopyRegular(source, name, copy);
+            if (status.st_nlink > 1 && m_target.LastPlaced() != 0) {
+                const struct stat replaced = copy == nullptr ? FirstName().replaced : *copy;
+                m_firstNames[key] = {m_target.folders.FullPathOf(name), 0, m_target.LastPlaced(), replaced};
+            }
         }
         if (isWriterGone) {
             m_written->files.erase({status.st_dev, status.st_ino});
         }
+    }
+
+    // Under another name, and untouched but for that.
+    static bool IsSameFile(const struct stat& left, const struct stat& right) {
+        return left.st_ino == right.st_ino && IsSameKindAndTime(left, right);
     }
 
     bool IsAsItMustBe(const std::string& name, int source, const struct stat& status,

@@ -200,6 +200,32 @@ TEST_P(EncryptionMeanwhile, CanBeUnlockedWhenEverythingDiedWhileItSettled) {
     ExpectMoved();
 }
 
+TEST_P(EncryptionMeanwhile, ACarriedFileKeepsItsNames) {
+    MakeShare(5);
+    std::ofstream film(m_share + "/cam0/film");
+    fs::create_hard_link(m_share + "/cam0/film", m_share + "/cam1/other");
+    fs::create_hard_link(m_share + "/cam0/film", m_share + "/cam1/replaced");
+    film << "before, " << std::flush;
+    m_sendAway = [&] {
+        if (m_journal->state.step == MoveStep::kFollow && fs::hard_link_count(m_share + "/cam0/film") == 3) {
+            fs::remove(m_share + "/cam1/replaced");
+            std::ofstream(m_share + "/cam1/replaced") << "of people";
+            const timespec later[2] = {{0, UTIME_OMIT}, {time(nullptr) + 1000, 0}};
+            EXPECT_EQ(utimensat(AT_FDCWD, (m_share + "/cam1/replaced").c_str(), later, 0), 0);
+        }
+    };
+    EXPECT_EQ(Run().end, MoveEnd::kSourceBusy);
+    EXPECT_TRUE(fs::equivalent(m_share + "/cam0/film", m_share + "/cam1/other"));
+    film << "after" << std::flush;
+    film.close();
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    EXPECT_EQ(Text(m_share + "/cam0/film"), "before, after");
+    EXPECT_TRUE(fs::equivalent(m_share + "/cam0/film", m_share + "/cam1/other"));
+    EXPECT_EQ(Text(m_share + "/cam1/replaced"), "of people");
+    m_before = manifest::Of(m_share);
+    ExpectMoved();
+}
+
 // The look for writers in it walks as deep.
 TEST_P(EncryptionMeanwhile, EndsWhenPeopleRemoveADeepFolder) {
     constexpr int kLevels = 45;
