@@ -17,6 +17,7 @@
 
 #include "platform/korv/configuration.h"
 
+#include "include/folder_owner_scope.h"
 #include "korv/system/file_descriptor.h"
 #include "korv/system/schema.h"
 
@@ -38,21 +39,12 @@ bool IsBusy(const soci::soci_error& error) {
     return sqliteError != nullptr && sqliteError->result() == SQLITE_BUSY;
 }
 
-// SQLite would make the file with the ids of whoever comes first. When that is root, the service user could
-// not write it.
+// SQLite would let everybody read it.
 void MakeFile(const std::string& path) {
     const FileDescriptor file(
         open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
-    if (!file) {
-        if (errno == EEXIST) {
-            return;
-        }
+    if (!file && errno != EEXIST) {
         throw std::system_error(errno, std::generic_category(), "cannot make the database file");
-    }
-    struct stat folder {};
-    if (geteuid() == 0 && stat(std::filesystem::path(path).parent_path().c_str(), &folder) == 0 &&
-        fchown(file.Get(), folder.st_uid, folder.st_gid) != 0) {
-        throw std::system_error(errno, std::generic_category(), "cannot give the database file to its user");
     }
 }
 
@@ -102,6 +94,8 @@ soci::session& Database() {
 void CloseDatabase() { ProcessConnection().session.reset(); }
 
 void OpenDatabase(soci::session& session, const std::string& path) {
+    // The files beside the database are made with the connection, and stay while it is open.
+    const FolderOwnerScope owner(std::filesystem::path(path).parent_path());
     MakeFile(path);
     session.open(soci::sqlite3, "db=\"" + path + "\" timeout=" + std::to_string(kLockPatience.count()));
     session << "pragma foreign_keys = on";

@@ -16,6 +16,7 @@
 
 #include "platform/korv/configuration.h"
 
+#include "include/folder_owner_scope.h"
 #include "pavane/store/schema.h"
 
 namespace pavane {
@@ -34,8 +35,7 @@ PGconn* PostgresqlHandle(soci::session& session) {
     return static_cast<soci::postgresql_session_backend*>(session.get_backend())->conn_;
 }
 
-// SQLite would make the file with the ids of whoever comes first; when that is root, the service user, who
-// owns the state folder, could not write it.
+// SQLite would let everybody read it.
 void MakeFile(const std::string& path) {
     constexpr mode_t kFileMode = 0600;
     const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode);
@@ -45,15 +45,7 @@ void MakeFile(const std::string& path) {
         }
         throw std::system_error(errno, std::generic_category(), "cannot make the database file");
     }
-    struct stat folder {};
-    const bool given =
-        geteuid() != 0 || (stat(std::filesystem::path(path).parent_path().c_str(), &folder) == 0 &&
-                           fchown(fd, folder.st_uid, folder.st_gid) == 0);
-    const int error = errno;
     close(fd);
-    if (!given) {
-        throw std::system_error(error, std::generic_category(), "cannot give the database file to its user");
-    }
 }
 
 bool IsBusy(const soci::soci_error& failure) {
@@ -84,6 +76,9 @@ void PrepareSqlite(soci::session& session) {
     session << "pragma foreign_keys = on";
     session << "pragma case_sensitive_like = on";
     SwitchToWal(session);
+    // The first look makes the files beside the database.
+    int version = 0;
+    session << "pragma user_version", soci::into(version);
 }
 
 void PreparePostgresql(soci::session& session) {
@@ -144,6 +139,8 @@ DatabaseAddress ConfiguredDatabase() {
 
 Database::Database(const DatabaseAddress& address) : m_kind(address.kind) {
     if (m_kind == DatabaseKind::kSqlite) {
+        // The files beside the database are made with the connection, and stay while it is open.
+        const FolderOwnerScope owner(std::filesystem::path(address.target).parent_path());
         MakeFile(address.target);
         m_session = std::make_unique<soci::session>(soci::sqlite3, SqliteConnection(address.target));
         PrepareSqlite(*m_session);

@@ -12,8 +12,7 @@ from life import (JOBS, NAS, PASSWORD, checksums, delete, edit, fill, find, is_t
 from node import Node, wait_until
 
 _AFTER_A_KILL = ("starting it again|connect\\(\\) to|signal|refused|No such file|prematurely|recv\\(\\) failed|"
-                 "earlier korvd|korvd (serves|ends)|died and starts|locked|RecShare of RV 0 is empty|Broken pipe|"
-                 "not healthy")  # which is waited for
+                 "earlier korvd|korvd (serves|ends)|died and starts|locked|RecShare of RV 0 is empty|Broken pipe")
 
 
 @pytest.fixture(autouse=True)

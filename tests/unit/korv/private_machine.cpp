@@ -5,12 +5,14 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <system_error>
 
+#include <linux/capability.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -19,6 +21,10 @@
 #include "korv/system/database.h"
 
 namespace fs = std::filesystem;
+
+// The C library has them, and no header for them.
+extern "C" int capget(cap_user_header_t header, cap_user_data_t data);
+extern "C" int capset(cap_user_header_t header, cap_user_data_t data);
 
 namespace {
 
@@ -171,6 +177,16 @@ void machine::BecomeEffectively(unsigned uid, const std::vector<unsigned>& group
     const std::vector<gid_t> ids(groups.begin(), groups.end());
     Check(setgroups(ids.size(), ids.data()) == 0 && setegid(kNobodysGid) == 0 && seteuid(uid) == 0,
           "cannot become another user");
+}
+
+void machine::LoseCapability(unsigned capability) {
+    constexpr std::size_t kWords = 2;
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, kWords> data{};
+    Check(capget(&header, data.data()) == 0, "cannot ask for capabilities");
+    data.at(CAP_TO_INDEX(capability)).effective &= ~CAP_TO_MASK(capability);
+    data.at(CAP_TO_INDEX(capability)).permitted &= ~CAP_TO_MASK(capability);
+    Check(capset(&header, data.data()) == 0, "cannot lose a capability");
 }
 
 machine::Access machine::AccessOf(unsigned uid, const std::vector<unsigned>& groups,

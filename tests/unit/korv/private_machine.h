@@ -45,6 +45,9 @@ std::vector<int> InChildren(int count, const std::function<int(int)>& work);
 // Lowers the effective ids of this process to a user with no other groups than `groups`.
 void BecomeEffectively(unsigned uid, const std::vector<unsigned>& groups);
 
+// Takes a capability (CAP_...) from this process for good.
+void LoseCapability(unsigned capability);
+
 // True when the user can list the folder, and whether it can make a file in it.
 struct Access {
     bool canRead = false;

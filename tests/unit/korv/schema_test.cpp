@@ -1,8 +1,13 @@
 #include "korv/system/schema.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
+#include <csignal>
 
+#include <linux/capability.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 
 #include "korv/system/database.h"
@@ -113,6 +118,57 @@ TEST_F(SchemaTest, FilesMadeByRootBelongToTheStateFoldersOwner) {
         EXPECT_EQ(status.st_uid, machine::kPavaneUid) << suffix;
         EXPECT_EQ(status.st_mode & 0777, 0600U) << suffix;
     }
+}
+
+// A file that root gave away a moment later would shut out the owner's processes in between.
+TEST_F(SchemaTest, RootMakesNoFilesOfItsOwnThere) {
+    korv::Database();
+    korv::CloseDatabase();
+    EXPECT_EQ(machine::InChild([] {
+                  machine::LoseCapability(CAP_CHOWN);
+                  korv::Database();
+                  int own = geteuid() == 0 ? 0 : 100;
+                  for (const std::string suffix : {"", "-wal", "-shm"}) {
+                      struct stat status {};
+                      const bool isThere = stat((machine::DatabaseFile() + suffix).c_str(), &status) == 0;
+                      own += isThere && status.st_uid == machine::kPavaneUid ? 0 : 1;
+                  }
+                  return own;
+              }),
+              0);
+}
+
+TEST_F(SchemaTest, RootShutsOutNobodyWhileItOpensIt) {
+    constexpr int kTimes = 200;
+    korv::Database();
+    korv::CloseDatabase();
+    const std::vector<int> failures = machine::InChildren(2, [](int number) {
+        if (number == 1) {
+            machine::BecomeEffectively(machine::kPavaneUid, {});
+        }
+        int failed = 0;
+        for (int i = 0; i < kTimes; ++i) {
+            try {
+                korv::Database();
+                korv::CloseDatabase();
+            } catch (const soci::soci_error&) {
+                ++failed;
+            }
+        }
+        return failed;
+    });
+    EXPECT_EQ(failures, (std::vector<int>{0, 0}));
+}
+
+TEST_F(SchemaTest, OpeningItLeavesTheSignalOfTheParentsDeath) {
+    EXPECT_EQ(machine::InChild([] {
+                  int signal = 0;
+                  prctl(PR_SET_PDEATHSIG, SIGTERM);
+                  korv::Database();
+                  prctl(PR_GET_PDEATHSIG, &signal);
+                  return signal;
+              }),
+              SIGTERM << 8);
 }
 
 TEST_F(SchemaTest, AConnectionIsNotUsedAcrossAFork) {

@@ -1,15 +1,36 @@
 #include "pavane/store/schema.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
+#include <filesystem>
 #include <string>
 #include <vector>
+
+#include <linux/capability.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 
 #include "pavane/store/cell.h"
 #include "tests/unit/pavane/test_node.h"
 
+// The C library has them, and no header for them.
+extern "C" int capget(cap_user_header_t header, cap_user_data_t data);
+extern "C" int capset(cap_user_header_t header, cap_user_data_t data);
+
 namespace {
 
 using pavane::Database;
+
+void LoseTheRightToGiveFilesAway() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, 2> data{};
+    ASSERT_EQ(capget(&header, data.data()), 0);
+    data[0].effective &= ~CAP_TO_MASK(CAP_CHOWN);
+    data[0].permitted &= ~CAP_TO_MASK(CAP_CHOWN);
+    ASSERT_EQ(capset(&header, data.data()), 0);
+}
 
 std::vector<std::string> Lines(Database& database, const std::string& query) {
     std::vector<std::string> lines;
@@ -140,4 +161,30 @@ TEST_F(SchemaUpgradeTest, AFailureIsDescribedWithoutTheValuesOfItsStatement) {
         EXPECT_EQ(text.find(secret), std::string::npos) << text;
         EXPECT_NE(text.find(IsSqlite() ? "constraint" : "23505"), std::string::npos) << text;
     }
+}
+
+// A file that root gave away a moment later would shut out the owner's processes in between.
+TEST_F(SchemaUpgradeTest, RootMakesNoFilesOfItsOwnInAnothersFolder) {
+    if (!IsSqlite()) {
+        GTEST_SKIP() << "the database's own server makes its files";
+    }
+    constexpr uid_t kOwner = 60005;
+    const std::string folder = TestNode::Instance().StateDir() + "/owned";
+    std::filesystem::create_directory(folder);
+    ASSERT_EQ(chown(folder.c_str(), kOwner, kOwner), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        LoseTheRightToGiveFilesAway();
+        const Database database({pavane::DatabaseKind::kSqlite, folder + "/pavane.db"});
+        int wrong = geteuid() == 0 ? 0 : 100;
+        for (const std::string suffix : {"", "-wal", "-shm"}) {
+            struct stat status {};
+            const bool isThere = stat((folder + "/pavane.db" + suffix).c_str(), &status) == 0;
+            wrong += isThere && status.st_uid == kOwner ? 0 : 1;
+        }
+        _exit(wrong);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
