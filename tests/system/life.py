@@ -4,6 +4,7 @@ import contextlib
 import hashlib
 import os
 import sqlite3
+import subprocess
 
 from node import SHARE_API, wait_until
 
@@ -90,3 +91,16 @@ def wait_for_freed(node, volume):
     left = node.inside("sh", "-c", f"ls -d {volume}/.korv-* 2>/dev/null; ls -A {volume}/.korv/* 2>/dev/null | "
                        "grep -v '/.korv/' | grep .", check=False)
     assert left.stdout == "", left.stdout
+
+
+@contextlib.contextmanager
+def opened(node, path):
+    """A process of the node that has the file open."""
+    with subprocess.Popen(["nsenter", "-t", str(node.korvd), "-m", "--", "sh", "-c", 'exec 3<"$1"; echo open; read end',
+                           "sh", path], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as process:
+        try:
+            assert process.stdout.readline() == "open\n"
+            yield
+        finally:
+            process.stdin.close()
+            process.wait(20)

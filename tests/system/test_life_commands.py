@@ -1,6 +1,5 @@
 """A share's life by `pavane` commands: what goes on, what waits, and what could not be done is told."""
 
-import contextlib
 import os
 import re
 import subprocess
@@ -8,7 +7,8 @@ import subprocess
 import pytest
 
 from candidates import CommandLine
-from life import JOBS, NAS, PASSWORD, checksums, delete, fill, find, make, nas, wait_for_freed, wait_for_job
+from life import (JOBS, NAS, PASSWORD, checksums, delete, fill, find, make, nas, opened, wait_for_freed,
+                  wait_for_job)
 from node import BUILD, wait_until
 from terminal import Terminal
 
@@ -34,19 +34,6 @@ def cleaned(node):
 def pavane(node, tmp_path):
     (tmp_path / "password").write_text(PASSWORD + "\n", encoding="utf-8")
     return CommandLine(node, "admin", tmp_path)
-
-
-@contextlib.contextmanager
-def opened(node, path):
-    """A process of the node that has the file open."""
-    with subprocess.Popen(["nsenter", "-t", str(node.korvd), "-m", "--", "sh", "-c", 'exec 3<"$1"; echo open; read end',
-                           "sh", path], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as process:
-        try:
-            assert process.stdout.readline() == "open\n"
-            yield
-        finally:
-            process.stdin.close()
-            process.wait(20)
 
 
 def begin(pavane, *arguments):

@@ -3,12 +3,12 @@
 import concurrent.futures
 import contextlib
 import sqlite3
-import subprocess
 import threading
 
 import pytest
 
-from life import NAS, PASSWORD, checksums, delete, edit, fill, find, is_there, make, nas, rows, wait_for_freed
+from life import (NAS, PASSWORD, checksums, delete, edit, fill, find, is_there, make, nas, opened, rows,
+                  wait_for_freed)
 from node import SHARE_API
 
 CAMERAS = "KORV.Pavane.Camera"
@@ -306,19 +306,6 @@ def test_a_record_that_could_not_follow_a_rename_can_be_mended(node, admin):
     make(admin, "renamed", blAddExistShare=True)
     assert checksums(node, "/volume1/renamed") == content
     assert expect_agreement(node, admin, "renamed") and not expect_agreement(node, admin, "one")
-
-
-@contextlib.contextmanager
-def opened(node, path):
-    """A process of the node that has the file open."""
-    with subprocess.Popen(["nsenter", "-t", str(node.korvd), "-m", "--", "sh", "-c", 'exec 3<"$1"; echo open; read end',
-                           "sh", path], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as process:
-        try:
-            assert process.stdout.readline() == "open\n"
-            yield
-        finally:
-            process.stdin.close()
-            process.wait(20)
 
 
 @contextlib.contextmanager
