@@ -68,6 +68,31 @@ bool HasMapped(const fs::path& process, const std::string& prefix) {
     return false;
 }
 
+bool IsOf(const fs::path& process, const std::string& program) {
+    std::error_code error;
+    const std::string running = fs::read_symlink(process / "exe", error).filename().string();
+    return running == program || running == program + " (deleted)";
+}
+
+bool Uses(const fs::path& process, const std::string& path) {
+    const auto isThere = [&path](const fs::path& link) {
+        std::error_code error;
+        const std::string target = fs::read_symlink(link, error).string();
+        return !error && (target == path || IsBeneath(target, path + "/"));
+    };
+    if (isThere(process / "cwd") || isThere(process / "root") || HasMapped(process, path + "/")) {
+        return true;
+    }
+    std::error_code error;
+    for (fs::directory_iterator each(process / "fd", error), end; !error && each != end;
+         each.increment(error)) {
+        if (isThere(each->path())) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // Whether the path that /proc shows leads to the folder or beneath it, by whichever way its process reaches
 // it.
 bool LeadsInto(const std::string& shown, const std::string& folder) {
@@ -139,6 +164,20 @@ bool IsFileOpenBeneath(const std::string& path) {
         if (IsProcess(each->path().filename().string()) &&
             (HasOpen(each->path(), path) ||
              (HasMapped(each->path(), path + "/") && HasFolder(each->path(), path)))) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool IsUsedByOthersThan(const std::string& program, const std::string& path) {
+    const RunAsScope root = IF_RUN_AS;
+    const std::string self = std::to_string(getpid());
+    std::error_code error;
+    for (fs::directory_iterator each("/proc", error), end; !error && each != end; each.increment(error)) {
+        const std::string name = each->path().filename();
+        if (IsProcess(name) && name != self && !IsOf(each->path(), program) && Uses(each->path(), path) &&
+            HasFolder(each->path(), path)) {
             return true;
         }
     }

@@ -10,6 +10,11 @@ namespace korv {
 // opened while it looks may be missed.
 bool IsFileOpenBeneath(const std::string& path);
 
+// True when a process of another program than `program` (a file's bare name) works in the folder `path` or
+// below, or has something there open or mapped: what keeps a mount from being taken away. `path` as above;
+// this process doesn't count.
+bool IsUsedByOthersThan(const std::string& program, const std::string& path);
+
 // True when somebody can make files in a folder without going there by its name: a process works in it or
 // below, has a folder of it open or as its root, or part of it is mounted elsewhere, in whichever mount
 // namespace.

@@ -31,6 +31,7 @@ namespace {
 
 constexpr const char* kHidden = ".korv";
 constexpr const char* kTokenAttribute = "trusted.korv.share";
+constexpr const char* kSambasServer = "smbd";
 constexpr mode_t kPrivateMode = S_IRWXU;
 constexpr std::chrono::seconds kBusyPatience(3);
 
@@ -335,6 +336,8 @@ void DecryptPlaces::Detach() {
         throw MoveFailure{MoveEnd::kSourceBusy, "files of the share are in use"};
     }
 }
+
+bool DecryptPlaces::IsUsedLocally() { return IsUsedByOthersThan(kSambasServer, SharePath()); }
 
 void DecryptPlaces::Switch() { Exchange(false); }
 

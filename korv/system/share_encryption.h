@@ -66,6 +66,7 @@ public:
     FileDescriptor OpenTarget() override;
     void PrepareTarget() override;
     void Detach() override {}
+    bool IsUsedLocally() override { return false; }
     void Switch() override;
     bool HasToSettle() override;
     bool Show() override;
@@ -89,6 +90,7 @@ public:
     FileDescriptor OpenTarget() override;
     void PrepareTarget() override;
     void Detach() override;
+    bool IsUsedLocally() override;
     void Switch() override;
     bool HasToSettle() override { return false; }
     bool Show() override { return false; }

@@ -203,7 +203,7 @@ private:
         try {
             m_places.Detach();
         } catch (const MoveFailure& failure) {
-            if (failure.end != MoveEnd::kSourceBusy) {
+            if (failure.end != MoveEnd::kSourceBusy || m_places.IsUsedLocally()) {
                 throw;
             }
             SendAway();

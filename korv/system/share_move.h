@@ -83,6 +83,9 @@ public:
     virtual void PrepareTarget() = 0;
     // Sends everybody away from the source where the switch needs that.
     virtual void Detach() = 0;
+    // After Detach has failed by kSourceBusy: whether somebody keeps the source who doesn't go when those are
+    // disconnected who use it over the network.
+    virtual bool IsUsedLocally() = 0;
     // Puts the target in the source's place.
     virtual void Switch() = 0;
     // Whether it has the source's place. Throws while that can't be told, as when the volume is away.
@@ -109,8 +112,8 @@ struct MoveObserver {
     // Asked some times a second; may be empty. A wish to cancel after the switch comes too late and is
     // ignored.
     std::function<MoveWish()> wish;
-    // Disconnects those who use the share over the network; they connect anew by themselves. Called when they
-    // may keep the share from being detached, after the switch, and when it is shown; may be empty.
+    // Disconnects those who use the share over the network; they connect anew by themselves. Called when only
+    // they may keep the share from being detached, after the switch, and when it is shown; may be empty.
     std::function<void()> sendAway;
 };
 

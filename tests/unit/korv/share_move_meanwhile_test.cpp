@@ -296,4 +296,47 @@ TEST_P(MoveMeanwhile, RepeatsAPassUnderWhichADeepFolderWasMovedAway) {
 INSTANTIATE_TEST_SUITE_P(To, MoveMeanwhile, testing::Values(Direction::kToCipher, Direction::kToPlain),
                          NameOf);
 
+class DecryptionMeanwhile : public ShareMove {};
+
+TEST_P(DecryptionMeanwhile, SendsNobodyAwayWhileAProgramOfThisMachineUsesTheShare) {
+    MakeShare(5);
+    int sent = 0;
+    m_sendAway = [&] { ++sent; };
+    Worker worker(m_share + "/cam0", [] {});
+    EXPECT_EQ(Run().end, MoveEnd::kSourceBusy);
+    EXPECT_EQ(m_journal->state.step, MoveStep::kSwitch);
+    EXPECT_EQ(sent, 0);
+    worker.GoOn();
+    EXPECT_EQ(Run().end, MoveEnd::kDone);
+    EXPECT_EQ(sent, 1);
+    ExpectMoved();
+}
+
+TEST_P(DecryptionMeanwhile, SendsSambasClientsAwayWhenOnlyTheyUseTheShare) {
+    MakeShare(5);
+    const std::string server = m_volume + "/smbd";
+    fs::copy_file("/bin/sleep", server);
+    const std::string folder = m_share + "/cam0";
+    const pid_t smbd = fork();
+    if (smbd == 0) {
+        _exit(chdir(folder.c_str()) == 0 ? execl(server.c_str(), "smbd", "600", nullptr) : 1);
+    }
+    const std::string process = "/proc/" + std::to_string(smbd);
+    while (fs::read_symlink(process + "/exe") != server) {
+        usleep(1000);
+    }
+    m_sendAway = [&] {
+        if (m_journal->state.step == MoveStep::kSwitch) {
+            kill(smbd, SIGKILL);
+        }
+    };
+    const auto result = Run();
+    kill(smbd, SIGKILL);
+    EXPECT_EQ(waitpid(smbd, nullptr, 0), smbd);
+    EXPECT_EQ(result.end, MoveEnd::kDone) << result.reason;
+    ExpectMoved();
+}
+
+INSTANTIATE_TEST_SUITE_P(To, DecryptionMeanwhile, testing::Values(Direction::kToPlain), NameOf);
+
 }  // namespace
