@@ -13,8 +13,8 @@ constexpr int kShareStateInterval_s = 3;
 // Brings what this server's records say about encryption and about data being moved in step with the shared
 // folders: those change by themselves, when a job ends or somebody locks a folder. A record whose folder was
 // renamed without it, since who did both died in between, follows: name, path, description and whether it is
-// hidden become the folder's. A remote share on whose folder nothing is mounted becomes abnormal. Tells connected clients when something has changed. Returns
-// whether it has; failures are logged.
+// hidden become the folder's. A remote share on whose folder nothing is mounted becomes abnormal. Tells
+// connected clients when something has changed. Returns whether it has; failures are logged.
 bool RefreshShareStates();
 
 // As LoadRecShareFromDB, but throws (pavane/store/database.h): for whoever must not take a failure for no

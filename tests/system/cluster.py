@@ -237,9 +237,15 @@ class Cluster:
         return next(server for server in servers if server["id"] == self.ids[member.name])
 
     def await_state(self, member, status, problem=None):
-        return wait_until(lambda: self.state(member)["statusName"] == status and
-                          (problem is None or self.state(member)["problem"] == problem),
-                          f"{member.name} is {status} {problem or ''}; it is {self.state(member)}", 60)
+        """Waits for a state that was found out from now on: one from before a change may still say the same."""
+        begin = int(time.time())
+
+        def is_so():
+            state = self.state(member)
+            return (state["statusName"] == status and (problem is None or state["problem"] == problem) and
+                    state["checkedTime"] > begin and (status != "online" or state["seenTime"] > begin))
+
+        return wait_until(is_so, f"{member.name} is {status} {problem or ''}; it is {self.state(member)}", 60)
 
 
 class FakePeer:
