@@ -177,9 +177,9 @@ TEST_F(SchemaUpgradeTest, RootMakesNoFilesOfItsOwnInAnothersFolder) {
         LoseTheRightToGiveFilesAway();
         const Database database({pavane::DatabaseKind::kSqlite, folder + "/pavane.db"});
         int wrong = geteuid() == 0 ? 0 : 100;
-        for (const std::string suffix : {"", "-wal", "-shm"}) {
+        for (const char* const name : {"/pavane.db", "/pavane.db-wal", "/pavane.db-shm"}) {
             struct stat status {};
-            const bool isThere = stat((folder + "/pavane.db" + suffix).c_str(), &status) == 0;
+            const bool isThere = stat((folder + name).c_str(), &status) == 0;
             wrong += isThere && status.st_uid == kOwner ? 0 : 1;
         }
         _exit(wrong);
