@@ -5,10 +5,17 @@ import os
 import pty
 import re
 import select
+import signal
 import subprocess
 import termios
 
 PATIENCE_S = 30
+
+
+def take_terminal():
+    """Makes standard input the terminal of this process, whose keys reach it also when its parent heeds none of them."""
+    fcntl.ioctl(0, termios.TIOCSCTTY, 0)
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
 
 
 class Terminal:
@@ -17,8 +24,7 @@ class Terminal:
     def __init__(self, *command, environment):
         self.master, slave = pty.openpty()
         self.process = subprocess.Popen(command, stdin=slave, stdout=slave, stderr=slave, env=environment,
-                                        start_new_session=True,
-                                        preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+                                        start_new_session=True, preexec_fn=take_terminal)
         self.slave = slave
         self.text = ""
 
