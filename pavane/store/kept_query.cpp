@@ -4,14 +4,20 @@ namespace pavane {
 
 bool KeptQuery::Run(const std::function<void()>& eachRow) {
     m_isBroken = true;
-    const bool hasRow = m_statement->execute(true);
-    for (bool more = hasRow; more; more = m_statement->fetch()) {
-        if (eachRow) {
-            eachRow();
+    try {
+        const bool hasRow = m_statement->execute(true);
+        for (bool more = hasRow; more; more = m_statement->fetch()) {
+            if (eachRow) {
+                eachRow();
+            }
         }
+        m_isBroken = false;
+        return hasRow;
+    } catch (...) {
+        // One that failed on the way, as for a lock, would make all that this connection reads later old.
+        m_statement.reset();
+        throw;
     }
-    m_isBroken = false;
-    return hasRow;
 }
 
 }  // namespace pavane
