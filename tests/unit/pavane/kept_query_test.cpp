@@ -117,3 +117,33 @@ TEST_F(KeptQueries, AreMadeAnewWhenTheCallerStoppedAtARow) {
     EXPECT_TRUE(Names("x3").Run());
     EXPECT_EQ(Names("x3").value, "value of x3");
 }
+
+TEST_F(KeptQueries, HoldOnToNothingWhenTheCallerStoppedAtARow) {
+    EXPECT_FALSE(RunsWhenStopped());
+    ASSERT_EQ(CountSuccesses(1,
+                             [](int) {
+                                 pavane::SetSetting("x3", "changed");
+                                 return true;
+                             }),
+              1);
+    EXPECT_EQ(pavane::GetSetting("x3", ""), "changed");
+}
+
+// SQLite leaves a statement that met a lock unfinished, to be tried again.
+TEST_F(KeptQueries, HoldOnToNothingWhenTheyMetALock) {
+    pavane::Database other(pavane::ConfiguredDatabase());
+    pavane::WriteTransaction theirs(other);
+    pavane::AppDatabase().SetPatience(false);
+    bool isRefused = false;
+    try {
+        const pavane::WriteTransaction ours(pavane::AppDatabase());
+    } catch (const soci::soci_error&) {
+        isRefused = true;
+    }
+    pavane::AppDatabase().SetPatience(true);
+    EXPECT_EQ(isRefused, IsSqlite()) << "PostgreSQL locks rows, and none is asked for";
+    EXPECT_EQ(pavane::GetSetting("x3", ""), "value of x3");
+    other.Session() << "update setting set value = 'changed' where name = 'x3'";
+    theirs.Commit();
+    EXPECT_EQ(pavane::GetSetting("x3", ""), "changed");
+}
