@@ -51,9 +51,8 @@ struct MountChange {
 // One whose server is silent, without an error, is left alone for a minute.
 //   now_s         unix time
 //   tell          called when all states are noted, before the first attempt, and after each attempt
-//   attemptsTime  when this has passed no further attempt is begun, so that the next look comes in time;
-//   those
-//                 that wait longest come first
+//   attemptsTime  when this has passed no further attempt is begun, so that the next look comes in time; what
+//                 waits longest comes first
 // Returns what has changed.
 std::vector<MountChange> CareForMounts(
     long long now_s, const std::function<void()>& tell = [] {},
