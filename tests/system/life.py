@@ -93,6 +93,17 @@ def wait_for_freed(node, volume):
     assert left.stdout == "", left.stdout
 
 
+def remove_all_shares(node):
+    """Neither a record nor a shared folder is left, nor anything of them on the volumes."""
+    client = node.client("admin")
+    records = client.list(blIncldMigrating=True, blIncldEncUnmount=True, blIncldRemoteAbnormal=True)
+    assert delete(client, *records, keep=True)["success"]
+    names = [share["name"] for share in client.call(NAS, "list")["data"]["shares"]]
+    assert client.call(NAS, "delete", name=names)["success"], names
+    for volume in ("/volume1", "/volume2"):
+        wait_for_freed(node, volume)
+
+
 @contextlib.contextmanager
 def opened(node, path):
     """A process of the node that has the file open."""

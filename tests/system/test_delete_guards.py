@@ -8,7 +8,7 @@ import sqlite3
 import pytest
 
 from candidates import CommandLine
-from life import NAS, delete, edit, fill, find, is_there, make, nas, rows, wait_for_freed
+from life import delete, edit, fill, find, is_there, make, nas, remove_all_shares, rows
 from node import SHARE_API
 
 CAMERA_API = "KORV.Pavane.Camera"
@@ -21,12 +21,7 @@ def cleaned(node):
     """Neither share nor camera, nor what a share was used for, is left behind."""
     node.allow("RecShare of RV 0 is empty|Failed to execute function after relay")
     yield
-    client = node.client("admin")
-    for share in client.list():
-        assert delete(client, share)["success"]
-    names = [share["name"] for share in client.call(NAS, "list")["data"]["shares"]]
-    assert client.call(NAS, "delete", name=names)["success"], names
-    wait_for_freed(node, "/volume1")
+    remove_all_shares(node)
 
 
 @pytest.fixture

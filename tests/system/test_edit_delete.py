@@ -6,7 +6,8 @@ import signal
 
 import pytest
 
-from life import NAS, delete, edit, fill, find, is_there, checksums, make, nas, rows, wait_for_freed
+from life import (NAS, delete, edit, fill, find, is_there, checksums, make, nas, remove_all_shares, rows,
+                  wait_for_freed)
 from node import SHARE_API, wait_until
 
 _TESTPARM = "/usr/bin/testparm"
@@ -18,14 +19,7 @@ def cleaned(node):
     """No share is left behind."""
     node.allow(_EMPTY_LIST)
     yield
-    client = node.client("admin")
-    names = [share["name"] for share in client.call(NAS, "list")["data"]["shares"]]
-    assert client.call(NAS, "delete", name=names)["success"], names
-    ids = [share["shareId"] for share in client.list()]
-    client.call(SHARE_API, "DelRecShare", blKeepOskShare=True,
-                delShareList=[{"shareId": number, "shareRvId": 0, "sharePath": ""} for number in ids])
-    for volume in ("/volume1", "/volume2"):
-        wait_for_freed(node, volume)
+    remove_all_shares(node)
 
 
 def exported(node):

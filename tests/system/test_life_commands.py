@@ -6,7 +6,7 @@ import subprocess
 import pytest
 
 from candidates import CommandLine
-from life import (JOBS, NAS, PASSWORD, checksums, delete, fill, find, make, nas, opened, wait_for_freed,
+from life import (JOBS, PASSWORD, checksums, delete, fill, find, make, nas, opened, remove_all_shares,
                   wait_for_job)
 from node import BUILD, wait_until
 from terminal import Terminal
@@ -22,11 +22,7 @@ def cleaned(node):
     yield
     client = node.client("admin")
     wait_until(lambda: all(job["finish"] for job in client.call(JOBS, "list")["data"]["jobs"]), "no job is under way")
-    for share in client.list(blIncldMigrating=True, blIncldEncUnmount=True):
-        assert delete(client, share)["success"]
-    names = [share["name"] for share in client.call(NAS, "list")["data"]["shares"]]
-    assert client.call(NAS, "delete", name=names)["success"], names
-    wait_for_freed(node, "/volume1")
+    remove_all_shares(node)
 
 
 @pytest.fixture

@@ -7,8 +7,8 @@ import threading
 
 import pytest
 
-from life import (NAS, PASSWORD, checksums, delete, edit, fill, find, is_there, make, nas, opened, rows,
-                  wait_for_freed)
+from life import (NAS, PASSWORD, checksums, delete, edit, fill, find, is_there, make, nas, opened,
+                  remove_all_shares, rows, wait_for_freed)
 from node import SHARE_API, wait_until
 
 CAMERAS = "KORV.Pavane.Camera"
@@ -22,14 +22,7 @@ def cleaned(node):
     """No share is left behind."""
     node.allow("RecShare of RV 0 is empty")
     yield
-    client = node.client("admin")
-    records = client.list(blIncldMigrating=True, blIncldEncUnmount=True, blIncldRemoteAbnormal=True)
-    items = [{"shareId": share["shareId"], "shareRvId": 0, "sharePath": ""} for share in records]
-    assert client.call(SHARE_API, "DelRecShare", blKeepOskShare=True, delShareList=items)["success"]
-    names = [share["name"] for share in client.call(NAS, "list")["data"]["shares"]]
-    assert client.call(NAS, "delete", name=names)["success"], names
-    for volume in ("/volume1", "/volume2"):
-        wait_for_freed(node, volume)
+    remove_all_shares(node)
 
 
 def code_of(answer):
