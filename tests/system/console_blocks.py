@@ -1,7 +1,10 @@
 """The commands in a document, and running them as a reader would."""
 
+import os
 import re
 import subprocess
+
+from node import BUILD
 
 _BLOCK = re.compile(r"^```console\n(.*?)^```$", re.MULTILINE | re.DOTALL)
 _END_MARK = "end-of-command"
@@ -34,6 +37,14 @@ def steady(text):
     for pattern, word in _CHANGING:
         text = pattern.sub(word, text)
     return text.strip()
+
+
+def reader_environment(home, **more):
+    """What a reader has, whose programs and files are the build's and those in `home`."""
+    environment = dict(os.environ, HOME=str(home), TZ="UTC", LC_ALL="C.UTF-8", PS1="",
+                       PATH=f"{BUILD}/bin:/usr/sbin:/usr/bin:/sbin:/bin", **more)
+    environment.pop("XDG_CONFIG_HOME", None)
+    return environment
 
 
 class Shell:

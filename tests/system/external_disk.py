@@ -24,13 +24,13 @@ STATE_FILE = "/tmp/usbdiskapplying"
 
 
 @contextlib.contextmanager
-def device_manager(node):
+def device_manager(node, rules=_RULES):
     """Runs one for the node alone, with a /tmp of the node's own, where the states of disks are noted."""
     node.inside("mkdir", "-p", "/run/udev")
     node.inside("mount", "-t", "tmpfs", "-o", "mode=755", "tmpfs", "/run/udev")
     node.inside("mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/tmp")
     node.inside("mkdir", "/run/udev/rules.d")
-    node.inside("tee", "/run/udev/rules.d/10-external.rules", input=_RULES)
+    node.inside("tee", "/run/udev/rules.d/10-usb.rules", input=rules)
     with subprocess.Popen(["nsenter", "-t", str(node.korvd), "-m", "--", "unshare", "--mount", "sh", "-c", _START],
                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL) as manager:
         try:

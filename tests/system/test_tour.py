@@ -6,8 +6,8 @@ import subprocess
 
 import pytest
 
-from console_blocks import Shell, commands_of, steady
-from node import BUILD, ROOT, Node
+from console_blocks import Shell, commands_of, reader_environment, steady
+from node import ROOT, Node
 
 _FOLLOW = "pavane event follow"
 _GREETING_DEADLINE_S = 30
@@ -34,9 +34,7 @@ def test_every_command_prints_what_the_document_says(document, volume_mb, tmp_pa
     with Node("--volume-mb", volume_mb) as node:
         node.unexpected_lines()
         (tmp_path / "var").symlink_to(node.state)
-        environment = dict(os.environ, PAVANE_URL=node.url, HOME=str(tmp_path), TZ="UTC", LC_ALL="C.UTF-8", PS1="",
-                           PATH=f"{BUILD}/bin:/usr/sbin:/usr/bin:/sbin:/bin")
-        environment.pop("XDG_CONFIG_HOME", None)
+        environment = reader_environment(tmp_path, PAVANE_URL=node.url)
         commands = commands_of(os.path.join(ROOT, document))
         assert commands, "the document has commands"
         followers = {}

@@ -5,8 +5,8 @@ import re
 import time
 
 from cluster import NETWORK, Cluster, enter_own_network
-from console_blocks import Shell, commands_of, steady
-from node import BUILD, ROOT
+from console_blocks import Shell, commands_of, reader_environment, steady
+from node import ROOT
 from terminal import PATIENCE_S, Terminal
 
 _GUIDE = "docs/guide/two-servers.md"
@@ -76,9 +76,7 @@ def test_every_command_prints_what_the_guide_says(tmp_path):
     enter_own_network()
     commands = commands_of(os.path.join(ROOT, _GUIDE), ("# ",))
     assert commands, "the guide has commands"
-    environment = dict(os.environ, HOME=str(tmp_path), LC_ALL="C.UTF-8", PS1="", ASAN_OPTIONS="detect_leaks=0",
-                       PATH=f"{BUILD}/bin:/usr/sbin:/usr/bin:/sbin:/bin")
-    environment.pop("XDG_CONFIG_HOME", None)
+    environment = reader_environment(tmp_path, ASAN_OPTIONS="detect_leaks=0")
     wrong = []
     with Cluster("--volume-mb", "1024") as cluster, Shell(tmp_path, environment) as shell:
         cluster.log_in(cluster.host)

@@ -5,8 +5,8 @@ import re
 import time
 
 import samba
-from console_blocks import Shell, commands_of, steady
-from node import BUILD, ROOT, Node
+from console_blocks import Shell, commands_of, reader_environment, steady
+from node import ROOT, Node
 
 _GUIDE = "docs/guide/remote.md"
 _NEWS_S = 30  # until the node knows how the server is
@@ -42,9 +42,7 @@ def test_every_command_prints_what_the_guide_says(tmp_path):
     with Node("--volume-mb", "256") as node:
         node.unexpected_lines()
         node.allow(_EXPECTED)
-        environment = dict(os.environ, PAVANE_URL=node.url, HOME=str(tmp_path), LC_ALL="C.UTF-8", PS1="",
-                           PATH=f"{BUILD}/bin:/usr/sbin:/usr/bin:/sbin:/bin", ASAN_OPTIONS="detect_leaks=0")
-        environment.pop("XDG_CONFIG_HOME", None)
+        environment = reader_environment(tmp_path, PAVANE_URL=node.url, ASAN_OPTIONS="detect_leaks=0")
         (tmp_path / "nas.password").write_text(samba.PASSWORD + "\n", encoding="utf-8")
         (tmp_path / "vault.password").write_text("of the vault\n", encoding="utf-8")
         accounts = dict(line.split() for line in node.read("accounts.txt").splitlines())
