@@ -9,10 +9,14 @@
 #include <cerrno>
 #include <csignal>
 #include <map>
+#include <set>
 #include <utility>
 #include <vector>
 
+#include <sys/stat.h>
 #include <sys/wait.h>
+
+#include "platform/korv/configuration.h"
 
 #include "korv/system/file_descriptor.h"
 #include "korv/system/mount_table.h"
@@ -89,12 +93,11 @@ bool IsUnanswered(const std::string& key) {
 
 enum class Ending { kAnswered, kNoAnswer, kLate };
 
-Ending Receive(int input, void* answer, std::size_t size) {
-    const Clock::time_point deadline = Clock::now() + kAnswerDeadline;
+Ending Receive(int input, void* answer, std::size_t size, Clock::time_point deadline) {
     while (true) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         pollfd waiting{input, POLLIN, 0};
-        const int ready = left.count() > 0 ? poll(&waiting, 1, static_cast<int>(left.count())) : 0;
+        const int ready = poll(&waiting, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
         if (ready == 0) {
             return Ending::kLate;
         }
@@ -115,13 +118,94 @@ void Reap(pid_t child) {
     }
 }
 
+// A question that a child was given.
+struct Question {
+    std::string key;
+    pid_t child;
+    FileDescriptor reading;
+};
+
+std::optional<Question> Put(const std::string& key, const std::function<bool(void*)>& work,
+                            std::size_t size) {
+    std::array<int, 2> ends{};
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
+        return std::nullopt;
+    }
+    FileDescriptor reading(ends[0]);
+    const FileDescriptor writing(ends[1]);
+    const pid_t child = fork();
+    if (child == 0) {
+        Answer(writing.Get(), work, size);
+    }
+    return child > 0 ? std::optional(Question{key, child, std::move(reading)}) : std::nullopt;
+}
+
+Ending Await(const Question& question, void* answer, std::size_t size, Clock::time_point deadline) {
+    const Ending ending = Receive(question.reading.Get(), answer, size, deadline);
+    if (ending == Ending::kLate) {
+        kill(question.child, SIGKILL);
+        const bool isEnded = IsEnded(question.child);
+        ProcessSilences()[question.key] = {Clock::now() + kSilencePause, isEnded ? -1 : question.child};
+    } else {
+        Reap(question.child);
+    }
+    return ending;
+}
+
+bool IsPrompt(const Mount& mount) {
+    return std::find(kPromptTypes.begin(), kPromptTypes.end(), mount.fsType) != kPromptTypes.end();
+}
+
+bool IsOnVolume(const std::string& path) {
+    const auto& volumes = KORV::GetConfiguration().volumes;
+    return std::any_of(volumes.begin(), volumes.end(),
+                       [&path](const std::string& volume) { return IsAtOrBeneath(path, volume); });
+}
+
+// The mounts on the volumes that may be slow and aren't known to be silent.
+std::vector<std::string> MountsToLookAt() {
+    std::set<std::string> found;
+    for (const Mount& mount : ListMounts()) {
+        if (!IsPrompt(mount) && IsOnVolume(mount.mountPoint)) {
+            found.insert(mount.mountPoint);
+        }
+    }
+    std::erase_if(found, [](const std::string& path) { return IsSilent(path); });
+    return {found.begin(), found.end()};
+}
+
+// The server itself is asked, not what this machine still knows of it.
+bool Answers(const std::string& path) {
+    struct statx status {};
+    return statx(AT_FDCWD, path.c_str(), AT_STATX_FORCE_SYNC, STATX_TYPE, &status) == 0;
+}
+
+// Who meets one silent mount may have others before them, of the same dead server: those are found within one
+// more deadline, however many they are.
+void LookAtOtherMounts() {
+    constexpr std::size_t kAtOnce = 200;
+    const std::vector<std::string> mounts = MountsToLookAt();
+    for (std::size_t begin = 0; begin < mounts.size(); begin += kAtOnce) {
+        std::vector<Question> questions;
+        for (std::size_t i = begin; i < std::min(mounts.size(), begin + kAtOnce); ++i) {
+            const auto ask = [&path = mounts[i]](void* /*answer*/) { return Answers(path); };
+            if (auto question = Put(KeyOf(kIsItThere, mounts[i]), ask, 1)) {
+                questions.push_back(std::move(*question));
+            }
+        }
+        const Clock::time_point deadline = Clock::now() + kAnswerDeadline;
+        for (const Question& question : questions) {
+            char answer = 0;
+            Await(question, &answer, 1, deadline);
+        }
+    }
+}
+
 }  // namespace
 
 bool IsPathPrompt(const std::string& path) {
     const auto along = MountsAlong(path);
-    return std::all_of(along.begin(), along.end(), [](const Mount* mount) {
-        return std::find(kPromptTypes.begin(), kPromptTypes.end(), mount->fsType) != kPromptTypes.end();
-    });
+    return std::all_of(along.begin(), along.end(), [](const Mount* mount) { return IsPrompt(*mount); });
 }
 
 bool IsSilent(const std::string& path) {
@@ -131,26 +215,16 @@ bool IsSilent(const std::string& path) {
 bool CallInChild(const std::string& question, const std::string& path, const std::function<bool(void*)>& work,
                  void* answer, std::size_t size) {
     const std::string key = KeyOf(question, path);
-    std::array<int, 2> ends{};
-    if (IsUnanswered(key) || IsSilent(path) || pipe2(ends.data(), O_CLOEXEC) != 0) {
+    if (IsUnanswered(key) || IsSilent(path)) {
         return false;
     }
-    const FileDescriptor reading(ends[0]);
-    FileDescriptor writing(ends[1]);
-    const pid_t child = fork();
-    if (child == 0) {
-        Answer(writing.Get(), work, size);
-    }
-    writing = FileDescriptor();
-    if (child < 0) {
+    const auto put = Put(key, work, size);
+    if (!put) {
         return false;
     }
-    const Ending ending = Receive(reading.Get(), answer, size);
-    if (ending == Ending::kLate) {
-        kill(child, SIGKILL);
-        ProcessSilences()[key] = {Clock::now() + kSilencePause, IsEnded(child) ? -1 : child};
-    } else {
-        Reap(child);
+    const Ending ending = Await(*put, answer, size, Clock::now() + kAnswerDeadline);
+    if (ending == Ending::kLate && question == kIsItThere) {
+        LookAtOtherMounts();
     }
     return ending == Ending::kAnswered;
 }

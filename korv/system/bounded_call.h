@@ -23,7 +23,9 @@ bool IsPathPrompt(const std::string& path);
 // Runs `work` in a child with this process's ids; false when it had no answer of `size` bytes within the
 // deadline. A question that missed it isn't put again to that mount for kSilencePause, nor while the child
 // hangs on; other questions are, unless it was kIsItThere. Needs that nobody else waits for this process's
-// children.
+// children. When it was kIsItThere that missed it, the other mounts on the volumes are asked the same, all at
+// once, which may take as long again: so nobody waits longer than twice the deadline, however many of a dead
+// server's folders they come upon.
 //   question  what is asked, so that one that hangs doesn't keep others from being asked
 bool CallInChild(const std::string& question, const std::string& path, const std::function<bool(void*)>& work,
                  void* answer, std::size_t size);

@@ -116,11 +116,6 @@ bool HasChanged(int file) {
     return poll(&waiting, 1, 0) != 0;
 }
 
-bool IsBelow(const std::string& path, const std::string& folder) {
-    return folder == "/" || (path.compare(0, folder.size(), folder) == 0 &&
-                             (path.size() == folder.size() || path[folder.size()] == '/'));
-}
-
 }  // namespace
 
 const std::vector<Mount>& ListMounts() {
@@ -143,15 +138,21 @@ const std::vector<Mount>& ListMounts() {
     return list.mounts;
 }
 
+bool IsAtOrBeneath(const std::string& path, const std::string& folder) {
+    return folder == "/" || (path.compare(0, folder.size(), folder) == 0 &&
+                             (path.size() == folder.size() || path[folder.size()] == '/'));
+}
+
 std::vector<const Mount*> MountsAlong(const std::string& path) {
     std::vector<const Mount*> along;
     for (const Mount& mount : ListMounts()) {
-        if (!IsBelow(path, mount.mountPoint)) {
+        if (!IsAtOrBeneath(path, mount.mountPoint)) {
             continue;
         }
         // A later mount covers what lies at its place and below.
         std::erase_if(along, [&mount](const Mount* covered) {
-            return covered->mountPoint == mount.mountPoint || IsBelow(covered->mountPoint, mount.mountPoint);
+            return covered->mountPoint == mount.mountPoint ||
+                   IsAtOrBeneath(covered->mountPoint, mount.mountPoint);
         });
         along.push_back(&mount);
     }
@@ -175,7 +176,7 @@ std::vector<Mount> ReadMountsOf(pid_t pid) {
 std::vector<std::string> MountsAtOrBeneath(const std::vector<Mount>& mounts, const std::string& path) {
     std::vector<std::string> found;
     for (const Mount& mount : mounts) {
-        if (IsBelow(mount.mountPoint, path)) {
+        if (IsAtOrBeneath(mount.mountPoint, path)) {
             found.push_back(mount.mountPoint);
         }
     }

@@ -32,6 +32,9 @@ std::vector<Mount> ReadMounts();
 // What process `pid` sees. Empty when it is gone.
 std::vector<Mount> ReadMountsOf(pid_t pid);
 
+// Pure text: both are absolute paths without trailing slashes.
+bool IsAtOrBeneath(const std::string& path, const std::string& folder);
+
 // The mount points of `mounts` that are `path` itself or beneath it.
 std::vector<std::string> MountsAtOrBeneath(const std::vector<Mount>& mounts, const std::string& path);
 

@@ -183,6 +183,19 @@ def test_a_share_whose_own_mount_hangs_holds_nobody_up(node, admin, viewer, fold
     assert list(candidates(viewer)) == sorted(folders)
 
 
+def test_many_mounts_that_hang_cost_no_more_than_two(node, admin):
+    count = 5
+    with contextlib.ExitStack() as shares, contextlib.ExitStack() as mounts:
+        paths = [shares.enter_context(core_share(admin, f"share{i}", "/volume2")) for i in range(count)]
+        wait_for_freed(node, "/volume2")
+        for path in paths:
+            stop(mounts.enter_context(silent_mount(node, path)))
+        took, listed = timed(lambda: candidates(admin))
+        assert [share["freesize"] for share in listed.values()] == [0] * count
+        assert took < 3 * _ANSWER_DEADLINE_S < count * _ANSWER_DEADLINE_S
+        assert len(rights_lines(node)) == count
+
+
 def test_usage_tells_of_a_share_that_hangs_without_waiting_for_it(node, admin, folders):
     answer = admin.create("second", "/volume2", blAddExistShare=True)
     assert answer["success"], answer

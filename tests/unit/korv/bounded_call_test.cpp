@@ -5,8 +5,11 @@
 #include <array>
 #include <chrono>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include <sys/wait.h>
 
@@ -115,6 +118,28 @@ TEST_F(BoundedCallTest, WhatDoesNotSayWhetherItIsThereIsAskedNothingElse) {
                             KORV_SHARE_RIGHT_READ | KORV_SHARE_RIGHT_WRITE);
               }),
               kAtOnce);
+}
+
+TEST_F(BoundedCallTest, ManySilentMountsCostNoMoreThanTwo) {
+    constexpr int kMounts = 6;
+    std::vector<std::string> paths;
+    std::vector<std::unique_ptr<SilentFileSystem>> dead;
+    for (int i = 0; i < kMounts; ++i) {
+        paths.push_back(MakeMountPoint("dead" + std::to_string(i)));
+        dead.push_back(
+            std::make_unique<SilentFileSystem>(paths.back(), SilentFileSystem::Silence::kEverything));
+    }
+    const std::string path = MakeMountPoint("half");
+    const SilentFileSystem half(path, SilentFileSystem::Silence::kSize);
+    EXPECT_LT(TimeOf([&] {
+                  for (const std::string& each : paths) {
+                      EXPECT_FALSE(IsFileExist(each));
+                      EXPECT_TRUE(korv::IsSilent(each));
+                  }
+              }),
+              2 * korv::kAnswerDeadline + kSlack);
+    EXPECT_FALSE(korv::IsSilent(path));
+    EXPECT_TRUE(IsExistDir(path));
 }
 
 TEST_F(BoundedCallTest, AVolumeWithoutASizeStillHasItsFolderAndRights) {
