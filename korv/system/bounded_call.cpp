@@ -13,7 +13,9 @@
 #include <utility>
 #include <vector>
 
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include "platform/korv/configuration.h"
@@ -57,31 +59,53 @@ bool IsEnded(pid_t child) {
     return ended == child || (ended < 0 && errno != EINTR);
 }
 
+std::chrono::milliseconds LeftUntil(Clock::time_point deadline) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    return std::max(left, std::chrono::milliseconds::zero());
+}
+
+void ReapKilled() {
+    for (auto& [key, silence] : ProcessSilences()) {
+        if (silence.child > 0 && IsEnded(silence.child)) {
+            silence.child = -1;
+        }
+    }
+    std::erase_if(ProcessSilences(), [now = Clock::now()](const auto& each) {
+        return each.second.child <= 0 && each.second.until <= now;
+    });
+}
+
+// A killed child ends a moment later, or when what it waits for comes back.
+void AwaitKilled() {
+    constexpr std::chrono::milliseconds kPatience(50);
+    const Clock::time_point deadline = Clock::now() + kPatience;
+    for (const auto& [key, silence] : ProcessSilences()) {
+        if (silence.child > 0) {
+            const FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, silence.child, 0)));
+            pollfd ending{process.Get(), POLLIN, 0};
+            poll(&ending, 1, static_cast<int>(LeftUntil(deadline).count()));
+        }
+    }
+    ReapKilled();
+}
+
+// Another mount at the same place is another one to ask.
 std::string KeyOf(const std::string& question, const std::string& path) {
     const auto along = MountsAlong(path);
-    return question + " " + (along.empty() ? path : along.back()->mountPoint);
+    return question + " " + (along.empty() ? path : along.back()->id + " " + along.back()->mountPoint);
 }
 
 bool IsUnanswered(const std::string& key) {
-    auto& silences = ProcessSilences();
-    const auto found = silences.find(key);
-    if (found == silences.end()) {
-        return false;
-    }
-    Silence& silence = found->second;
-    if (silence.child > 0 && IsEnded(silence.child)) {
-        silence.child = -1;
-    }
-    if (silence.child > 0 || Clock::now() < silence.until) {
-        return true;
-    }
-    silences.erase(found);
-    return false;
+    ReapKilled();
+    return ProcessSilences().count(key) != 0;
 }
 
 // Holds nothing of the request's: a child that hangs must not keep a client's connection open.
-[[noreturn]] void Answer(int output, const std::function<bool(void*)>& work, std::size_t size) {
+[[noreturn]] void Answer(pid_t asker, int output, const std::function<bool(void*)>& work, std::size_t size) {
     std::vector<char> answer(size);
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != asker) {
+        _exit(1);
+    }
     if (output > 0) {
         close_range(0, static_cast<unsigned>(output) - 1, 0);
     }
@@ -95,9 +119,8 @@ enum class Ending { kAnswered, kNoAnswer, kLate };
 
 Ending Receive(int input, void* answer, std::size_t size, Clock::time_point deadline) {
     while (true) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         pollfd waiting{input, POLLIN, 0};
-        const int ready = poll(&waiting, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
+        const int ready = poll(&waiting, 1, static_cast<int>(LeftUntil(deadline).count()));
         if (ready == 0) {
             return Ending::kLate;
         }
@@ -133,9 +156,10 @@ std::optional<Question> Put(const std::string& key, const std::function<bool(voi
     }
     FileDescriptor reading(ends[0]);
     const FileDescriptor writing(ends[1]);
+    const pid_t asker = getpid();
     const pid_t child = fork();
     if (child == 0) {
-        Answer(writing.Get(), work, size);
+        Answer(asker, writing.Get(), work, size);
     }
     return child > 0 ? std::optional(Question{key, child, std::move(reading)}) : std::nullopt;
 }
@@ -144,12 +168,17 @@ Ending Await(const Question& question, void* answer, std::size_t size, Clock::ti
     const Ending ending = Receive(question.reading.Get(), answer, size, deadline);
     if (ending == Ending::kLate) {
         kill(question.child, SIGKILL);
-        const bool isEnded = IsEnded(question.child);
-        ProcessSilences()[question.key] = {Clock::now() + kSilencePause, isEnded ? -1 : question.child};
+        ProcessSilences()[question.key] = {Clock::now() + kSilencePause, question.child};
     } else {
         Reap(question.child);
     }
     return ending;
+}
+
+// In a child, unless the question of this key is known to get no answer.
+Ending Ask(const std::string& key, const std::function<bool(void*)>& work, void* answer, std::size_t size) {
+    const auto put = IsUnanswered(key) ? std::nullopt : Put(key, work, size);
+    return put ? Await(*put, answer, size, Clock::now() + kAnswerDeadline) : Ending::kNoAnswer;
 }
 
 bool IsPrompt(const Mount& mount) {
@@ -201,6 +230,13 @@ void LookAtOtherMounts() {
     }
 }
 
+bool IsAnswered(Ending ending) {
+    if (ending == Ending::kLate) {
+        AwaitKilled();
+    }
+    return ending == Ending::kAnswered;
+}
+
 }  // namespace
 
 bool IsPathPrompt(const std::string& path) {
@@ -214,19 +250,19 @@ bool IsSilent(const std::string& path) {
 
 bool CallInChild(const std::string& question, const std::string& path, const std::function<bool(void*)>& work,
                  void* answer, std::size_t size) {
-    const std::string key = KeyOf(question, path);
-    if (IsUnanswered(key) || IsSilent(path)) {
+    if (IsSilent(path)) {
         return false;
     }
-    const auto put = Put(key, work, size);
-    if (!put) {
-        return false;
-    }
-    const Ending ending = Await(*put, answer, size, Clock::now() + kAnswerDeadline);
+    const Ending ending = Ask(KeyOf(question, path), work, answer, size);
     if (ending == Ending::kLate && question == kIsItThere) {
         LookAtOtherMounts();
     }
-    return ending == Ending::kAnswered;
+    return IsAnswered(ending);
+}
+
+bool AskInChild(const std::string& subject, const std::function<bool(void*)>& work, void* answer,
+                std::size_t size) {
+    return IsAnswered(Ask(subject, work, answer, size));
 }
 
 }  // namespace korv

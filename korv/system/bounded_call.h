@@ -30,19 +30,19 @@ bool IsPathPrompt(const std::string& path);
 bool CallInChild(const std::string& question, const std::string& path, const std::function<bool(void*)>& work,
                  void* answer, std::size_t size);
 
+// The same about what isn't a path: `subject` names it, a device for one.
+bool AskInChild(const std::string& subject, const std::function<bool(void*)>& work, void* answer,
+                std::size_t size);
+
 // True while the mount that `path` lies on isn't asked because kIsItThere missed the deadline. All that is
 // known of it then is what the kernel's list of mounts says.
 bool IsSilent(const std::string& path);
 
-// What `work` gives; nothing when it gives nothing, or not in time. It runs in this process where the path is
-// prompt, else in a child, and must not depend on the difference.
-template <class Work>
-auto CallBounded(const std::string& question, const std::string& path, const Work& work) -> decltype(work()) {
+// What `work` gives in the child that `call` makes.
+template <class Work, class Call>
+auto CarriedAnswer(const Work& work, const Call& call) -> decltype(work()) {
     using Answer = typename decltype(work())::value_type;
     static_assert(std::is_trivially_copyable_v<Answer>);
-    if (IsPathPrompt(path)) {
-        return work();
-    }
     Answer answer{};
     const auto ask = [&work](void* place) {
         const auto given = work();
@@ -51,7 +51,27 @@ auto CallBounded(const std::string& question, const std::string& path, const Wor
         }
         return given.has_value();
     };
-    return CallInChild(question, path, ask, &answer, sizeof(answer)) ? std::optional(answer) : std::nullopt;
+    return call(ask, &answer, sizeof(answer)) ? std::optional(answer) : std::nullopt;
+}
+
+// What `work` gives; nothing when it gives nothing, or not in time. It runs in this process where the path is
+// prompt, else in a child, and must not depend on the difference.
+template <class Work>
+auto CallBounded(const std::string& question, const std::string& path, const Work& work) -> decltype(work()) {
+    if (IsPathPrompt(path)) {
+        return work();
+    }
+    return CarriedAnswer(work, [&](const std::function<bool(void*)>& ask, void* answer, std::size_t size) {
+        return CallInChild(question, path, ask, answer, size);
+    });
+}
+
+// What `work` gives about `subject`, always from a child.
+template <class Work>
+auto CallApart(const std::string& subject, const Work& work) -> decltype(work()) {
+    return CarriedAnswer(work, [&](const std::function<bool(void*)>& ask, void* answer, std::size_t size) {
+        return AskInChild(subject, ask, answer, size);
+    });
 }
 
 }  // namespace korv

@@ -1,5 +1,7 @@
 #include "platform/korv/filesystem.h"
 
+#include <fcntl.h>
+
 #include <optional>
 #include <string>
 
@@ -14,9 +16,11 @@ std::optional<mode_t> ModeOf(const std::string& path) {
     if (path.find('\0') != std::string::npos) {
         return std::nullopt;
     }
+    // The server itself is asked, not what this machine still knows of it.
     return korv::CallBounded(korv::kIsItThere, path, [&path] {
-        struct stat status {};
-        return stat(path.c_str(), &status) == 0 ? std::optional(status.st_mode) : std::nullopt;
+        struct statx status {};
+        const int result = statx(AT_FDCWD, path.c_str(), AT_STATX_FORCE_SYNC, STATX_TYPE, &status);
+        return result == 0 ? std::optional<mode_t>(status.stx_mode) : std::nullopt;
     });
 }
 

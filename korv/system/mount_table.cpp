@@ -67,7 +67,7 @@ std::optional<Mount> ParseLine(const std::string& line) {
     std::string skipped;
     std::string mountPoint;
     std::string options;
-    fields >> skipped >> skipped >> mount.device >> mount.root >> mountPoint >> options;
+    fields >> mount.id >> skipped >> mount.device >> mount.root >> mountPoint >> options;
     while (fields >> skipped && skipped != "-") {
     }
     std::string superOptions;

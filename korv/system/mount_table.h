@@ -10,6 +10,7 @@
 namespace korv {
 
 struct Mount {
+    std::string id;  // no other's while it is mounted
     std::string mountPoint;
     std::string fsType;  // "ext4", "btrfs", "nfs4", "fuse.gocryptfs", ...
     std::string source;  // "/dev/sdb1", "server:/export", ...

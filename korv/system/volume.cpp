@@ -43,8 +43,9 @@ FileSystemType TypeOf(std::uint32_t magic) {
 
 bool IsMountRoot(const std::string& path) {
     struct statx status {};
-    return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &status) == 0 &&
-           S_ISDIR(status.stx_mode) && (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+    const int flags = AT_SYMLINK_NOFOLLOW | AT_STATX_FORCE_SYNC;
+    return statx(AT_FDCWD, path.c_str(), flags, STATX_TYPE, &status) == 0 && S_ISDIR(status.stx_mode) &&
+           (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
 }
 
 std::optional<struct statfs> ReadFacts(const std::string& path) {

@@ -1,22 +1,27 @@
 #include "korv/system/bounded_call.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include "platform/korv/filesystem.h"
 #include "platform/korv/share.h"
 #include "platform/korv/volume.h"
 
+#include "korv/system/file_descriptor.h"
 #include "korv/system/volume.h"
 #include "tests/unit/korv/private_machine.h"
 #include "tests/unit/korv/silent_file_system.h"
@@ -50,6 +55,22 @@ milliseconds TimeOf(const Work& work) {
 bool HasLeftChild() {
     int status = 0;
     return waitpid(-1, &status, WNOHANG) > 0;
+}
+
+// Waits until there is one.
+pid_t OnlyChildOf(pid_t parent) {
+    const std::string file =
+        "/proc/" + std::to_string(parent) + "/task/" + std::to_string(parent) + "/children";
+    constexpr int kTries = 1000;
+    constexpr unsigned kPause_us = 1000;
+    for (int i = 0; i < kTries; ++i) {
+        pid_t child = 0;
+        if (std::ifstream(file) >> child) {
+            return child;
+        }
+        usleep(kPause_us);
+    }
+    throw std::runtime_error("no child appears");
 }
 
 }  // namespace
@@ -100,6 +121,37 @@ TEST_F(BoundedCallTest, AnsweringNothingIsAFailureWithinTheDeadlineAndThenAtOnce
     EXPECT_FALSE(korv::IsSilent(machine::Volume()));
     EXPECT_LT(TimeOf([&] { isThere = IsFileExist(path); }), kAtOnce);
     EXPECT_FALSE(isThere);
+    EXPECT_FALSE(HasLeftChild());
+}
+
+TEST_F(BoundedCallTest, AnotherMountInThePlaceOfASilentOneIsAsked) {
+    const std::string path = MakeMountPoint("place");
+    {
+        const SilentFileSystem dead(path, SilentFileSystem::Silence::kEverything);
+        EXPECT_TRUE(IsExistDir(path));
+        EXPECT_TRUE(korv::IsSilent(path));
+        const SilentFileSystem half(path, SilentFileSystem::Silence::kSize);
+        EXPECT_FALSE(korv::IsSilent(path));
+        const KORVSHARE share{"place", path.c_str()};
+        EXPECT_EQ(KLIBShareUserRightGet("alice", &share), KORV_SHARE_RIGHT_READ | KORV_SHARE_RIGHT_WRITE);
+    }
+}
+
+TEST_F(BoundedCallTest, AChildDoesNotOutliveWhoAsks) {
+    const std::string path = MakeMountPoint("dead");
+    const SilentFileSystem dead(path, SilentFileSystem::Silence::kEverything);
+    const pid_t asker = fork();
+    if (asker == 0) {
+        korv::CallBounded("long", path, [] { return std::optional(pause()); });
+        _exit(0);
+    }
+    const pid_t child = OnlyChildOf(asker);
+    const korv::FileDescriptor process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+    ASSERT_TRUE(process);
+    kill(asker, SIGKILL);
+    ASSERT_EQ(waitpid(asker, nullptr, 0), asker);
+    pollfd ending{process.Get(), POLLIN, 0};
+    EXPECT_EQ(poll(&ending, 1, 2000), 1);
 }
 
 TEST_F(BoundedCallTest, WhatDoesNotSayWhetherItIsThereIsAskedNothingElse) {
