@@ -8,16 +8,12 @@
 #include "platform/pavane/key_value_file.h"
 
 #include "tests/fake/director.h"
+#include "tests/fake/records.h"
 
 using fake::Args;
 using fake::Ask;
 
 namespace {
-
-template <std::size_t Size>
-void Copy(char (&to)[Size], const Json::Value& from) {
-    snprintf(to, Size, "%s", from.asCString());
-}
 
 // The references stand at the start of the buffer, the names behind them; a null name stays a null reference.
 void WriteNames(const Json::Value& list, char** names, std::size_t capacity) {
@@ -50,15 +46,10 @@ int KORVUSBDevEnum(int type, char** names, std::size_t capacity, std::size_t* si
 int KORVExtStgPartsVolInfoGet(const char* device, KORVEXTDEVICE* record, bool isUsb) {
     const Json::Value name = device != nullptr ? Json::Value(device) : Json::Value();
     const Json::Value reply = Ask("KORVExtStgPartsVolInfoGet", Args(name, isUsb));
-    Copy(record->description, reply["description"]);
+    snprintf(record->description, sizeof record->description, "%s", reply["description"].asCString());
     record->partitionCount = 0;
     for (const Json::Value& fields : reply["partitions"]) {
-        KORVEXTPARTITION& partition = record->partitions[record->partitionCount++];
-        partition.state = fields.get("state", 0).asInt();
-        Copy(partition.fsName, fields.get("fs", ""));
-        Copy(partition.text, fields.get("text", ""));
-        Copy(partition.shareName, fields.get("share", ""));
-        Copy(partition.mountPath, fields.get("path", ""));
+        record->partitions[record->partitionCount++] = fake::ToPartition(fields);
     }
     return reply["result"].asInt();
 }

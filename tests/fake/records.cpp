@@ -1,5 +1,7 @@
 #include "tests/fake/records.h"
 
+#include <cstdio>
+
 struct RecShareAccess {
     static void Fill(RecShare& share, const Json::Value& fields) {
         share.m_id = fields["id"].asInt();
@@ -48,6 +50,11 @@ struct SlaveRVAccess {
 namespace fake {
 
 namespace {
+
+template <std::size_t Size>
+void Copy(char (&to)[Size], const Json::Value& from) {
+    snprintf(to, Size, "%s", from.asCString());
+}
 
 Json::Value Complete(const Json::Value& fields, Json::Value sample) {
     for (const std::string& name : fields.getMemberNames()) {
@@ -115,6 +122,15 @@ Json::Value ApplicationSample() {
     return sample;
 }
 
+Json::Value PartitionSample() {
+    Json::Value sample;
+    sample["state"] = static_cast<int>(KORV_EXT_PARTITION_READY);
+    for (const char* name : {"fs", "text", "share", "path"}) {
+        sample[name] = "";
+    }
+    return sample;
+}
+
 Json::Value SlaveRVSample() {
     Json::Value sample;
     sample["id"] = 0;
@@ -154,6 +170,17 @@ SlaveRV ToSlaveRV(const Json::Value& fields) {
     SlaveRV server;
     SlaveRVAccess::Fill(server, Complete(fields, SlaveRVSample()));
     return server;
+}
+
+KORVEXTPARTITION ToPartition(const Json::Value& fields) {
+    const Json::Value complete = Complete(fields, PartitionSample());
+    KORVEXTPARTITION partition{};
+    partition.state = complete["state"].asInt();
+    Copy(partition.fsName, complete["fs"]);
+    Copy(partition.text, complete["text"]);
+    Copy(partition.shareName, complete["share"]);
+    Copy(partition.mountPath, complete["path"]);
+    return partition;
 }
 
 }  // namespace fake

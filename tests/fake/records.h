@@ -4,6 +4,7 @@
 
 #include <json/json.h>
 
+#include "platform/korv/external_disk.h"
 #include "platform/pavane/camera.h"
 #include "platform/pavane/cms.h"
 #include "platform/pavane/rec_share.h"
@@ -17,10 +18,12 @@ Json::Value CameraSample();
 Json::Value SlaveRVSample();
 Json::Value FolderSample();
 Json::Value ApplicationSample();
+Json::Value PartitionSample();
 
 void FillRecShare(RecShare& share, const Json::Value& fields);
 Camera ToCamera(const Json::Value& fields);
 SlaveRV ToSlaveRV(const Json::Value& fields);
+KORVEXTPARTITION ToPartition(const Json::Value& fields);
 
 // True when both are of one JSON type; whole numbers are one type, signed or not.
 bool IsSameKind(const Json::Value& value, const Json::Value& sample);

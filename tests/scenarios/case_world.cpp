@@ -133,31 +133,42 @@ Json::Value CompleteReply(const fake::FunctionTraits& function, const Json::Valu
     return complete;
 }
 
+// Where records stand in replies: under a member, or as the whole reply of a function.
+struct RecordPlace {
+    const char* name;
+    Json::Value (*sample)();
+};
+
+constexpr RecordPlace kRecordMembers[] = {
+    {"record", fake::RecShareSample}, {"server", fake::SlaveRVSample},       {"servers", fake::SlaveRVSample},
+    {"cameras", fake::CameraSample},  {"partitions", fake::PartitionSample},
+};
+constexpr RecordPlace kRecordLists[] = {
+    {"LoadRecShareFromDB", fake::RecShareSample},
+    {"SlaveRVMgr::SlaveRVMgr", fake::SlaveRVSample},
+    {"GetCamLocalList", fake::CameraSample},
+    {"ApplicationTraits", fake::ApplicationSample},
+};
+
 // Records within a reply are held to the same fields as those of the given world.
 void CheckRecordsInReply(const fake::FunctionTraits& function, const Json::Value& reply,
                          const YamlNode& node) {
-    const auto check = [&node](const Json::Value& records, const Json::Value& sample) {
-        for (const Json::Value& record : records) {
-            if (const std::string wrong = fake::CheckRecord(record, sample); !wrong.empty()) {
+    const auto check = [&node](const Json::Value& records, const RecordPlace& place) {
+        for (const Json::Value& record : records.isArray() ? records : fake::Args(records)) {
+            if (const std::string wrong = fake::CheckRecord(record, place.sample()); !wrong.empty()) {
                 node.Fail(wrong);
             }
         }
     };
-    const auto one = [](const Json::Value& record) {
-        Json::Value list(Json::arrayValue);
-        list.append(record);
-        return list;
-    };
-    if (function.name == "LoadRecShareFromDB") {
-        check(reply, fake::RecShareSample());
-    } else if (reply.isObject() && reply.isMember("record")) {
-        check(one(reply["record"]), fake::RecShareSample());
-    } else if (reply.isObject() && reply.isMember("server")) {
-        check(one(reply["server"]), fake::SlaveRVSample());
-    } else if (reply.isObject() && reply.isMember("servers")) {
-        check(reply["servers"], fake::SlaveRVSample());
-    } else if (reply.isObject() && reply.isMember("cameras")) {
-        check(reply["cameras"], fake::CameraSample());
+    for (const RecordPlace& place : kRecordLists) {
+        if (function.name == place.name) {
+            check(reply, place);
+        }
+    }
+    for (const RecordPlace& place : kRecordMembers) {
+        if (function.benign.isObject() && function.benign.isMember(place.name)) {
+            check(reply[place.name], place);
+        }
     }
 }
 

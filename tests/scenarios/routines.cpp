@@ -8,6 +8,7 @@
 #include "include/run_as_scope.h"
 #include "tests/scenarios/handler_routines.h"
 #include "tests/scenarios/probe.h"
+#include "webapi/share/external_devices.h"
 #include "webapi/share/external_disks.h"
 #include "webapi/share/relay_params.h"
 #include "webapi/share/share_handler.h"
@@ -99,6 +100,20 @@ Json::Value EnumExternalShares(RoutineContext& context) {
     return returned;
 }
 
+Json::Value ListPartitions(RoutineContext& context) {
+    ExtPartitionTable table;
+    GetExtDevInfo(context.args["deviceType"].asInt(), table);
+    Json::Value returned(Json::arrayValue);
+    for (const ExtPartition* partition : table) {
+        Json::Value& shown = returned.append(Json::objectValue);
+        shown["status"] = partition->status;
+        shown["text"] = partition->text;
+        shown["share"] = partition->shareName;
+        shown["path"] = partition->mountPath;
+    }
+    return returned;
+}
+
 Json::Value RunAsRoot(RoutineContext& context) {
     constexpr int kLine = 77;
     const RunAsScope root("scope.cpp", kLine);
@@ -186,6 +201,7 @@ std::vector<Routine> MakeRoutines() {
          CheckPrivilege, IsZero},
         {"ExtShareListEnum", Defaults(R"({"user": "", "deviceType": 0, "mask": 0})"), kReturns, false,
          EnumExternalShares, nullptr},
+        {"GetExtDevInfo", Defaults(R"({"deviceType": 0})"), kReturns, false, ListPartitions, nullptr},
         {"RunAsScope", Defaults(R"({"euid_inside": null, "egid_inside": null, "throws_inside": false})"),
          kReturns, false, RunAsRoot, nullptr},
         {"CmsRelayWebApi", Defaults(R"({"pre_check": false, "post_step": false})"), false, kAnswers,

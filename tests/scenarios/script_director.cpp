@@ -6,6 +6,23 @@
 
 namespace scenario {
 
+namespace {
+
+// An entry of the system's log with a star for its line number: "scope.cpp:* ERROR: ...".
+std::string WithoutLineNumber(std::string entry) {
+    const std::size_t begin = entry.find(':') + 1;
+    return entry.replace(begin, entry.find_first_not_of("0123456789", begin) - begin, "*");
+}
+
+bool IsCall(const ScriptedCall& line, const fake::FunctionTraits& function, const Json::Value& args) {
+    const std::string expected = OneLine(line.args);
+    const std::string actual = OneLine(args);
+    return line.function == &function &&
+           (expected == actual || (function.name == "syslog" && expected == WithoutLineNumber(actual)));
+}
+
+}  // namespace
+
 ScriptDirector::ScriptDirector(const Case& script, std::optional<std::size_t> failing)
     : world(script.world),
       m_script(script),
@@ -20,6 +37,7 @@ Json::Value ScriptDirector::Reply(const fake::FunctionTraits& function, const Js
     MadeCall call{&function, args, function.benign, false};
     const bool isScripted = function.kind == fake::Kind::kCall || m_scripted.count(function.name) > 0;
     if (const std::optional<std::size_t> line = isScripted ? FindLine(function, args) : std::nullopt) {
+        call.args = m_script.calls[*line].args;
         call.reply = m_script.calls[*line].reply;
         m_next = *line + 1;
     } else if (function.kind == fake::Kind::kBackground) {
@@ -45,10 +63,8 @@ void ScriptDirector::Answer(const Json::Value& answer) {
 // goes.
 std::optional<std::size_t> ScriptDirector::FindLine(const fake::FunctionTraits& function,
                                                     const Json::Value& args) const {
-    const std::string wanted = OneLine(args);
     for (std::size_t line = m_next; line < m_script.calls.size(); ++line) {
-        const ScriptedCall& call = m_script.calls[line];
-        if (call.function == &function && OneLine(call.args) == wanted) {
+        if (IsCall(m_script.calls[line], function, args)) {
             return line;
         }
     }
