@@ -58,8 +58,19 @@ Acl GrantedAccess(const Acl& access, const FolderOwner& owner, const AclPrincipa
 // their readers otherwise; others are not given the right to write, which an umask would have taken away.
 Acl GrantedDefault(const Acl& defaults, const Acl& access, const AclPrincipal& grantee, unsigned rights);
 
-// Reads or replaces an ACL of the folder open as `folder`. Throw std::system_error.
+// Reads or replaces an ACL of the folder open as `folder`. Throw std::system_error, EOPNOTSUPP where the file
+// system keeps no ACLs.
 Acl ReadAcl(int folder, acl_type_t type);
 void WriteAcl(int folder, acl_type_t type, const Acl& acl);
+
+// Who may do what with a folder.
+struct FolderRights {
+    Acl access;
+    FolderOwner owner;
+};
+
+// Of the folder open as `folder`, O_PATH suffices. Where its file system keeps no ACLs (FAT, HFS+, NFS 4),
+// the list is what the mode says, as the kernel judges there. Throws std::system_error.
+FolderRights ReadFolderRights(int folder);
 
 }  // namespace korv

@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include <acl/libacl.h>
+#include <sys/stat.h>
 
 #include "korv/system/acl.h"
 
@@ -34,6 +35,17 @@ void Check(int result, const char* what) {
 // Default ACLs can be reached by a path only; this one names the open folder itself, whatever its name is
 // now.
 std::string PathOf(int folder) { return "/proc/self/fd/" + std::to_string(folder); }
+
+// The errors by which file systems say that they keep no ACLs.
+bool IsWithoutAcls(int error) { return error == EOPNOTSUPP || error == ENOSYS; }
+
+Acl AclOfMode(mode_t mode) {
+    constexpr unsigned kOwnerShift = 6;
+    constexpr unsigned kGroupShift = 3;
+    return {{ACL_USER_OBJ, 0, mode >> kOwnerShift & kAclReadWrite},
+            {ACL_GROUP_OBJ, 0, mode >> kGroupShift & kAclReadWrite},
+            {ACL_OTHER, 0, mode & kAclReadWrite}};
+}
 
 AclEntry ReadEntry(acl_entry_t source) {
     AclEntry entry;
@@ -98,6 +110,21 @@ void WriteAcl(int folder, acl_type_t type, const Acl& acl) {
         WriteEntry(list, entry);
     }
     Check(acl_set_file(PathOf(folder).c_str(), type, list), "cannot set an ACL");
+}
+
+FolderRights ReadFolderRights(int folder) {
+    struct stat facts {};
+    Check(fstat(folder, &facts), "cannot look at a folder");
+    FolderRights rights{{}, {facts.st_uid, facts.st_gid}};
+    try {
+        rights.access = ReadAcl(folder, ACL_TYPE_ACCESS);
+    } catch (const std::system_error& failure) {
+        if (!IsWithoutAcls(failure.code().value())) {
+            throw;
+        }
+        rights.access = AclOfMode(facts.st_mode);
+    }
+    return rights;
 }
 
 }  // namespace korv

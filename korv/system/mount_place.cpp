@@ -99,12 +99,12 @@ bool MayWrite(int folder, const MountCaller& caller) {
         return true;
     }
     const auto account = FindUser(caller.name);
-    struct stat facts {};
-    if (!account || fstat(folder, &facts) != 0) {
+    if (!account) {
         return false;
     }
-    const unsigned rights = EffectiveRights(ReadAcl(folder, ACL_TYPE_ACCESS), {facts.st_uid, facts.st_gid},
-                                            {false, account->uid, GroupsOf(*account)});
+    const FolderRights folderRights = ReadFolderRights(folder);
+    const unsigned rights =
+        EffectiveRights(folderRights.access, folderRights.owner, {false, account->uid, GroupsOf(*account)});
     return (rights & (kAclWrite | kAclExecute)) == (kAclWrite | kAclExecute);
 }
 

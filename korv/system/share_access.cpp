@@ -6,8 +6,6 @@
 #include <optional>
 #include <system_error>
 
-#include <sys/stat.h>
-
 #include "platform/korv/share.h"
 
 #include "korv/framework/log.h"
@@ -28,22 +26,8 @@ FileDescriptor OpenFolder(int parent, const std::string& name) {
     return FileDescriptor(openat(parent, name.c_str(), kFolderOnly));
 }
 
-// Who may do what with a folder.
-struct FolderRights {
-    Acl acl;
-    FolderOwner owner;
-
-    bool Allow(const Identity& who, unsigned wanted) const {
-        return Permits(acl, owner, {false, who.uid, who.groups}, wanted);
-    }
-};
-
-FolderRights ReadRights(int folder) {
-    struct stat status {};
-    if (fstat(folder, &status) != 0) {
-        throw std::system_error(errno, std::generic_category(), "cannot look at a folder");
-    }
-    return {ReadAcl(folder, ACL_TYPE_ACCESS), {status.st_uid, status.st_gid}};
+bool Allows(const FolderRights& rights, const Identity& who, unsigned wanted) {
+    return Permits(rights.access, rights.owner, {false, who.uid, who.groups}, wanted);
 }
 
 // From the list of mounts, since a file system that has stopped answering for its size may still serve files.
@@ -57,7 +41,7 @@ FileDescriptor Walk(const std::string& path, const Identity& who) {
     FileDescriptor folder = OpenFolder(AT_FDCWD, "/");
     std::size_t begin = path.find_first_not_of('/');
     while (folder && begin != std::string::npos) {
-        if (!ReadRights(folder.Get()).Allow(who, kAclExecute)) {
+        if (!Allows(ReadFolderRights(folder.Get()), who, kAclExecute)) {
             return FileDescriptor();
         }
         const std::size_t end = path.find('/', begin);
@@ -74,9 +58,9 @@ FolderAccess ReadAccess(const std::string& path, const Identity& who) {
         if (!folder) {
             return access;
         }
-        const FolderRights rights = ReadRights(folder.Get());
-        access.canList = rights.Allow(who, kAclRead) && rights.Allow(who, kAclExecute);
-        access.canChange = rights.Allow(who, kAclWrite | kAclExecute) && !IsReadOnly(path);
+        const FolderRights rights = ReadFolderRights(folder.Get());
+        access.canList = Allows(rights, who, kAclRead) && Allows(rights, who, kAclExecute);
+        access.canChange = Allows(rights, who, kAclWrite | kAclExecute) && !IsReadOnly(path);
     } catch (const std::system_error& failure) {
         access.error = failure.code().value();
     }

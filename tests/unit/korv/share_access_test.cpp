@@ -5,9 +5,12 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <random>
+#include <system_error>
 
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -19,6 +22,7 @@
 #include "korv/system/acl.h"
 #include "korv/system/database.h"
 #include "korv/system/file_descriptor.h"
+#include "korv/system/share_folder.h"
 #include "korv/system/share_store.h"
 #include "tests/unit/korv/private_machine.h"
 
@@ -105,6 +109,15 @@ std::string Told(const std::string& user, const std::vector<std::string>& folder
     return digits;
 }
 
+int ErrorOf(const std::function<void()>& work) {
+    try {
+        work();
+    } catch (const std::system_error& failure) {
+        return failure.code().value();
+    }
+    return 0;
+}
+
 class ShareAccessTest : public MachineTest {};
 
 }  // namespace
@@ -143,6 +156,33 @@ TEST_F(ShareAccessTest, NobodyWritesOnAReadOnlyMount) {
     EXPECT_EQ(Tried("root", {machine::ReadOnlyVolume()}), "2");
     EXPECT_EQ(Told("root", {machine::ReadOnlyVolume()}), "2");
     EXPECT_EQ(Told("alice", {machine::ReadOnlyVolume()}), "2");
+}
+
+// ramfs keeps none, as FAT and HFS+ don't.
+TEST_F(ShareAccessTest, WhereAFileSystemKeepsNoAclsTheModeCounts) {
+    const std::string disk = machine::Volume() + "/disk";
+    fs::create_directory(disk);
+    ASSERT_EQ(mount("ramfs", disk.c_str(), "ramfs", 0, nullptr), 0);
+    std::vector<std::string> folders{disk};
+    for (const unsigned mode : {0700U, 0750U, 0705U, 0775U, 0757U, 0077U, 0070U, 0007U}) {
+        for (const bool isOfAlice : {true, false}) {
+            folders.push_back(disk + "/" + std::to_string(folders.size()));
+            fs::create_directory(folders.back());
+            ASSERT_EQ(chown(folders.back().c_str(), isOfAlice ? machine::kAliceUid : 0, machine::kStaffGid),
+                      0);
+            ASSERT_EQ(chmod(folders.back().c_str(), mode), 0);
+        }
+    }
+    for (const char* user : kUsers) {
+        EXPECT_EQ(Told(user, folders), Tried(user, folders)) << user;
+    }
+    EXPECT_EQ(Told("carol", {disk}), "2") << "a disk that everybody may read";
+
+    const korv::FileDescriptor folder(open(disk.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const korv::AclPrincipal alice{false, machine::kAliceUid, {machine::kNobodysGid}};
+    EXPECT_EQ(ErrorOf([&] { korv::GrantOnFolder(folder.Get(), alice, korv::kAclReadWrite); }), EOPNOTSUPP)
+        << "nothing can be granted there";
+    EXPECT_EQ(umount2(disk.c_str(), MNT_DETACH), 0);
 }
 
 TEST_F(ShareAccessTest, UnknownUsersAndFoldersThatAreGoneAreNotAnswered) {
