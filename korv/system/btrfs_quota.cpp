@@ -1,6 +1,7 @@
 #include "korv/system/btrfs_quota.h"
 
 #include <btrfsutil.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -24,6 +25,7 @@ namespace {
 // A quota group's id: its level in the upper 16 bits; level 0 groups are the subvolumes themselves.
 using GroupId = std::uint64_t;
 constexpr unsigned kLevelShift = 48;
+constexpr GroupId kNumberMask = (GroupId{1} << kLevelShift) - 1;
 
 // What the kernel keeps about one group, as it stands now: its tree on the disk is brought up to date only
 // with each commit, which may be half a minute late.
@@ -54,29 +56,31 @@ std::string GroupsFolder(int folder) {
     return kKernelFolder + UuidText(info.fsid) + "/qgroups/";
 }
 
-// The groups that `group` was put into directly.
+// The groups that `group` was put into directly. A relation stands in the tree in both directions; what a
+// group is put into is always of a higher level.
 std::vector<GroupId> ParentsOf(int folder, GroupId group) {
     btrfs_ioctl_search_args search{};
     btrfs_ioctl_search_key& key = search.key;
     key.tree_id = BTRFS_QUOTA_TREE_OBJECTID;
     key.min_objectid = key.max_objectid = group;
     key.min_type = key.max_type = BTRFS_QGROUP_RELATION_KEY;
+    key.min_offset = group | kNumberMask;
     key.max_offset = key.max_transid = ~std::uint64_t{0};
-    key.nr_items = ~std::uint32_t{0};
-    if (ioctl(folder, BTRFS_IOC_TREE_SEARCH, &search) != 0) {
-        Fail(errno, "cannot read the quota groups of a Btrfs file system");
-    }
     std::vector<GroupId> parents;
-    const char* at = search.buf;
-    for (std::uint32_t i = 0; i < key.nr_items; ++i) {
-        btrfs_ioctl_search_header header{};
-        std::memcpy(&header, at, sizeof(header));
-        // A relation stands in the tree in both directions.
-        if (header.offset >> kLevelShift > group >> kLevelShift) {
-            parents.push_back(header.offset);
+    do {
+        key.nr_items = ~std::uint32_t{0};
+        if (ioctl(folder, BTRFS_IOC_TREE_SEARCH, &search) != 0) {
+            Fail(errno, "cannot read the quota groups of a Btrfs file system");
         }
-        at += sizeof(header) + header.len;
-    }
+        const char* at = search.buf;
+        for (std::uint32_t i = 0; i < key.nr_items; ++i) {
+            btrfs_ioctl_search_header header{};
+            std::memcpy(&header, at, sizeof(header));
+            parents.push_back(header.offset);
+            at += sizeof(header) + header.len;
+            key.min_offset = header.offset + 1;
+        }
+    } while (key.nr_items != 0 && key.min_offset != 0);  // one answer holds only so many
     return parents;
 }
 
@@ -88,13 +92,20 @@ std::uint64_t ReadNumber(const std::string& file) {
     return number;
 }
 
+// Kernels let people destroy the group of a subvolume that lives on; nothing limits it then.
+bool IsGone(const std::string& groupFolder) {
+    return access(groupFolder.c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
 std::uint64_t RestOf(std::uint64_t limit, std::uint64_t used) { return limit > used ? limit - used : 0; }
 
 // As the kernel judges a write: what is used and what is promised must stay within the limit.
 std::optional<std::uint64_t> RestOfGroup(const std::string& groupsFolder, GroupId group) {
-    constexpr GroupId kNumberMask = (GroupId{1} << kLevelShift) - 1;
     const std::string folder =
         groupsFolder + std::to_string(group >> kLevelShift) + "_" + std::to_string(group & kNumberMask) + "/";
+    if (IsGone(folder)) {
+        return std::nullopt;
+    }
     const std::uint64_t limits = ReadNumber(folder + "limit_flags");
     if ((limits & (BTRFS_QGROUP_LIMIT_MAX_RFER | BTRFS_QGROUP_LIMIT_MAX_EXCL)) == 0) {
         return std::nullopt;

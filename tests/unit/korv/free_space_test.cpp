@@ -13,7 +13,9 @@
 #include <fstream>
 #include <vector>
 
+#include <linux/btrfs.h>
 #include <linux/quota.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -183,8 +185,38 @@ protected:
         return path;
     }
 
+    static constexpr std::uint64_t kFirstSubvolume = 256;
+
+    static constexpr std::uint64_t Group(std::uint64_t level, std::uint64_t number) {
+        return level << 48U | number;
+    }
+
+    // As `btrfs qgroup` does, without a process for each.
+    static void MakeGroup(std::uint64_t group) {
+        btrfs_ioctl_qgroup_create_args what{1, group};
+        Ask(BTRFS_IOC_QGROUP_CREATE, &what);
+    }
+    static void PutInto(std::uint64_t parent, std::uint64_t child) {
+        btrfs_ioctl_qgroup_assign_args what{1, child, parent};
+        Ask(BTRFS_IOC_QGROUP_ASSIGN, &what);
+    }
+
+    // Where the kernel shows its groups.
+    static std::string GroupsFolder() {
+        const auto end =
+            korv::RunProgram("/usr/bin/findmnt", {"-no", "UUID", machine::BtrfsVolume()}, kPatience);
+        return "/sys/fs/btrfs/" + end.output.substr(0, end.output.find('\n')) + "/qgroups";
+    }
+
     static std::int32_t FreeMB(const std::string& path) {
         return SDKFuncData::GetBtrfsFreeMB(path, machine::kAliceUid);
+    }
+
+private:
+    static void Ask(unsigned long question, void* what) {
+        const korv::FileDescriptor volume(
+            open(machine::BtrfsVolume().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        ASSERT_GE(ioctl(volume.Get(), question, what), 0) << errno;
     }
 };
 
@@ -328,6 +360,78 @@ TEST_F(BtrfsTest, AGroupAboveASubvolumeLimitsItToo) {
     EXPECT_EQ(FreeMB(first), 9);
     EXPECT_NEAR(WritesMBAs(machine::kAliceUid, first + "/rest"), 9.9, 0.15);
     EXPECT_EQ(FreeMB(second), 0);
+}
+
+// One answer of the kernel holds 124 relations of a group.
+TEST_F(BtrfsTest, ALimitHighAboveCountsHoweverManyMembersAGroupHas) {
+    constexpr std::uint64_t kMembers = 130;
+    Btrfs({"quota", "enable", machine::BtrfsVolume()});
+    const std::string first = MakeSubvolume("first", "none");
+    MakeGroup(Group(2, 100));
+    MakeGroup(Group(3, 1));
+    for (std::uint64_t i = 1; i <= kMembers; ++i) {
+        MakeGroup(Group(1, i));
+        PutInto(Group(2, 100), Group(1, i));
+    }
+    PutInto(Group(1, 1), kFirstSubvolume);
+    PutInto(Group(3, 1), Group(2, 100));
+    Btrfs({"qgroup", "limit", "16M", "3/1", machine::BtrfsVolume()});
+    EXPECT_EQ(FreeMB(first), 15);
+    EXPECT_NEAR(WritesMBAs(machine::kAliceUid, first + "/all"), 15.95, 0.15);
+    EXPECT_EQ(FreeMB(first), 0);
+}
+
+TEST_F(BtrfsTest, ALimitOfAnyGroupAboveCountsHoweverManyThereAre) {
+    constexpr std::uint64_t kGroups = 130;
+    Btrfs({"quota", "enable", machine::BtrfsVolume()});
+    const std::string first = MakeSubvolume("first", "none");
+    for (std::uint64_t i = 1; i <= kGroups; ++i) {
+        MakeGroup(Group(1, i));
+        PutInto(Group(1, i), kFirstSubvolume);
+    }
+    MakeGroup(~std::uint64_t{0});
+    PutInto(~std::uint64_t{0}, kFirstSubvolume);
+    Btrfs({"qgroup", "limit", "16M", "1/130", machine::BtrfsVolume()});
+    EXPECT_EQ(FreeMB(first), 15);
+}
+
+TEST_F(BtrfsTest, APlainFolderHasTheRoomOfItsSubvolume) {
+    Btrfs({"quota", "enable", machine::BtrfsVolume()});
+    const std::string inner = MakeSubvolume("limited", "20M") + "/plain/inner";
+    fs::create_directories(inner);
+    ASSERT_EQ(chmod(inner.c_str(), 0777), 0);
+    EXPECT_EQ(FreeMB(inner), 19);
+    EXPECT_NEAR(WritesMBAs(machine::kAliceUid, inner + "/all"), 19.98, 0.15);
+}
+
+// As older kernels let people do: here a folder without any group covers the one where the kernel shows them.
+TEST_F(BtrfsTest, ASubvolumeWhoseGroupWasDestroyedHasNoLimit) {
+    Btrfs({"quota", "enable", machine::BtrfsVolume()});
+    const std::string limited = MakeSubvolume("limited", "20M");
+    KORVVOLUME volume{};
+    ASSERT_EQ(KORVMountVolInfoGet(machine::BtrfsVolume().c_str(), &volume), 0);
+    ASSERT_EQ(mount("tmpfs", GroupsFolder().c_str(), "tmpfs", 0, nullptr), 0);
+    std::ofstream(GroupsFolder() + "/enabled") << "1\n";
+    EXPECT_EQ(FreeMB(limited), static_cast<std::int32_t>(volume.freeBytes / kMB));
+    ASSERT_EQ(umount2(GroupsFolder().c_str(), MNT_DETACH), 0);
+    EXPECT_EQ(FreeMB(limited), 19);
+}
+
+// Until the next rescan the kernel judges by figures that may be wrong; what it admits is told all the same.
+TEST_F(BtrfsTest, WhatFiguresThatNeedARescanAdmitIsTold) {
+    Btrfs({"quota", "enable", machine::BtrfsVolume()});
+    const std::string first = MakeSubvolume("first", "none");
+    WriteUntilFull(first + "/shared", 6 * kMB);
+    Btrfs({"subvolume", "snapshot", first, machine::BtrfsVolume() + "/second"});
+    Btrfs({"filesystem", "sync", first});
+    MakeGroup(Group(1, 100));
+    PutInto(Group(1, 100), kFirstSubvolume);
+    Btrfs({"qgroup", "limit", "16M", "1/100", machine::BtrfsVolume()});
+    int isInconsistent = 0;
+    std::ifstream(GroupsFolder() + "/inconsistent") >> isInconsistent;
+    ASSERT_EQ(isInconsistent, 1);
+    const std::int32_t told = FreeMB(first);
+    EXPECT_NEAR(WritesMBAs(machine::kAliceUid, first + "/rest"), told, 1.0);
 }
 
 TEST_F(BtrfsTest, WithoutALimitTheFileSystemsFreeSpaceCounts) {
