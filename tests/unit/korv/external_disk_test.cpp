@@ -148,6 +148,21 @@ TEST_F(ExternalDiskTest, TellsExternalDisksFromTheMachinesOwn) {
     EXPECT_EQ(Names(ExternalDiskKind::kEsata), (Texts{"loop1/2", "sdd/4"}));
 }
 
+TEST_F(ExternalDiskTest, ADiskBehindAnUsbDeviceIsOneWhateverItsBusIsCalled) {
+    disks.AddUsbDevice("pci0/usb1/1-1");
+    disks.AddDisk("pci0/usb1/1-1/host6", "sdb", {{"ID_BUS", "ata"}});
+    disks.AddDisk("pci0/usb1/1-1/host7", "sdc", {{"ID_BUS", "ata"}}, {{"removable", "1"}});
+    disks.AddDisk("pci0/usb1/1-1/host8", "sdd", {});
+    disks.AddDisk("pci0/usb1/1-1/host9", "sde", {{"ID_BUS", "scsi"}});
+    disks.AddDisk("pci0/ata1/host1", "sdf", {{"ID_BUS", "ata"}});
+    disks.AddDisk("pci0/ata2/host2", "sdg", {{"ID_BUS", "ata"}}, {{"removable", "1"}});
+    disks.AddDisk("pci0/usb1/1-1/host3", "sr0", {{"ID_BUS", "ata"}, {"ID_TYPE", "cd"}});
+    disks.AddUsbDevice("virtual/usb2");
+    disks.AddDisk("virtual/usb2", "sdh", {});
+    EXPECT_EQ(Names(ExternalDiskKind::kUsb), (Texts{"sdb/2", "sdc/3", "sdd/4", "sde/5"}));
+    EXPECT_EQ(Names(ExternalDiskKind::kEsata), Texts{"sdg/7"});
+}
+
 TEST_F(ExternalDiskTest, NoTwoDisksHaveTheSameNumber) {
     for (const char* name : {"nvme0n1", "nvme1n1", "nvme1n2", "mmcblk0", "loop1", "xvda", "xvdb"}) {
         disks.AddDisk(std::string("pci0/") + name, name, kDeclaredUsb);

@@ -24,7 +24,10 @@ struct PretendedDisks::Testbed {
 
     void Add(const std::string& path, const std::string& name, const Texts& properties,
              const Texts& attributes) {
-        std::string text = "P: " + path + "\nN: " + name + "\nE: DEVNAME=/dev/" + name + "\n";
+        std::string text = "P: " + path + "\n";
+        if (!name.empty()) {
+            text.append("N: ").append(name).append("\nE: DEVNAME=/dev/").append(name).append("\n");
+        }
         for (const auto& [key, value] : properties) {
             text.append("E: ").append(key).append("=").append(value).append("\n");
         }
@@ -76,6 +79,10 @@ std::string PretendedDisks::AddDisk(const std::string& parent, const std::string
     std::string path = "/devices/" + parent + "/block/" + name;
     m_testbed->Add(path, name, allProperties, allAttributes);
     return path;
+}
+
+void PretendedDisks::AddUsbDevice(const std::string& path) {
+    m_testbed->Add("/devices/" + path, "", {{"SUBSYSTEM", "usb"}, {"DEVTYPE", "usb_device"}}, {});
 }
 
 std::string PretendedDisks::AddUsbDisk(const std::string& name) {
