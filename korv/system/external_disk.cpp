@@ -68,11 +68,6 @@ std::optional<ExternalDiskKind> KindOf(udev_device& disk) {
     return isPulled ? std::optional(ExternalDiskKind::kEsata) : std::nullopt;
 }
 
-// Anybody can mount a FUSE file system and call its source what they like; "fuseblk" is root's alone.
-bool IsFromAnybody(const Mount& mount) {
-    return mount.fsType == "fuse" || mount.fsType.compare(0, 5, "fuse.") == 0;
-}
-
 std::string MountPathOf(const std::string& device) {
     for (const Mount& mount : ListMounts()) {
         if (mount.source == device && !IsFromAnybody(mount)) {

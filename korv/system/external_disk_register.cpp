@@ -127,7 +127,13 @@ std::vector<ExternalDisk> ExternalDiskRegister::List() {
     }
     if (now != m_known) {
         // First, so that it is done again should this process die in between.
-        ForgetDiskStates(NamesThatChanged(disks, m_known));
+        const std::vector<std::string> changed = NamesThatChanged(disks, m_known);
+        if (!ForgetDiskStates(changed)) {
+            // The next look tries again.
+            for (const std::string& name : changed) {
+                now[name] = m_known[name];
+            }
+        }
         WriteKeyValues(RegisterFile(), now);
         m_known = std::move(now);
     }

@@ -3,7 +3,11 @@
 #include <cctype>
 #include <filesystem>
 #include <fstream>
+#include <system_error>
 
+#include <sys/stat.h>
+
+#include "korv/framework/log.h"
 #include "korv/system/key_value_file.h"
 
 namespace korv {
@@ -25,16 +29,29 @@ std::string KindOf(const std::string& program) {
     return isCheck ? kDiskChecked : "";
 }
 
-// "/dev/sdb" names the disk, and "/dev/sdb1" or "/dev/mmcblk0p1" a partition of it.
+// "/dev/sdb" names the disk, and "/dev/sdb1" a partition of it; "/dev/mmcblk0p1" has a "p", since
+// "/dev/mmcblk01" would be another disk.
 bool IsOnDisk(const std::string& argument, const std::string& device) {
-    if (!BeginsWith(argument, device)) {
-        return false;
+    if (!BeginsWith(argument, device) || argument.size() == device.size()) {
+        return argument == device;
     }
-    std::string rest = argument.substr(device.size());
-    if (!rest.empty() && rest.front() == 'p') {
-        rest.erase(0, 1);
+    const std::string stem =
+        std::isdigit(static_cast<unsigned char>(device.back())) != 0 ? device + "p" : device;
+    return BeginsWith(argument, stem) && argument.size() > stem.size() &&
+           argument.find_first_not_of("0123456789", stem.size()) == std::string::npos;
+}
+
+// Anybody can call a process of their own what they like, and also a program that gives them root's rights:
+// those wait for passwords.
+bool IsRoots(const fs::path& process) {
+    std::ifstream file(process / "status");
+    std::string word;
+    while (file >> word && word != "Uid:") {
     }
-    return rest.find_first_not_of("0123456789") == std::string::npos;
+    uid_t real = 1;
+    struct stat program {};
+    return file >> real && real == 0 && stat((process / "exe").c_str(), &program) == 0 &&
+           (program.st_mode & S_ISUID) == 0;
 }
 
 // What the process does to `device`; its arguments stand one after another, each with a NUL behind it.
@@ -47,10 +64,26 @@ std::string WorkOfProcess(const fs::path& process, const std::string& device) {
     std::string kind = KindOf(fs::path(program).filename());
     for (std::string argument; !kind.empty() && std::getline(file, argument, '\0');) {
         if (IsOnDisk(argument, device)) {
-            return kind;
+            return IsRoots(process) ? kind : "";
         }
     }
     return "";
+}
+
+// Makes the file say `states`. What hinders that hinders it at each look: it is logged once.
+bool Write(const KeyValues& states) {
+    static std::string lastFailure;
+    try {
+        WriteKeyValues(kDiskStateFile, states);
+        lastFailure.clear();
+        return true;
+    } catch (const std::system_error& failure) {
+        if (lastFailure != failure.what()) {
+            lastFailure = failure.what();
+            LogLine("the states of external disks can't be noted: " + lastFailure);
+        }
+        return false;
+    }
 }
 
 std::string StateOf(const ExternalDisk& disk, const KeyValues& before) {
@@ -81,18 +114,13 @@ std::string WorkOn(const std::string& device) {
     return "";
 }
 
-void ForgetDiskStates(const std::vector<std::string>& names) {
+bool ForgetDiskStates(const std::vector<std::string>& names) {
     const auto before = ReadKeyValues(kDiskStateFile);
-    if (!before) {
-        return;
-    }
-    KeyValues now = *before;
+    KeyValues now = before.value_or(KeyValues{});
     for (const std::string& name : names) {
         now.erase(name);
     }
-    if (now != *before) {
-        WriteKeyValues(kDiskStateFile, now);
-    }
+    return !before || now == *before || Write(now);
 }
 
 void UpdateDiskStates(const std::vector<ExternalDisk>& attached) {
@@ -102,7 +130,7 @@ void UpdateDiskStates(const std::vector<ExternalDisk>& attached) {
         now[disk.name] = StateOf(disk, before.value_or(KeyValues{}));
     }
     if (before != now && (before || !now.empty())) {
-        WriteKeyValues(kDiskStateFile, now);
+        Write(now);
     }
 }
 

@@ -17,14 +17,17 @@ inline constexpr const char* kDiskChecked = "fsck";          // a check of a fil
 inline constexpr const char* kDiskFormatted = "formatting";  // a file system is being made
 inline constexpr const char* kDiskFailed = "fail";           // set by others; stays until the disk goes
 
-// Drops what is noted of the disks `names`; nothing when nothing is. Needs root. Throws std::system_error.
-void ForgetDiskStates(const std::vector<std::string>& names);
+// Drops what is noted of the disks `names`. False when it is still noted, since the file can't be written.
+// Needs root.
+[[nodiscard]] bool ForgetDiskStates(const std::vector<std::string>& names);
 
 // Brings the file up to date for the disks of both kinds that are attached now; it is written only when
-// something changed. Needs root and the register (external_disk_register.h). Throws std::system_error.
+// something changed. Where it can't be, what it says stays and the log tells why, once for a row of failures.
+// Needs root and the register (external_disk_register.h).
 void UpdateDiskStates(const std::vector<ExternalDisk>& attached);
 
-// "formatting" or "fsck" when a program of that kind works on `device` or on a partition of it, else "".
+// "formatting" or "fsck" when a program of that kind, run by root, works on `device` or on a partition of it,
+// else "".
 std::string WorkOn(const std::string& device);
 
 }  // namespace korv

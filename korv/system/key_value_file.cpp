@@ -3,21 +3,27 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
+#include <vector>
 
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include "platform/korv/configuration.h"
 #include "platform/korv/key_value_file.h"
 
+#include "korv/framework/log.h"
 #include "korv/system/accounts.h"
 #include "korv/system/file_descriptor.h"
+#include "korv/system/mount_table.h"
 
 namespace korv {
 
@@ -70,6 +76,47 @@ void WriteAll(int file, const std::string& text) {
             Fail("cannot write a key-value file");
         }
         written += length > 0 ? static_cast<std::size_t>(length) : 0;
+    }
+}
+
+// A folder at `path` gets a name of its own beside it, with whatever is in it. False when it can't be, or
+// when there is no folder any more.
+bool MoveFolderAside(const std::string& path) {
+    std::string aside = path + ".XXXXXX";
+    if (mkdtemp(aside.data()) == nullptr) {
+        return false;
+    }
+    if (rename(path.c_str(), aside.c_str()) != 0) {
+        rmdir(aside.c_str());
+        return false;
+    }
+    LogLine("a folder lay in the place of " + path + " and is " + aside + " now");
+    return true;
+}
+
+// What somebody else has mounted at `path`; false when it is still there.
+bool Unmount(const std::string& path) {
+    const std::vector<Mount> mounts = ListMounts();
+    const auto found = std::find_if(mounts.rbegin(), mounts.rend(),
+                                    [&path](const Mount& mount) { return mount.mountPoint == path; });
+    if (found == mounts.rend()) {
+        return true;
+    }
+    return IsFromAnybody(*found) && umount2(path.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) == 0;
+}
+
+// In a folder where anybody may make files, anybody may have made a folder of that name while there was
+// none, and mounted something on it.
+void Replace(const std::string& unfinished, const std::string& path) {
+    constexpr int kAttempts = 3;  // somebody may be as quick again
+    int attempts = kAttempts;
+    while (rename(unfinished.c_str(), path.c_str()) != 0) {
+        const int error = errno;
+        const bool isInTheWay = (error == EISDIR || error == EBUSY) && --attempts > 0 && Unmount(path);
+        if (!isInTheWay || (error == EISDIR && !MoveFolderAside(path))) {
+            errno = error;
+            Fail("cannot replace a key-value file");
+        }
     }
 }
 
@@ -153,9 +200,10 @@ void WriteKeyValues(const std::string& path, const KeyValues& values) {
     try {
         WriteAll(file.Get(), text);
         constexpr mode_t kMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;
-        if (fchmod(file.Get(), kMode) != 0 || rename(unfinished.c_str(), path.c_str()) != 0) {
+        if (fchmod(file.Get(), kMode) != 0) {
             Fail("cannot replace a key-value file");
         }
+        Replace(unfinished, path);
     } catch (const std::system_error&) {
         unlink(unfinished.c_str());
         throw;

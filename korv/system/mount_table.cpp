@@ -138,6 +138,10 @@ const std::vector<Mount>& ListMounts() {
     return list.mounts;
 }
 
+bool IsFromAnybody(const Mount& mount) {
+    return mount.fsType == "fuse" || mount.fsType.compare(0, 5, "fuse.") == 0;
+}
+
 bool IsAtOrBeneath(const std::string& path, const std::string& folder) {
     return folder == "/" || (path.compare(0, folder.size(), folder) == 0 &&
                              (path.size() == folder.size() || path[folder.size()] == '/'));

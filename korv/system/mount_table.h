@@ -33,6 +33,9 @@ std::vector<Mount> ReadMounts();
 // What process `pid` sees. Empty when it is gone.
 std::vector<Mount> ReadMountsOf(pid_t pid);
 
+// Anybody can mount a FUSE file system and call its source what they like; "fuseblk" is root's alone.
+bool IsFromAnybody(const Mount& mount);
+
 // Pure text: both are absolute paths without trailing slashes.
 bool IsAtOrBeneath(const std::string& path, const std::string& folder);
 

@@ -15,6 +15,7 @@
 
 #include "korv/system/accounts.h"
 #include "tests/unit/korv/private_machine.h"
+#include "tests/unit/korv/silent_file_system.h"
 
 namespace {
 
@@ -90,6 +91,42 @@ TEST_F(KeyValueFileTest, ReadsBackWhatWasWritten) {
     ASSERT_EQ(stat(Path().c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777U, 0644U);
     EXPECT_EQ(machine::Entries(machine::Volume()), std::vector<std::string>{"settings.conf"});
+}
+
+// What others put in the place of a file that isn't there yet.
+TEST_F(KeyValueFileTest, WritesOverWhatIsNoFileAndKeepsWhatAFolderHolds) {
+    const korv::KeyValues values{{"sdb", "done"}};
+    std::filesystem::create_directory(Path());
+    std::ofstream(Path() + "/mine") << "kept";
+    ASSERT_EQ(chown(Path().c_str(), 54321, 54321), 0);
+    korv::WriteKeyValues(Path(), values);
+    EXPECT_EQ(korv::ReadKeyValues(Path()), values);
+    const auto entries = machine::Entries(machine::Volume());
+    ASSERT_EQ(entries.size(), 2U);
+    const std::string name = entries[entries[0] == "settings.conf" ? 1 : 0];
+    const std::string aside = machine::Volume() + "/" + name;
+    EXPECT_EQ(aside.size(), Path().size() + std::string(".XXXXXX").size());
+    std::string text;
+    std::ifstream(aside + "/mine") >> text;
+    EXPECT_EQ(text, "kept");
+    struct stat status {};
+    ASSERT_EQ(stat(aside.c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, 54321U);
+
+    std::filesystem::remove(Path());
+    std::filesystem::create_directory_symlink(aside, Path());
+    korv::WriteKeyValues(Path(), values);
+    EXPECT_FALSE(std::filesystem::is_symlink(Path()));
+    EXPECT_EQ(korv::ReadKeyValues(Path()), values);
+    EXPECT_EQ(machine::Entries(machine::Volume()), entries);
+}
+
+// Nobody waits for its server.
+TEST_F(KeyValueFileTest, WritesInThePlaceOfWhatAnybodyMayHaveMounted) {
+    std::filesystem::create_directory(Path());
+    const SilentFileSystem silent(Path(), SilentFileSystem::Silence::kEverything);
+    korv::WriteKeyValues(Path(), {{"sdb", "done"}});
+    EXPECT_EQ(korv::ReadKeyValues(Path()), (korv::KeyValues{{"sdb", "done"}}));
 }
 
 TEST_F(KeyValueFileTest, RefusesWhatWouldReadAsSomethingElse) {
