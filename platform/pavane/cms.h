@@ -91,11 +91,14 @@ bool IsRunTimeFailoverRv(int rvId);
 // Sends a web API request to this server's host and waits for the answer.
 //   request    object with "api", "version", "method" and the parameters beside them
 //   binary     true: the answer is a file (not used here)
-//   reply      out: the answer, an object; null after a failure
+//   reply      out: the answer; null after a failure. See below
 //   wait_s     deadline in seconds for connect, send and answer together
 //   progress   called while waiting; null for none
 //   retries    how often a failed connect is tried again
-// 0 on success; an answer that is not a JSON object is a failure.
+// 0 on success. Answers of another shape than these are failures, so callers needn't look at types: an object
+// whose "data" is an object or nothing, and whose "error", if there is one, has a number as "code" and an
+// object or nothing as "errors", with texts or nothing as "param1" and "param2". In the data, "usage" is a
+// list of objects or nothing, and what is said of a share that was made has its types.
 int SendWebAPIToHost(const Json::Value& request, bool binary, Json::Value& reply, int wait_s,
                      void (*progress)(), int retries);
 

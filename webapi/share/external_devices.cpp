@@ -15,8 +15,8 @@
 #include "include/run_as_scope.h"
 #include "webapi/share/share_handler.h"
 
-// Memory comes from calloc here, since a disk can claim any number of partitions: a machine without that much
-// memory lists no disks and goes on.
+// Memory comes from calloc here, since there can be any number of disks: a machine without that much memory
+// lists no disks and goes on.
 
 bool ExtPartitionTable::Reserve(int capacity) {
     m_rows = static_cast<ExtPartition**>(calloc(static_cast<std::size_t>(capacity), sizeof(void*)));

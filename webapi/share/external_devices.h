@@ -45,6 +45,7 @@ private:
     int m_count = 0;
 };
 
-// Fills `table` with the usable partitions of the disks of one kind (KORV_EXT_DEVICE_TYPE). When a step fails
-// it is logged and `table` is empty. Opens the root scope for the enumeration.
+// Fills `table`, which comes in empty, with the usable partitions of the disks of one kind
+// (KORV_EXT_DEVICE_TYPE). When a step fails it is logged and `table` is left empty. Opens the root scope for
+// the enumeration.
 void GetExtDevInfo(int deviceType, ExtPartitionTable& table);

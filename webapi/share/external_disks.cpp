@@ -19,9 +19,10 @@ struct PartitionSize {
     std::int64_t usedMB;
 };
 
-std::int64_t RoundUpToMB(std::int64_t bytes) {
+// Figures that no disk has wrap, as signed ones; adding and multiplying signed ones would be undefined then.
+std::int64_t RoundUpToMB(std::uint64_t blockSize, std::uint64_t blocks) {
     constexpr std::int64_t kBytesPerMB = std::int64_t{1} << 20;
-    return (bytes + kBytesPerMB - 1) / kBytesPerMB;
+    return static_cast<std::int64_t>(blockSize * blocks + kBytesPerMB - 1) / kBytesPerMB;
 }
 
 // What is used counts from the blocks that unprivileged users may have. Nothing at all when it cannot be
@@ -31,9 +32,9 @@ PartitionSize ReadSize(const char* mountPath) {
     if (statfs64(mountPath, &fs) != 0) {
         return {0, 0};
     }
-    const std::int64_t blockSize = fs.f_bsize;
-    const std::int64_t totalMB = RoundUpToMB(blockSize * static_cast<std::int64_t>(fs.f_blocks));
-    const std::int64_t availableMB = RoundUpToMB(blockSize * static_cast<std::int64_t>(fs.f_bavail));
+    const auto blockSize = static_cast<std::uint64_t>(fs.f_bsize);
+    const std::int64_t totalMB = RoundUpToMB(blockSize, fs.f_blocks);
+    const std::int64_t availableMB = RoundUpToMB(blockSize, fs.f_bavail);
     return {totalMB, totalMB - availableMB};
 }
 

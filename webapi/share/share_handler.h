@@ -54,14 +54,12 @@ public:
     int DoCreateShare(bool hidden, const std::string& name, const std::string& volPath,
                       const std::string& desc, bool encryption, const std::string& encPasswd);
 
-    // Renames and reconfigures the shared folder `name`; `volume` is the volume's name without a slash. 0 or
-    // -1.
+    // Renames and reconfigures the folder `name`; `volume` is the volume's name without a slash. 0 or -1.
     int DoEditShare(bool hidden, const std::string& volume, const std::string& name,
                     const std::string& newName, const std::string& desc, bool encryption,
                     const std::string& encPasswd);
 
-    // Lets the application and the machine's administrators write into the shared folder `name`; takes no
-    // right away from anyone. 0 or -1.
+    // Lets the application and administrators write into the folder `name`; nobody loses a right. 0 or -1.
     int SetSharePermission(const std::string& name);
 
     // Sorts the shares that a deletion names; reads only. Everything is added to what the caller passes in.
@@ -84,17 +82,15 @@ public:
     int PrepareDeleteRemoteRelayParam(const std::map<int, Json::Value>& itemsByRv,
                                       const CmsRelayParams& params, CmsRelayTarget& target);
 
-    // Deletes this server's shared folders and unmounts its remote folders; what the services answer doesn't
-    // matter.
+    // Deletes this server's shared folders and unmounts its remote ones, whatever the services answer.
     void DeleteShareAndUnmountRemote(const std::list<std::string>& shareNames,
                                      const Json::Value& remoteMounts);
 
-    // Has the NAS's mount service mount the remote folder that the request describes, as the login user. 0,
-    // or -1; for a type other than NFS or CIFS without an error code.
+    // Has the mount service mount the request's remote folder as the login user. 0, or -1, without an error
+    // code for a type other than NFS or CIFS.
     int DoMount(SHARE_MOUNT_TYPE mountType);
 
-    // Whether the request's mount point can become a recording share; mounts it first when the request wants
-    // that. 0 or -1, as DoMount.
+    // Whether the mount point can become a recording share; mounts it first if asked to. As DoMount.
     int CheckShareAvailable();
 
     // The recording server that owns the share that the request makes; 0 = this server.
@@ -117,8 +113,7 @@ private:
     struct EditRequest;
     struct DeletePlan;
 
-    // What the record of a new share says about its folder beyond the request. As constructed: nothing is
-    // known of it.
+    // What the record of a new share says about its folder beyond the request; nothing is known at first.
     struct ShareFacts {
         int idOnRec = 0;
         int fsType = FSTYPE_UNKNOWN;

@@ -39,7 +39,7 @@ private:
 // What an entry says of its application; made once however many rows an application has.
 class ApplicationTexts {
 public:
-    // Null for an application that can't run; nothing at all is said of one that isn't known.
+    // A JSON null for an application that can't run; no value at all (nullptr) for one that isn't known.
     const Json::Value* Of(int applicationId) const {
         const auto index = static_cast<unsigned int>(applicationId);
         return index < m_texts.size() ? &m_texts[index] : nullptr;
