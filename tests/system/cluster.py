@@ -31,6 +31,10 @@ _PEER_PORT = 5443
 _READY_DEADLINE_S = 300
 _CLONE_NEWNET = 0x40000000
 
+# What both sides of a share have to agree about.
+RECORD_FIELDS = ("name, path, volume, description, hidden, enc_type, fs_type, mount_type, mount_source, auto_mount, "
+                 "migrating, rec_limit_gb, enable_rec_limit, total_size_mb")
+
 
 def enter_own_network():
     """From here on this process and what it starts see a network without anything of the machine's."""
@@ -134,6 +138,13 @@ def stamp(age_s=0):
 
 def pair_key(secret, at):
     return hmac.new(secret.encode(), at.encode(), hashlib.sha256).hexdigest()
+
+
+def record(member, path, owner):
+    """A record as (its id, its id on the owner, all other fields), or None."""
+    rows = member.rows(f"select id, id_on_rec, {RECORD_FIELDS} from recording_share"
+                       " where path = ? and owner_rv_id = ?", path, owner)
+    return (rows[0][0], rows[0][1], rows[0][2:]) if rows else None
 
 
 def failure(code):

@@ -3,6 +3,7 @@ add_executable(korv_mount_test
     crypto_api_test.cpp
     mount_source_test.cpp
     private_machine.cpp
+    remote_mount_recovery_test.cpp
     remote_mounts_test.cpp
     samba_server.cpp
     server_probe_test.cpp
