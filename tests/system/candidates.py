@@ -31,7 +31,7 @@ def permit(client, name, user, *, write):
     assert answer == {"success": True}
 
 
-def candidates(client, mask=1, **parameters):
+def candidates(client, mask=1, /, **parameters):
     """The listed elements by name."""
     answer = client.call(SHARE_API, "List", sharePriv=mask, **parameters)
     assert answer["success"], answer

@@ -26,6 +26,15 @@ def admin(node):  # pylint: disable=redefined-outer-name
     return node.client("admin")
 
 
+@pytest.fixture
+def viewer(node, admin):  # pylint: disable=redefined-outer-name
+    """An account without an administrator's rights that may use the application."""
+    privilege = {"user": "viewer", "app": "KORV.KRX.Pavane"}
+    assert admin.call("KORV.Core.AppPriv", "grant", **privilege)["success"]
+    yield node.client("viewer")
+    assert admin.call("KORV.Core.AppPriv", "revoke", **privilege)["success"]
+
+
 @pytest.fixture(scope="module")
 def single_worker_shared_node():
     """A node with one public worker, so that a test knows which process serves it."""

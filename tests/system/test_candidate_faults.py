@@ -12,7 +12,6 @@ from candidates import candidates, core_share, permit, silent_mount, stop
 from life import delete, find, wait_for_freed
 from node import BUILD, SHARE_API, Node
 
-_APP_PRIVILEGE = {"user": "viewer", "app": "KORV.KRX.Pavane"}
 _ANSWER_DEADLINE_S = 3  # the longest that one question to a file system takes
 _PATIENCE_S = 10
 
@@ -21,13 +20,6 @@ _PATIENCE_S = 10
 def fixture_node(single_worker_node):
     """One worker, so that a test knows what was asked before."""
     return single_worker_node
-
-
-@pytest.fixture(name="viewer")
-def fixture_viewer(node, admin):
-    assert admin.call("KORV.Core.AppPriv", "grant", **_APP_PRIVILEGE)["success"]
-    yield node.client("viewer")
-    assert admin.call("KORV.Core.AppPriv", "revoke", **_APP_PRIVILEGE)["success"]
 
 
 @pytest.fixture(name="folders")

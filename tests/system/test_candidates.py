@@ -10,15 +10,6 @@ from life import delete, find
 from node import SHARE_API
 
 _VIEWER = "7111"
-_APP_PRIVILEGE = {"user": "viewer", "app": "KORV.KRX.Pavane"}
-
-
-@pytest.fixture(name="viewer")
-def fixture_viewer(node, admin):
-    """An account without an administrator's rights that may use the application."""
-    assert admin.call("KORV.Core.AppPriv", "grant", **_APP_PRIVILEGE)["success"]
-    yield node.client("viewer")
-    assert admin.call("KORV.Core.AppPriv", "revoke", **_APP_PRIVILEGE)["success"]
 
 
 @pytest.fixture(name="folders")
