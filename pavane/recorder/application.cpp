@@ -1,6 +1,8 @@
 #include "platform/pavane/application.h"
 
 #include <exception>
+#include <map>
+#include <optional>
 
 #include "pavane/log_line.h"
 #include "pavane/recorder/application_store.h"
@@ -43,16 +45,26 @@ constexpr std::array<ApplicationName, kApplicationCount> kNames{{
     {"Training data", "Trainingsdaten"},
 }};
 
-std::map<int, pavane::ApplicationFlags> ReadFlags(bool& isRead) {
+using FlagsById = std::map<int, pavane::ApplicationFlags>;
+
+// Nothing when they can't be read.
+std::optional<FlagsById> ReadFlags() {
     try {
-        isRead = true;
         return pavane::ReadApplicationFlags();
     } catch (const std::exception& failure) {
         PV_LOG_LINE("pavane/recorder/application", "Failed to read the applications: %s\n",
                     pavane::DescribeFailure(failure).c_str());
-        isRead = false;
-        return {};
+        return std::nullopt;
     }
+}
+
+pavane::ApplicationFlags FlagsOf(const std::optional<FlagsById>& flags, int id) {
+    constexpr pavane::ApplicationFlags kUnread{true, false};
+    if (!flags.has_value()) {
+        return kUnread;
+    }
+    const auto found = flags->find(id);
+    return found != flags->end() ? found->second : pavane::ApplicationFlags{};
 }
 
 }  // namespace
@@ -65,17 +77,15 @@ Json::Value PVJson::JsonConverter<MultilangString, void>::ToJson(const Multilang
     return languages;
 }
 
-// What can't be read is not said to run.
+// An application that is said to be unable to run would vanish from the lists of what uses a share, and the
+// share would look free to be deleted.
 std::array<ApplicationTrait, kApplicationCount> ApplicationTraits() {
-    bool isRead = false;
-    const auto flags = ReadFlags(isRead);
+    const std::optional<FlagsById> flags = ReadFlags();
     std::array<ApplicationTrait, kApplicationCount> traits;
     for (std::size_t i = 0; i < kApplicationCount; ++i) {
-        const auto found = flags.find(static_cast<int>(i));
-        const pavane::ApplicationFlags own =
-            found != flags.end() ? found->second : pavane::ApplicationFlags{};
+        const pavane::ApplicationFlags own = FlagsOf(flags, static_cast<int>(i));
         traits[i] = ApplicationTrait(MultilangString({{"enu", kNames[i].english}, {"ger", kNames[i].german}}),
-                                     own.isCompatible && isRead, own.isEnabled && isRead);
+                                     own.isCompatible, own.isEnabled);
     }
     return traits;
 }

@@ -51,5 +51,7 @@ private:
 
 inline constexpr std::size_t kApplicationCount = 26;
 
-// The applications by their id, which is the index. Read anew for each call.
+// The applications by their id, which is the index. Read anew for each call. When it can't be read which of
+// them run, each is compatible and not enabled, so that none is left out of a list, and the failure is
+// logged.
 std::array<ApplicationTrait, kApplicationCount> ApplicationTraits();

@@ -131,6 +131,19 @@ def test_applications_can_be_switched_off_or_unable_to_run(admin, database):
     assert [(entry["name"], entry["app"]["enabled"]) for entry in usage(admin)] == [("off", False), ("on", True)]
 
 
+def test_no_row_is_left_out_while_the_applications_cannot_be_read(node, admin, database):
+    store(database, ("folder", -1, 1))
+    database.execute("insert into application values (1, 0, 1)")
+    database.commit()
+    assert usage(admin) == []
+    database.execute("alter table application rename to application_away")
+    try:
+        node.allow("Failed to read the applications: ")
+        assert [(entry["name"], entry["app"]["enabled"]) for entry in usage(admin)] == [("folder", False)]
+    finally:
+        database.execute("alter table application_away rename to application")
+
+
 def test_usage_of_a_share_that_there_is_not_is_an_error(node, admin, tmp_path):
     answer = admin.call(SHARE_API, "ListShareUsage", shareId=4711)
     assert answer["error"] == {"code": 400, "errors": {"param1": "", "param2": ""}}

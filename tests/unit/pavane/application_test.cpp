@@ -57,6 +57,22 @@ TEST_F(ApplicationTest, ApplicationsComeEnabledAndKeepWhatIsChanged) {
     EXPECT_TRUE(ApplicationTraits()[0].IsEnabled());
 }
 
+// A list of what uses a share must not lose a row because of it.
+TEST_F(ApplicationTest, ApplicationsWhoseFlagsCannotBeReadCountAsCompatibleAndNotEnabled) {
+    pavane::WriteApplicationFlags(1, {false, true});
+    const LogWatch log;
+    {
+        const BrokenTable broken("application");
+        for (const ApplicationTrait& trait : ApplicationTraits()) {
+            EXPECT_TRUE(trait.IsCompatible());
+            EXPECT_FALSE(trait.IsEnabled());
+            EXPECT_EQ(trait.GetName().GetTexts().size(), 2U);
+        }
+    }
+    EXPECT_NE(log.Text().find("Failed to read the applications: "), std::string::npos) << log.Text();
+    EXPECT_FALSE(ApplicationTraits()[1].IsCompatible());
+}
+
 TEST_F(ApplicationTest, RowsOfOneShareAreFoundByAnIndex) {
     // Enough rows of other shares for an index to pay.
     Session() << "insert into shared_folder_storage (name, share_id, application_id)"

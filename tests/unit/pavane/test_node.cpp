@@ -82,6 +82,20 @@ std::string StoreTest::PlanOf(const std::string& statement) {
     return plan;
 }
 
+BrokenTable::BrokenTable(const std::string& table) : m_table(table) {
+    pavane::AppDatabase().Session() << "alter table " << m_table << " rename to " << m_table << "_broken";
+}
+
+BrokenTable::~BrokenTable() {
+    pavane::AppDatabase().Session() << "alter table " << m_table << "_broken rename to " << m_table;
+}
+
+LogWatch::LogWatch() : m_begin(ReadFile(TestNode::Instance().LogDir() + "/pavane.log").size()) {}
+
+std::string LogWatch::Text() const {
+    return ReadFile(TestNode::Instance().LogDir() + "/pavane.log").substr(m_begin);
+}
+
 int CountSuccesses(int count, const std::function<bool(int)>& work) {
     std::vector<pid_t> children;
     for (int i = 0; i < count; ++i) {

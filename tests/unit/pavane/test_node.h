@@ -47,6 +47,28 @@ protected:
     std::string PlanOf(const std::string& statement);
 };
 
+// While one stands, statements on `table` fail as on a damaged database.
+class BrokenTable {
+public:
+    explicit BrokenTable(const std::string& table);
+    ~BrokenTable();
+    BrokenTable(const BrokenTable&) = delete;
+    BrokenTable& operator=(const BrokenTable&) = delete;
+
+private:
+    std::string m_table;
+};
+
+// What was logged since it was made.
+class LogWatch {
+public:
+    LogWatch();
+    std::string Text() const;
+
+private:
+    std::size_t m_begin;
+};
+
 // Runs `work` in `count` processes at once; the number of them whose `work` gave true.
 int CountSuccesses(int count, const std::function<bool(int)>& work);
 
