@@ -53,6 +53,7 @@ bool ShareHandler::MayListCameras(int shareId) {
     return true;
 }
 
+// Cameras that can't be read are answered as none; that is intended, the platform has logged why.
 void ShareHandler::FillUsingCams(int shareId, Json::Value& data) {
     std::list<Camera> cameras;
     LoadAllUsingCam(cameras, shareId, false);

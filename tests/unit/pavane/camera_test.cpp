@@ -178,6 +178,27 @@ TEST_F(CameraStore, LoadAllUsingCamGivesAllThatIsKnownOfTheShareCameras) {
     EXPECT_TRUE(cameras.empty());
 }
 
+TEST_F(CameraStore, CamerasOfAShareThatCannotBeReadLeaveTheListAsItWas) {
+    RecShare share;
+    share.SetName("rec");
+    share.SetPath("/volume1/rec");
+    ASSERT_EQ(share.Save(), 0);
+    Import({{0, 0, "door", "/volume1/rec/door", 0}});
+    std::list<Camera> cameras;
+    ASSERT_EQ(LoadAllUsingCam(cameras, share.GetId(), false), 0);
+    const int id = cameras.front().GetId();
+    const LogWatch log;
+    {
+        const BrokenTable broken("camera");
+        EXPECT_EQ(LoadAllUsingCam(cameras, share.GetId(), false), -1);
+    }
+    ASSERT_EQ(cameras.size(), 1U);
+    EXPECT_EQ(cameras.front().GetId(), id);
+    EXPECT_NE(log.Text().find("Failed to list the cameras of a share: "), std::string::npos) << log.Text();
+    EXPECT_EQ(LoadAllUsingCam(cameras, share.GetId(), false), 0);
+    EXPECT_EQ(cameras.size(), 2U);
+}
+
 TEST_F(CameraStore, ImportChangesAllThatIsKnownOfACamera) {
     Import({{0, 0, "door", "/v/r/door", 0, "192.0.2.7", 300, 1, 20}});
     Import({{0, 0, "door", "/v/r/door", 0, "192.0.2.8", 301, 0, 21}});
