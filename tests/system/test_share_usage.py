@@ -7,7 +7,7 @@ import sqlite3
 import pytest
 
 from candidates import CommandLine
-from life import delete, make
+from life import PASSWORD, delete, find, make
 from node import SHARE_API
 
 _CAMERAS = 1000
@@ -104,6 +104,23 @@ def test_a_share_that_recordings_are_moved_out_of_can_be_told(admin, share):
     assert answer["data"]["total"] == 3
 
 
+def test_the_command_line_refuses_a_share_that_recordings_are_moved_out_of(node, admin, share, tmp_path):
+    register(admin, 1)
+    number = str(share["shareId"])
+    pavane = CommandLine(node, "admin", tmp_path)
+    listed = pavane.run("share", "cameras", number)
+    assert len(listed.splitlines()) == 2
+    assert pavane.run("share", "cameras", number, "--refuse-migrating") == listed
+    moving = str(admin.call("KORV.Pavane.Camera", "list")["data"]["cameras"][0]["id"])
+    pavane.run("camera", "migrate", "start", moving)
+    try:
+        assert "error 449" in pavane.run("share", "cameras", number, "--refuse-migrating", status=1)
+        assert pavane.run("share", "cameras", number) == listed
+    finally:
+        pavane.run("camera", "migrate", "stop", moving)
+    assert pavane.run("share", "cameras", number, "--refuse-migrating") == listed
+
+
 def test_usage_of_one_share_names_its_applications(node, admin, share, database, tmp_path):
     number = share["shareId"]
     store(database, ("recording", number, 0), ("recording", number, 99), ("other", 4711, 2))
@@ -122,6 +139,33 @@ def test_usage_of_all_tells_of_shares_that_are_not_in_order(admin, share, databa
     assert [(entry["name"], entry["app"]["name"]["enu"]) for entry in usage(admin)] == [
         ("gone", "Time lapse"), ("loose", "Archive")]
     assert usage(admin, shareId=-1) == usage(admin)
+
+
+def test_a_share_that_the_recorder_may_not_write_into_is_told(node, admin, share, database):
+    store(database, ("recording", share["shareId"], 1))
+    assert usage(admin) == []
+    rights = node.inside("getfacl", "--numeric", "--absolute-names", share["sharePath"])
+    node.inside("setfacl", "-m", "u:Pavane:r-x", share["sharePath"])
+    try:
+        assert [entry["name"] for entry in usage(admin)] == ["recording"]
+    finally:
+        node.inside("setfacl", "--restore=-", input=rights)
+    assert usage(admin) == []
+
+
+def test_a_locked_share_is_told_until_it_is_unlocked(admin, database):
+    vault = make(admin, "vault", blEncryption=True, encPasswd=PASSWORD)
+    store(database, ("vault", vault["shareId"], 1))
+    try:
+        assert usage(admin) == []
+        assert admin.call("KORV.Core.Share.Crypto", "lock", name="vault")["success"]
+        assert find(admin, "vault")["encType"] == 1  # the list has the record brought up to date
+        assert [entry["name"] for entry in usage(admin)] == ["vault"]
+        assert admin.call("KORV.Core.Share.Crypto", "decrypt", name="vault", password=PASSWORD)["success"]
+        assert find(admin, "vault")["encType"] == 2
+        assert usage(admin) == []
+    finally:
+        assert delete(admin, vault)["success"]
 
 
 def test_applications_can_be_switched_off_or_unable_to_run(admin, database):
@@ -151,10 +195,35 @@ def test_usage_of_a_share_that_there_is_not_is_an_error(node, admin, tmp_path):
 
 
 @pytest.mark.parametrize("method", ["ListShareUsage", "ListUsingCam"])
-@pytest.mark.parametrize("share", ["1", [], {}, 1 << 31], ids=str)
+@pytest.mark.parametrize("share", ["1", "x", [], [1], {}, 1 << 31], ids=str)
 def test_a_share_id_of_another_kind_is_a_malformed_request(node, admin, method, share):
     node.allow(rf"KORV\.Pavane\.Share {method} threw: ")
     assert admin.call(SHARE_API, method, shareId=share) == {"success": False, "error": {"code": 101}}
+
+
+@pytest.mark.parametrize("value, number", [(None, 0), (True, 1), (False, 0), (4711.9, 4711)], ids=str)
+def test_a_share_id_that_stands_for_a_number_is_that_number(admin, value, number):
+    for method in ("ListShareUsage", "ListUsingCam"):
+        assert admin.call(SHARE_API, method, shareId=value) == admin.call(SHARE_API, method, shareId=number)
+
+
+def test_a_share_id_loses_its_fraction(admin, share, database):
+    store(database, ("recording", share["shareId"], 1))
+    assert len(usage(admin, shareId=share["shareId"] + 0.9)) == 1
+
+
+@pytest.mark.parametrize("flag", ["x", "true", [], [True], {}], ids=str)
+def test_a_check_for_moves_of_another_kind_is_a_malformed_request(node, admin, flag):
+    node.allow(r"KORV\.Pavane\.Share ListUsingCam threw: ")
+    answer = admin.call(SHARE_API, "ListUsingCam", shareId=4711, blCheckMigrating=flag)
+    assert answer == {"success": False, "error": {"code": 101}}
+
+
+@pytest.mark.parametrize("flag, checks", [(None, False), (0, False), (1, True), (0.5, True)], ids=str)
+def test_a_check_for_moves_may_be_a_number(admin, flag, checks):
+    answer = admin.call(SHARE_API, "ListUsingCam", shareId=4711, blCheckMigrating=flag)
+    assert answer == admin.call(SHARE_API, "ListUsingCam", shareId=4711, blCheckMigrating=checks)
+    assert answer["success"] is not checks
 
 
 @pytest.mark.parametrize("method", ["ListShareUsage", "ListUsingCam"])
