@@ -1,9 +1,12 @@
 #include "pavane/store/json_schema.h"
 
+#include <yaml-cpp/eventhandler.h>
 #include <yaml-cpp/yaml.h>
 
 #include <algorithm>
 #include <array>
+#include <set>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 
@@ -12,6 +15,7 @@ namespace pavane {
 namespace {
 
 constexpr int kDeepest = 64;
+constexpr int kMostNodes = 10000;  // counted where they are used: an alias costs what it stands for
 
 struct TypeRule {
     std::string_view name;
@@ -37,40 +41,96 @@ const TypeRule* FindType(const std::string& name) {
     return found != kTypes.end() ? &*found : nullptr;
 }
 
+// Takes a text's events and does nothing about them.
+class NoEvents : public YAML::EventHandler {
+public:
+    void OnDocumentStart(const YAML::Mark& /*mark*/) override {}
+    void OnDocumentEnd() override {}
+    void OnNull(const YAML::Mark& /*mark*/, YAML::anchor_t /*anchor*/) override {}
+    void OnAlias(const YAML::Mark& /*mark*/, YAML::anchor_t /*anchor*/) override {}
+    void OnScalar(const YAML::Mark& /*mark*/, const std::string& /*tag*/, YAML::anchor_t /*anchor*/,
+                  const std::string& /*value*/) override {}
+    void OnSequenceStart(const YAML::Mark& /*mark*/, const std::string& /*tag*/, YAML::anchor_t /*anchor*/,
+                         YAML::EmitterStyle::value /*style*/) override {}
+    void OnSequenceEnd() override {}
+    void OnMapStart(const YAML::Mark& /*mark*/, const std::string& /*tag*/, YAML::anchor_t /*anchor*/,
+                    YAML::EmitterStyle::value /*style*/) override {}
+    void OnMapEnd() override {}
+};
+
+// YAML::Load reads the first document and leaves what follows it.
+void CheckOneDocument(const std::string& text) {
+    std::istringstream stream(text);
+    YAML::Parser parser(stream);
+    NoEvents nothing;
+    if (!parser.HandleNextDocument(nothing) || parser.HandleNextDocument(nothing)) {
+        throw std::runtime_error("a text is not one document");
+    }
+}
+
 }  // namespace
 
 // Turns YAML into a schema. Throws std::runtime_error, as yaml-cpp does.
 class JsonSchemaReader {
 public:
-    static JsonSchema Read(const YAML::Node& node, int depth) {
-        if (depth > kDeepest) {
-            throw std::runtime_error("a schema is too deep");
+    JsonSchema Read(const YAML::Node& node, int depth) {
+        if (depth > kDeepest || ++m_nodes > kMostNodes) {
+            throw std::runtime_error("a schema is too deep or too large");
         }
         JsonSchema schema;
         if (node.IsScalar()) {
             schema.m_type = TypeName(node);
             return schema;
         }
-        if (!node.IsMap() || !node["type"]) {
+        CheckMap(node);
+        if (!node["type"]) {
             throw std::runtime_error("a schema names no type");
         }
         schema.m_type = TypeName(node["type"]);
+        std::set<std::string> rules;
         for (const auto& rule : node) {
-            ReadRule(schema, rule.first.as<std::string>(), rule.second, depth);
+            const std::string name = Name(rule.first);
+            CheckNew(rules.insert(name).second);
+            ReadRule(schema, name, rule.second, depth);
         }
         return schema;
     }
 
 private:
+    // "!" stands for quotes, "?" for neither quotes nor a tag.
+    static bool HasTag(const YAML::Node& node, std::string_view ownTag) {
+        const std::string& tag = node.Tag();
+        return tag.empty() || tag == "?" || tag == "!" || tag == ownTag;
+    }
+
+    static std::string Name(const YAML::Node& node) {
+        if (!node.IsScalar() || !HasTag(node, "tag:yaml.org,2002:str")) {
+            throw std::runtime_error("a name is no text");
+        }
+        return node.Scalar();
+    }
+
+    static void CheckMap(const YAML::Node& node) {
+        if (!node.IsMap() || !HasTag(node, "tag:yaml.org,2002:map")) {
+            throw std::runtime_error("there is something else than rules or members");
+        }
+    }
+
+    static void CheckNew(bool isNew) {
+        if (!isNew) {
+            throw std::runtime_error("a rule or a member stands twice");
+        }
+    }
+
     static std::string TypeName(const YAML::Node& node) {
-        std::string name = node.as<std::string>();
+        std::string name = Name(node);
         if (FindType(name) == nullptr) {
             throw std::runtime_error("there is no such type");
         }
         return name;
     }
 
-    static void ReadRule(JsonSchema& schema, const std::string& rule, const YAML::Node& node, int depth) {
+    void ReadRule(JsonSchema& schema, const std::string& rule, const YAML::Node& node, int depth) {
         if (rule == "element" && schema.m_type == "array") {
             schema.m_element = std::make_shared<const JsonSchema>(Read(node, depth + 1));
         } else if (rule == "required" && schema.m_type == "object") {
@@ -82,21 +142,22 @@ private:
         }
     }
 
-    static std::map<std::string, JsonSchema> ReadMembers(const YAML::Node& node, int depth) {
-        if (!node.IsMap()) {
-            throw std::runtime_error("members have names");
-        }
+    std::map<std::string, JsonSchema> ReadMembers(const YAML::Node& node, int depth) {
+        CheckMap(node);
         std::map<std::string, JsonSchema> members;
         for (const auto& member : node) {
-            members[member.first.as<std::string>()] = Read(member.second, depth + 1);
+            CheckNew(members.emplace(Name(member.first), Read(member.second, depth + 1)).second);
         }
         return members;
     }
+
+    int m_nodes = 0;
 };
 
 std::optional<JsonSchema> JsonSchema::Parse(const std::string& text) {
     try {
-        return JsonSchemaReader::Read(YAML::Load(text), 0);
+        CheckOneDocument(text);
+        return JsonSchemaReader().Read(YAML::Load(text), 0);
     } catch (const std::runtime_error&) {
         return std::nullopt;
     }

@@ -1,6 +1,7 @@
 #include "pavane/store/json_schema.h"
 
 #include <array>
+#include <chrono>
 #include <fstream>
 #include <string>
 
@@ -84,13 +85,75 @@ TEST(JsonSchemaTest, WhatIsNoSchemaFitsNothing) {
     }
 }
 
-TEST(JsonSchemaTest, ASchemaThatNeverEndsIsNone) {
-    std::string schema = "string";
-    for (int i = 0; i < 100; ++i) {
-        schema.insert(0, "{type: array, element: ");
-        schema += "}";
+TEST(JsonSchemaTest, ARuleOrAMemberStandsOnce) {
+    for (const char* schema : {"{type: array, type: object}", "{type: array, type: array}",
+                               "{type: array, element: string, element: integer}",
+                               "{type: object, required: {name: string, name: integer}}",
+                               "{type: object, required: {name: string, \"name\": string}}",
+                               "{type: object, required: {a: any}, required: {b: any}}"}) {
+        EXPECT_FALSE(pavane::JsonSchema::Parse(schema)) << schema;
     }
-    EXPECT_FALSE(pavane::JsonSchema::Parse(schema));
+    EXPECT_TRUE(pavane::JsonSchema::Parse("{type: object, required: {a: any}, optional: {a: string}}"));
+}
+
+TEST(JsonSchemaTest, NamesAreTextsAndTagsSayNothingElse) {
+    for (const char* schema :
+         {"!!int array", "!mine array", "!!str {type: array}", "!!seq {type: array}", "{type: !!int array}",
+          "{!!int type: array}", "{type: object, required: !!set {a: any}}",
+          "{type: object, required: {!!int 7: any}}", "{type: object, required: {[a]: any}}",
+          "{type: object, required: {~: any}}"}) {
+        EXPECT_FALSE(pavane::JsonSchema::Parse(schema)) << schema;
+    }
+    for (const char* schema : {"!!str array", "\"array\"", "!!map {!!str type: 'array'}",
+                               "{type: object, required: !!map {7: any, 'null': any}}"}) {
+        EXPECT_TRUE(pavane::JsonSchema::Parse(schema)) << schema;
+    }
+}
+
+TEST(JsonSchemaTest, ATextIsOneDocument) {
+    for (const char* schema : {"array\n---\nobject\n", "array\n...\nobject\n", "{type: array}\n---\n",
+                               "{type: array} more", "---\n", "# nothing\n"}) {
+        EXPECT_FALSE(pavane::JsonSchema::Parse(schema)) << schema;
+    }
+    EXPECT_TRUE(pavane::JsonSchema::Parse("---\narray\n...\n"));
+}
+
+TEST(JsonSchemaTest, ASchemaHasAtMost64Levels) {
+    const auto nested = [](int levels) {
+        std::string schema = "string";
+        for (int i = 0; i < levels; ++i) {
+            schema.insert(0, "{type: array, element: ");
+            schema += "}";
+        }
+        return schema;
+    };
+    EXPECT_TRUE(pavane::JsonSchema::Parse(nested(64)));
+    EXPECT_FALSE(pavane::JsonSchema::Parse(nested(65)));
+}
+
+TEST(JsonSchemaTest, ASchemaThatNeverEndsIsNone) {
+    EXPECT_FALSE(pavane::JsonSchema::Parse("&a {type: array, element: *a}"));
+    EXPECT_FALSE(pavane::JsonSchema::Parse("&a {type: object, required: {x: *a, y: *a}, optional: {z: *a}}"));
+}
+
+// Each level names the one before it twice: 2^25 nodes in a thousand bytes.
+TEST(JsonSchemaTest, ASchemaThatUnfoldsToTooManyNodesIsNone) {
+    constexpr int kLevels = 25;
+    std::string level = "&a0 string";
+    for (int i = 1; i <= kLevels; ++i) {
+        std::string next = "&a" + std::to_string(i) + " {type: object, required: {x: ";
+        next += level + ", y: *a" + std::to_string(i - 1) + "}}";
+        level = next;
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_FALSE(pavane::JsonSchema::Parse(level));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+}
+
+TEST(JsonSchemaTest, AnAliasStandsForWhatItNames) {
+    const std::string schema = "{type: object, required: {a: &text {type: string}, b: *text}}";
+    EXPECT_TRUE(Fits(schema, R"({"a":"1","b":"2"})"));
+    EXPECT_FALSE(Fits(schema, R"({"a":"1","b":2})"));
 }
 
 TEST(JsonSchemaTest, CopyPropsReplacesMembersOfTheSameName) {
