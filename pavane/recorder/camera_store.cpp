@@ -6,6 +6,35 @@
 
 namespace pavane {
 
+namespace {
+
+// What PrepareCameras reads, of the cameras "c" in `from`.
+std::string SelectCameras(const std::string& from) {
+    return "select c.id, c.owner_rv_id, c.name, c.recording_path, c.rec_storage_status, c.ip, c.occupied_mb,"
+           " c.rotated_by_space, c.rotation_by_space_mb from " +
+           from;
+}
+
+soci::details::prepare_temp_type PrepareCameras(soci::session& session, const std::string& statement,
+                                                CameraRecord& camera) {
+    return (session.prepare << statement, soci::into(camera.id), soci::into(camera.ownerRvId),
+            soci::into(camera.name), soci::into(camera.recordingPath), soci::into(camera.recStorageStatus),
+            soci::into(camera.ip), soci::into(camera.occupiedMB), soci::into(camera.rotatedBySpace),
+            soci::into(camera.rotationBySpaceMB));
+}
+
+// The rows of a query that reads into `camera`.
+std::list<CameraRecord> FetchAll(const soci::details::prepare_temp_type& query, const CameraRecord& camera) {
+    soci::statement statement(query);
+    std::list<CameraRecord> cameras;
+    for (bool more = statement.execute(true); more; more = statement.fetch()) {
+        cameras.push_back(camera);
+    }
+    return cameras;
+}
+
+}  // namespace
+
 void ImportCameras(std::vector<CameraRecord>& cameras) {
     Database& database = AppDatabase();
     WriteTransaction transaction(database);
@@ -37,59 +66,38 @@ CameraPage ListCameras(int offset, int limit) {
     CameraRecord camera;
     soci::session& session = AppDatabase().Session();
     session << "select count(*) from camera", soci::into(page.total);
-    soci::statement statement =
-        (session.prepare
-             << "select id, owner_rv_id, name, recording_path, rec_storage_status, ip, occupied_mb,"
-                " rotated_by_space, rotation_by_space_mb from camera"
-                " order by id limit :limit offset :offset",
-         soci::into(camera.id), soci::into(camera.ownerRvId), soci::into(camera.name),
-         soci::into(camera.recordingPath), soci::into(camera.recStorageStatus), soci::into(camera.ip),
-         soci::into(camera.occupiedMB), soci::into(camera.rotatedBySpace),
-         soci::into(camera.rotationBySpaceMB), soci::use(limit), soci::use(offset));
-    for (bool more = statement.execute(true); more; more = statement.fetch()) {
-        page.cameras.push_back(camera);
-    }
+    auto query =
+        PrepareCameras(session, SelectCameras("camera c order by c.id limit :limit offset :offset"), camera);
+    query, soci::use(limit), soci::use(offset);
+    page.cameras = FetchAll(query, camera);
     return page;
 }
 
 std::optional<CameraRecord> FindCamera(int id) {
     CameraRecord camera;
-    soci::session& session = AppDatabase().Session();
-    session << "select id, owner_rv_id, name, recording_path, rec_storage_status, ip, occupied_mb,"
-               " rotated_by_space, rotation_by_space_mb from camera where id = :id",
-        soci::into(camera.id), soci::into(camera.ownerRvId), soci::into(camera.name),
-        soci::into(camera.recordingPath), soci::into(camera.recStorageStatus), soci::into(camera.ip),
-        soci::into(camera.occupiedMB), soci::into(camera.rotatedBySpace),
-        soci::into(camera.rotationBySpaceMB), soci::use(id);
-    return session.got_data() ? std::optional(camera) : std::nullopt;
+    auto query = PrepareCameras(AppDatabase().Session(), SelectCameras("camera c where c.id = :id"), camera);
+    query, soci::use(id);
+    soci::statement statement(query);
+    return statement.execute(true) ? std::optional(camera) : std::nullopt;
 }
 
 // What begins with "/volume1/rec/" stands between that text and "/volume1/rec0", since '0' follows '/' - by
 // bytes, which SQLite always compares and PostgreSQL when told so.
 std::string CamerasOfShareStatement(DatabaseKind kind) {
     const bool sqlite = kind == DatabaseKind::kSqlite;
-    return std::string(
-               "select c.id, c.owner_rv_id, c.name, c.recording_path, c.rec_storage_status, c.ip,"
-               " c.occupied_mb, c.rotated_by_space, c.rotation_by_space_mb"
-               " from recording_share s join camera c on c.owner_rv_id = s.owner_rv_id and "
-               "c.recording_path ") +
-           (sqlite ? ">=" : "~>=~") + " (s.path || '/') and c.recording_path " + (sqlite ? "<" : "~<~") +
-           " (s.path || '0') where s.id = :share and c.rec_storage_status <> 1 order by c.id";
+    return SelectCameras(std::string("recording_share s join camera c on c.owner_rv_id = s.owner_rv_id and"
+                                     " c.recording_path ") +
+                         (sqlite ? ">=" : "~>=~") + " (s.path || '/') and c.recording_path " +
+                         (sqlite ? "<" : "~<~") +
+                         " (s.path || '0') where s.id = :share and c.rec_storage_status <> 1 order by c.id");
 }
 
 std::list<CameraRecord> ListCamerasOfShare(int shareId) {
     Database& database = AppDatabase();
     CameraRecord camera;
-    soci::statement statement =
-        (database.Session().prepare << CamerasOfShareStatement(database.Kind()), soci::into(camera.id),
-         soci::into(camera.ownerRvId), soci::into(camera.name), soci::into(camera.recordingPath),
-         soci::into(camera.recStorageStatus), soci::into(camera.ip), soci::into(camera.occupiedMB),
-         soci::into(camera.rotatedBySpace), soci::into(camera.rotationBySpaceMB), soci::use(shareId));
-    std::list<CameraRecord> cameras;
-    for (bool more = statement.execute(true); more; more = statement.fetch()) {
-        cameras.push_back(camera);
-    }
-    return cameras;
+    auto query = PrepareCameras(database.Session(), CamerasOfShareStatement(database.Kind()), camera);
+    query, soci::use(shareId);
+    return FetchAll(query, camera);
 }
 
 }  // namespace pavane

@@ -25,9 +25,7 @@ using pavane::Database;
 constexpr const char* kSource = "pavane/store/pvdb";
 
 struct ExecuteOptions {
-    bool multiple;
     bool retryOnBusy;
-    bool logFailure;
     bool reconnect;
 };
 
@@ -151,7 +149,7 @@ int PVDB::Execute(DBInstance /*instance*/, const std::string& statement, DBResul
         return kFailure;
     }
     try {
-        std::unique_ptr<DBResult> rows = Run(statements, {multiple, retryOnBusy, logFailure, reconnect});
+        std::unique_ptr<DBResult> rows = Run(statements, {retryOnBusy, reconnect});
         if (result != nullptr) {
             *result = rows.release();
         }
