@@ -25,6 +25,14 @@ std::string Text(const char* text) { return text != nullptr ? text : ""; }
 
 }  // namespace
 
+Udev OpenDeviceManager() {
+    Udev context(udev_new());
+    if (context == nullptr) {
+        throw std::runtime_error("the device manager can't be asked");
+    }
+    return context;
+}
+
 std::vector<UdevDevice> ListDisks(udev& context) {
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(kBlockDevices.c_str()), closedir);
     std::vector<UdevDevice> disks;

@@ -18,6 +18,9 @@ using Udev = std::unique_ptr<udev, UdevUnref>;
 using UdevDevice = std::unique_ptr<udev_device, UdevUnref>;
 using UdevList = std::unique_ptr<udev_enumerate, UdevUnref>;
 
+// Throws std::runtime_error.
+Udev OpenDeviceManager();
+
 // The disks that have a medium, in no order. Of those that have none (a card reader's slot, a loop device
 // that is not in use) the kernel has many, and the device manager is not asked about them. What vanishes
 // meanwhile is left out. Throws std::runtime_error.

@@ -17,7 +17,7 @@ enum class ExternalDiskKind : int {
 enum class PartitionState : int {
     kReady = 0,     // mounted
     kUnusable = 1,  // no file system that is known, or not mounted
-    // Not meant for files (swap, a boot partition, a member of something else), or mounted but silent.
+    // Not meant for files, or silent.
     kHidden = 2,
 };
 
@@ -27,9 +27,10 @@ struct ExternalPartition {
     PartitionState state = PartitionState::kUnusable;
     std::string fsType;  // empty = none that is known
     std::string label;
-    std::string shareName;  // while mounted; empty too where the name would become too long
-    std::string mountPath;  // empty = not mounted
-    bool isSilent = false;  // what is mounted there doesn't answer
+    std::string shareName;   // while mounted; empty too where the name would become too long
+    std::string mountPath;   // empty = not mounted
+    bool isForFiles = true;  // false: swap, a boot partition, a member of something else
+    bool isSilent = false;   // what is mounted there doesn't answer, or the disk itself when nothing is
 };
 
 struct ExternalDisk {
@@ -53,8 +54,12 @@ std::optional<ExternalDisk> AttachedDisk(const std::string& name);
 // The longest name of an external share: listings keep no more of it.
 inline constexpr std::size_t kLongestExternalShareName = 15;
 
+// What the names of the shares on `disk` begin with, or are: "usbshare2".
+std::string ShareStem(const ExternalDisk& disk);
+
 // Fills the partitions of `disk` by number, or the disk itself where it holds a file system unpartitioned.
-// Reads from the disk, so it needs root. A disk that is gone has none.
+// Needs root. A disk that is gone has none. What doesn't answer costs korv::kAnswerDeadline, once for a while
+// (korv/system/bounded_call.h). What is known of a disk that has not changed is not read again.
 void ReadPartitions(ExternalDisk& disk);
 
 }  // namespace korv

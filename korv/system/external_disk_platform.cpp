@@ -74,11 +74,16 @@ void FillPartition(const korv::ExternalPartition& from, KORVEXTPARTITION& to) {
 }
 
 void LogSilence(const ExternalDisk& disk) {
+    bool isDiskSilent = false;
     for (const korv::ExternalPartition& partition : disk.partitions) {
-        if (partition.isSilent) {
+        if (partition.isSilent && !partition.mountPath.empty()) {
             korv::LogLine("external disk " + partition.device + ": " + partition.mountPath +
                           " doesn't answer");
         }
+        isDiskSilent = isDiskSilent || (partition.isSilent && partition.mountPath.empty());
+    }
+    if (isDiskSilent) {
+        korv::LogLine("external disk " + disk.device + " doesn't answer");
     }
 }
 

@@ -35,6 +35,13 @@ bool IsNumbers(const std::string& text) {
     return text[disk] == '-' && partition > disk + 1 && partition == text.size();
 }
 
+// Only such a disk is asked for its partitions: another may be slow.
+bool MayCarry(const ExternalDisk& disk, const std::string& name) {
+    const std::string stem = ShareStem(disk);
+    return strncasecmp(name.c_str(), stem.c_str(), stem.size()) == 0 &&
+           (name.size() == stem.size() || name[stem.size()] == '-');
+}
+
 }  // namespace
 
 bool IsExternalShareName(const std::string& name) {
@@ -54,6 +61,9 @@ std::optional<std::string> ExternalSharePath(const std::string& name) {
         return strcasecmp(partition.shareName.c_str(), name.c_str()) == 0;
     };
     for (ExternalDisk& disk : ListExternalDisks()) {
+        if (!MayCarry(disk, name)) {
+            continue;
+        }
         ReadPartitions(disk);
         const auto found = std::find_if(disk.partitions.begin(), disk.partitions.end(), isWanted);
         if (found != disk.partitions.end()) {

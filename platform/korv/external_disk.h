@@ -43,6 +43,6 @@ struct KORVEXTDEVICE {
 int KORVUSBDevEnum(int type, char** names, std::size_t capacity, std::size_t* size);
 
 // Reads the disk `device` and its partitions into `record`. Negative on failure. A disk that has gone since
-// it was enumerated has no partitions; that is no failure. A partition that is mounted but doesn't answer
-// within the platform's deadline is hidden, and the platform's log says so.
+// it was enumerated has no partitions; that is no failure. A partition that doesn't answer within the
+// platform's deadline is hidden, mounted or not, and the platform's log says so.
 int KORVExtStgPartsVolInfoGet(const char* device, KORVEXTDEVICE* record, bool isUsb);

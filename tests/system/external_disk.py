@@ -13,6 +13,7 @@ _MARK = f"disk-{secrets.token_hex(8)}"
 _RULES = f"""
 SUBSYSTEM=="block", ATTR{{loop/backing_file}}=="*{_MARK}-usb*", ENV{{ID_BUS}}="usb", ENV{{ID_TYPE}}="disk"
 SUBSYSTEM=="block", ATTR{{loop/backing_file}}=="*{_MARK}-esata*", ENV{{KORV_EXTERNAL_DISK}}="esata"
+SUBSYSTEM=="block", ATTR{{loop/backing_file}}=="*{_MARK}-host*", ENV{{KORV_EXTERNAL_DISK}}="no"
 """
 # The device manager changes owners and makes links below /dev, which all of the machine shares: it gets one of its own.
 _START = """
@@ -47,17 +48,20 @@ def device_manager(node, rules=_RULES):
 class Disk:
     """One attached disk; mounted at `place` when asked to."""
 
-    def __init__(self, node, kind="usb", size_mb=64, file_system="ext4"):
+    def __init__(self, node, kind="usb", size_mb=64, file_system="ext4", folder="/srv/pavane"):
+        """`folder` of the node is where its image lies."""
         self.node = node
         self.file_system = file_system
-        name = f"{_MARK}-{kind}-{secrets.token_hex(4)}.img"
-        self.image = os.path.join(node.state, name)
+        token = secrets.token_hex(4)
+        name = f"{_MARK}-{kind}-{token}.img"
+        self.inner_image = f"{folder}/{name}"
+        self.image = f"/proc/{node.korvd}/root{self.inner_image}"
         self.make_file_system(size_mb)
-        self.device = node.inside("losetup", "--find", "--nooverlap", "--show", f"/srv/pavane/{name}").strip()
+        self.device = node.inside("losetup", "--find", "--nooverlap", "--show", self.inner_image).strip()
         number = int(self.device.removeprefix("/dev/loop"))
         self.share = f"{'usb' if kind == 'usb' else 'sata'}share{number + 1}"
         self.name = self.device.removeprefix("/dev/")
-        self.place = f"/srv/{name}"
+        self.place = f"/srv/{_MARK}.{token}"
         self.attached = True
         wait_until(lambda: node.inside("test", "-s", f"/run/udev/data/b7:{number}", check=False).returncode == 0,
                    "the device manager knows the disk")
@@ -95,7 +99,7 @@ class Disk:
         os.unlink(self.image)
         self.make_file_system()
         self.node.inside("sh", "-c", f"losetup -d {self.device} && "
-                                     f"losetup {self.device} /srv/pavane/{os.path.basename(self.image)}")
+                                     f"losetup {self.device} {self.inner_image}")
 
     def size_mb(self):
         """Its size and what ordinary users have of it, rounded up as it is shown."""

@@ -253,3 +253,52 @@ def test_a_disk_that_hangs_holds_nobody_up_and_the_log_says_so(node, admin, ntfs
         assert line.endswith(f"external disk {ntfs_disk.device}: {ntfs_disk.place} doesn't answer")
     finally:
         os.kill(server, signal.SIGCONT)
+
+
+@contextlib.contextmanager
+def hanging_disk(node):
+    """An ext4 disk whose image lies on another; gives it and a function that makes every read from it hang."""
+    with attached(node, kind="host", size_mb=128, file_system="ntfs") as host:
+        host.mount()
+        server = host.server()
+        with attached(node, size_mb=32, folder=host.place) as disk:
+            def hang():
+                forget(node, disk)
+                os.kill(server, signal.SIGSTOP)
+
+            try:
+                yield disk, hang
+            finally:
+                os.kill(server, signal.SIGCONT)
+
+
+def forget(node, disk):
+    """Nothing of the disk or its image stays in memory."""
+    node.inside("dd", f"of={disk.inner_image}", "oflag=nocache", "conv=notrunc,fdatasync", "count=0")
+    node.inside("dd", f"if={disk.inner_image}", "iflag=nocache", "count=0")
+
+
+def test_a_disk_that_hangs_before_it_is_mounted_holds_nobody_up(node, admin, disk):
+    with hanging_disk(node) as (other, hang):
+        hang()
+        start = time.monotonic()
+        assert list(candidates(admin, 2)) == [disk.share]
+        assert time.monotonic() - start < 10
+        (line,) = node.unexpected_lines()
+        assert line.endswith(f"external disk {other.device} doesn't answer")
+
+
+def test_a_mounted_disk_that_hangs_is_left_out_whatever_its_file_system(node, admin, disk):
+    with hanging_disk(node) as (other, hang):
+        # In so small an inode there is no room for rights, which are read with the first question for them.
+        node.inside("mkfs.ext4", "-q", "-F", "-I", "128", other.device)
+        other.mount()
+        node.inside("setfacl", "-m", "u:viewer:rwx", other.place)
+        node.inside("umount", other.place)
+        node.inside("mount", other.device, other.place)
+        hang()
+        start = time.monotonic()
+        assert list(candidates(admin, 2)) == [disk.share]
+        assert time.monotonic() - start < 10
+        (line,) = node.unexpected_lines()
+        assert line.endswith(f"external disk {other.device}: {other.place} doesn't answer")

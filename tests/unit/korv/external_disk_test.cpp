@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -22,12 +23,14 @@
 #include "platform/korv/external_disk.h"
 #include "platform/korv/share.h"
 
+#include "korv/system/bounded_call.h"
 #include "korv/system/child_process.h"
 #include "korv/system/external_disk_register.h"
 #include "korv/system/external_disk_state.h"
 #include "korv/system/external_share.h"
 #include "korv/system/key_value_file.h"
 #include "tests/unit/korv/pretended_disks.h"
+#include "tests/unit/korv/silent_file_system.h"
 
 namespace {
 
@@ -36,6 +39,7 @@ using korv::ExternalDiskKind;
 using korv::PartitionState;
 
 constexpr const char* kPlace = "/tmp/place";
+constexpr const char* kHanging = "/tmp/hanging";
 constexpr const char* kConfiguration = "/tmp/korv.yaml";
 constexpr const char* kRegister = "/run/external-disks";
 constexpr uid_t kService = 65534;
@@ -57,6 +61,15 @@ protected:
     // As if what is on the device were mounted: only the list of mounts is asked for that.
     static void MountFrom(const char* device, const char* type = "tmpfs") {
         ASSERT_EQ(mount(device, kPlace, type, 0, "size=64k,mode=0755"), 0);
+    }
+
+    // Whatever touches the device waits for ever.
+    void Hang(const std::string& name) {
+        const fs::path file = disks.FileOf(name);
+        fs::remove(file);
+        fs::create_directory(kHanging);
+        m_hanging.emplace(kHanging, SilentFileSystem::Silence::kEverything);
+        fs::create_symlink(std::string(kHanging) + "/disk", file);
     }
 
     static std::vector<std::string> Names(ExternalDiskKind kind) {
@@ -88,6 +101,9 @@ protected:
     }
 
     PretendedDisks disks;
+
+private:
+    std::optional<SilentFileSystem> m_hanging;
 };
 
 using Texts = std::vector<std::string>;
@@ -233,15 +249,14 @@ TEST_F(ExternalDiskTest, ReadsWhatIsOnEachPartition) {
                   .exitCode,
               0);
     ASSERT_EQ(korv::RunProgram("/usr/sbin/mkswap", {second}, std::chrono::seconds(20)).exitCode, 0);
-    MountFrom("/dev/sdb1");
     const auto partitions = Partitions(ExternalDiskKind::kUsb, "sdb");
     ASSERT_EQ(partitions.size(), 4U);
     EXPECT_EQ(partitions[0].device, "/dev/sdb1");
     EXPECT_EQ(partitions[0].fsType, "ext4");
     EXPECT_EQ(partitions[0].label, "Backup");
-    EXPECT_EQ(partitions[0].state, PartitionState::kReady);
-    EXPECT_EQ(partitions[0].mountPath, kPlace);
-    EXPECT_EQ(partitions[0].shareName, "usbshare2-1");
+    EXPECT_EQ(partitions[0].state, PartitionState::kUnusable);
+    EXPECT_EQ(partitions[0].mountPath, "");
+    EXPECT_EQ(partitions[0].shareName, "");
     EXPECT_EQ(partitions[1].fsType, "swap");
     EXPECT_EQ(partitions[1].state, PartitionState::kHidden);
     EXPECT_EQ(partitions[2].fsType, "ntfs");
@@ -249,6 +264,79 @@ TEST_F(ExternalDiskTest, ReadsWhatIsOnEachPartition) {
     EXPECT_EQ(partitions[2].state, PartitionState::kUnusable);
     EXPECT_EQ(partitions[2].shareName, "");
     EXPECT_EQ(partitions[3].state, PartitionState::kHidden);
+    // The list of mounts says what it is now.
+    MountFrom("/dev/sdb1", "ramfs");
+    const auto mounted = Partitions(ExternalDiskKind::kUsb, "sdb").at(0);
+    EXPECT_EQ(mounted.fsType, "ramfs");
+    EXPECT_EQ(mounted.state, PartitionState::kReady);
+    EXPECT_EQ(mounted.mountPath, kPlace);
+    EXPECT_EQ(mounted.shareName, "usbshare2-1");
+}
+
+TEST_F(ExternalDiskTest, ADiskIsReadAgainOnlyWhenItChanged) {
+    const std::string disk = disks.AddUsbDisk("sdb");
+    disks.AddPartition(disk, 1);
+    disks.SetWrites(disk, 1);
+    const std::string file = disks.FileOf("sdb1");
+    const auto make = [&file](const char* label) {
+        return korv::RunProgram("/usr/sbin/mkfs.ext4", {"-q", "-F", "-L", label, file},
+                                std::chrono::seconds(20))
+            .exitCode;
+    };
+    const auto label = [] { return Partitions(ExternalDiskKind::kUsb, "sdb").at(0).label; };
+    EXPECT_EQ(label(), "");
+    ASSERT_EQ(make("First"), 0);
+    EXPECT_EQ(label(), "");
+    disks.SetWrites(disk, 9);
+    EXPECT_EQ(label(), "First");
+    ASSERT_EQ(make("Second"), 0);
+    EXPECT_EQ(label(), "First");
+    disks.Pull(disk);
+    disks.AddPartition(disks.AddUsbDisk("sdb"), 1);
+    disks.SetWrites(disk, 9);
+    disks.FileOf("sdb1");
+    ASSERT_EQ(make("Third"), 0);
+    EXPECT_EQ(label(), "Third");
+}
+
+TEST_F(ExternalDiskTest, ADiskThatHangsIsLeftOutAndHoldsNothingUp) {
+    const std::string disk = disks.AddUsbDisk("sdb");
+    for (const int number : {1, 2, 3}) {
+        disks.AddPartition(disk, number);
+    }
+    disks.AddPartition(disks.AddUsbDisk("sdc"), 1);
+    MountFrom("/dev/sdc1");
+    Hang("sdb1");
+    const auto timed = [](const auto& work) {
+        const auto start = std::chrono::steady_clock::now();
+        work();
+        return std::chrono::steady_clock::now() - start;
+    };
+    constexpr std::chrono::seconds kAtOnce(2);
+    EXPECT_LT(timed([] { EXPECT_EQ(korv::ExternalSharePath("usbshare3"), kPlace); }), kAtOnce);
+    KORVEXTDEVICE record{};
+    testing::internal::CaptureStderr();
+    EXPECT_LT(timed([&record] { ASSERT_EQ(KORVExtStgPartsVolInfoGet("sdb", &record, true), 0); }),
+              2 * korv::kAnswerDeadline);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+    EXPECT_NE(log.find("external disk /dev/sdb doesn't answer"), std::string::npos) << log;
+    ASSERT_EQ(record.partitionCount, 3);
+    EXPECT_EQ(record.partitions[0].state, KORV_EXT_PARTITION_HIDDEN);
+    EXPECT_LT(timed([&record] { KORVExtStgPartsVolInfoGet("sdb", &record, true); }), kAtOnce);
+}
+
+TEST_F(ExternalDiskTest, ASharesNameStaysWhenAPartitionBesideItHangs) {
+    const std::string disk = disks.AddUsbDisk("sdb");
+    disks.AddPartition(disk, 1);
+    disks.AddPartition(disk, 2);
+    MountFrom("/dev/sdb1");
+    Hang("sdb2");
+    const auto partitions = Partitions(ExternalDiskKind::kUsb, "sdb");
+    EXPECT_EQ(partitions.at(0).shareName, "usbshare2-1");
+    EXPECT_EQ(partitions.at(0).state, PartitionState::kReady);
+    EXPECT_EQ(partitions.at(1).state, PartitionState::kHidden);
+    EXPECT_TRUE(partitions.at(1).isSilent);
 }
 
 TEST_F(ExternalDiskTest, AnUnpartitionedDiskIsItsOwnPartition) {
@@ -339,7 +427,7 @@ TEST_F(ExternalDiskTest, DescribesADiskAndItsPartitions) {
     EXPECT_STREQ(record.description, "USB Disk 2");
     ASSERT_EQ(record.partitionCount, 1);
     EXPECT_EQ(record.partitions[0].state, KORV_EXT_PARTITION_READY);
-    EXPECT_STREQ(record.partitions[0].fsName, "ext4");
+    EXPECT_STREQ(record.partitions[0].fsName, "tmpfs");
     EXPECT_EQ(record.partitions[0].text, std::string(63, 'L'));
     EXPECT_STREQ(record.partitions[0].shareName, "usbshare2");
     EXPECT_STREQ(record.partitions[0].mountPath, kPlace);

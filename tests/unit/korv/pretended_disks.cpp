@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <vector>
 
 namespace {
 
@@ -59,6 +60,7 @@ PretendedDisks::~PretendedDisks() {
 
 std::string PretendedDisks::AddDisk(const std::string& parent, const std::string& name,
                                     const Texts& properties, const Texts& attributes) {
+    static int disksThatCame = 0;  // as the kernel counts them, for all tests
     const int minor = static_cast<int>(m_minors.size()) * 16;
     m_minors[name] = minor;
     Texts allProperties{{"DEVTYPE", "disk"},
@@ -69,7 +71,7 @@ std::string PretendedDisks::AddDisk(const std::string& parent, const std::string
     Texts allAttributes{{"dev", DeviceNumber(minor)},
                         {"removable", "0"},
                         {"size", "32768"},
-                        {"diskseq", std::to_string(++m_disksThatCame)}};
+                        {"diskseq", std::to_string(++disksThatCame)}};
     for (const auto& [key, value] : properties) {
         allProperties[key] = value;
     }
@@ -107,10 +109,26 @@ void PretendedDisks::AddPartition(const std::string& disk, int number, const Tex
                    {{"dev", DeviceNumber(minor)}, {"partition", std::to_string(number)}});
 }
 
+void PretendedDisks::SetWrites(const std::string& path, int count) {
+    const std::string text = "7 0 56 1 " + std::to_string(count) + " 0 8 1 0 4 4 0 0 0 0 0 0\n";
+    umockdev_testbed_set_attribute(m_testbed->bed, ("/sys" + path).c_str(), "stat", text.c_str());
+}
+
 void PretendedDisks::Pull(const std::string& disk) {
-    umockdev_testbed_remove_device(m_testbed->bed, ("/sys" + disk).c_str());
-    // The library leaves this, and another disk of the name couldn't come.
-    fs::remove(m_testbed->Root() + "/sys/block/" + fs::path(disk).filename().string());
+    const std::string name = fs::path(disk).filename();
+    std::vector<std::string> partitions;
+    for (const auto& entry : fs::directory_iterator(m_testbed->Root() + "/sys" + disk)) {
+        const std::string partition = entry.path().filename();
+        if (partition.compare(0, name.size(), name) == 0) {
+            partitions.push_back("/sys" + disk + "/" + partition);
+        }
+    }
+    partitions.push_back("/sys" + disk);
+    for (const std::string& path : partitions) {
+        umockdev_testbed_remove_device(m_testbed->bed, path.c_str());
+        // The library leaves this, and another disk of the name couldn't come.
+        fs::remove(m_testbed->Root() + "/sys/block/" + fs::path(path).filename().string());
+    }
 }
 
 void PretendedDisks::Settle(const std::string& name) {

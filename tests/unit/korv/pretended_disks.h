@@ -25,6 +25,8 @@ public:
     std::string AddEsataDisk(const std::string& name);
     // Adds the partition of that number to the disk at `disk`.
     void AddPartition(const std::string& disk, int number, const Texts& properties = {});
+    // The kernel has written to the disk at `path` so many times.
+    void SetWrites(const std::string& path, int count);
     // The disk at that path, with its partitions, is gone.
     void Pull(const std::string& disk);
 
@@ -38,5 +40,4 @@ private:
     struct Testbed;
     Testbed* m_testbed;
     std::map<std::string, int> m_minors;
-    int m_disksThatCame = 0;
 };
