@@ -1,6 +1,7 @@
 #include "korv/system/share_access.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <optional>
@@ -30,10 +31,16 @@ bool Allows(const FolderRights& rights, const Identity& who, unsigned wanted) {
     return Permits(rights.access, rights.owner, {false, who.uid, who.groups}, wanted);
 }
 
-// From the list of mounts, since a file system that has stopped answering for its size may still serve files.
-bool IsReadOnly(const std::string& path) {
-    const auto along = MountsAlong(path);
-    return along.empty() || along.back()->isReadOnly;
+// Whether anybody can make entries in the folder: root neither can in a read-only mount or Btrfs subvolume or
+// in an immutable folder. A server that admits nobody as root has said nothing about others.
+bool IsWritable(int folder) {
+    if (faccessat(folder, "", W_OK, AT_EACCESS | AT_EMPTY_PATH) == 0 || errno == EACCES) {
+        return true;
+    }
+    if (errno != EROFS && errno != EPERM) {
+        throw std::system_error(errno, std::generic_category(), "cannot tell whether a folder is read-only");
+    }
+    return false;
 }
 
 // Opens the folder at `path`; none when `who` may not pass through a folder above it.
@@ -60,7 +67,7 @@ FolderAccess ReadAccess(const std::string& path, const Identity& who) {
         }
         const FolderRights rights = ReadFolderRights(folder.Get());
         access.canList = Allows(rights, who, kAclRead) && Allows(rights, who, kAclExecute);
-        access.canChange = Allows(rights, who, kAclWrite | kAclExecute) && !IsReadOnly(path);
+        access.canChange = Allows(rights, who, kAclWrite | kAclExecute) && IsWritable(folder.Get());
     } catch (const std::system_error& failure) {
         access.error = failure.code().value();
     }

@@ -21,8 +21,8 @@ struct FolderAccess {
 };
 
 // What the kernel would allow `who` in the folder at `path`: the rights to pass through every folder above
-// it, its ACL, and whether it is mounted read-only. Reads ACLs, so it needs root unless they are the caller's
-// own.
+// it, its ACL, and whether anybody at all can write there (not on a read-only mount or Btrfs subvolume, nor
+// in an immutable folder). Needs root.
 FolderAccess AccessTo(const std::string& path, const Identity& who);
 
 }  // namespace korv

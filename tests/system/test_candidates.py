@@ -58,6 +58,22 @@ def test_each_account_sees_what_it_may_use(admin, viewer, folders):
     assert list(candidates(viewer, 3)) == ["readable", "writable"]
 
 
+def test_where_nobody_can_write_is_offered_for_reading_only(node, admin, viewer, folders):
+    everywhere = sorted(folders)
+    node.inside("chattr", "+i", folders["closed"])
+    node.inside("btrfs", "property", "set", folders["writable"], "ro", "true")
+    try:
+        assert list(candidates(admin, 1)) == ["readable"]
+        assert list(candidates(admin, 2)) == list(candidates(admin, 3)) == everywhere
+        assert list(candidates(viewer, 1)) == []
+        assert list(candidates(viewer, 2)) == ["readable", "writable"]
+    finally:
+        node.inside("btrfs", "property", "set", folders["writable"], "ro", "false")
+        node.inside("chattr", "-i", folders["closed"])
+    assert list(candidates(admin, 1)) == everywhere
+    assert list(candidates(viewer, 1)) == ["writable"]
+
+
 def test_an_element_says_what_the_folder_is(admin, folders):
     assert "writable" in folders
     admin.call("KORV.Core.Share", "create", name="plain", shareinfo={"vol_path": "/volume2",

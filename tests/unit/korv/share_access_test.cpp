@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -20,6 +21,7 @@
 
 #include "korv/system/accounts.h"
 #include "korv/system/acl.h"
+#include "korv/system/child_process.h"
 #include "korv/system/database.h"
 #include "korv/system/file_descriptor.h"
 #include "korv/system/share_folder.h"
@@ -183,6 +185,37 @@ TEST_F(ShareAccessTest, WhereAFileSystemKeepsNoAclsTheModeCounts) {
     EXPECT_EQ(ErrorOf([&] { korv::GrantOnFolder(folder.Get(), alice, korv::kAclReadWrite); }), EOPNOTSUPP)
         << "nothing can be granted there";
     EXPECT_EQ(umount2(disk.c_str(), MNT_DETACH), 0);
+}
+
+TEST_F(ShareAccessTest, NobodyWritesInAReadOnlySubvolumeOrAnImmutableFolder) {
+    if (!machine::MountBtrfs()) {
+        GTEST_SKIP() << "this machine has no loop devices";
+    }
+    const auto run = [](const std::string& program, const std::vector<std::string>& arguments) {
+        EXPECT_EQ(korv::RunProgram(program, arguments, std::chrono::seconds(20)).exitCode, 0) << program;
+    };
+    const std::string subvolume = machine::BtrfsVolume() + "/subvolume";
+    run("/usr/bin/btrfs", {"subvolume", "create", subvolume});
+    std::vector<std::string> folders{subvolume, subvolume + "/plain", machine::BtrfsVolume() + "/immutable",
+                                     machine::Volume() + "/immutable"};
+    for (const std::string& folder : folders) {
+        fs::create_directories(folder);
+        ASSERT_EQ(chmod(folder.c_str(), 0775), 0);
+        ASSERT_EQ(chown(folder.c_str(), machine::kAliceUid, machine::kAdministratorsGid), 0);
+    }
+    EXPECT_EQ(Told("alice", folders), "3333");
+    run("/usr/bin/btrfs", {"property", "set", subvolume, "ro", "true"});
+    run("/usr/bin/chattr", {"+i", folders[2], folders[3]});
+    for (const char* user : kUsers) {
+        EXPECT_EQ(Tried(user, folders), "2222") << user;
+        EXPECT_EQ(Told(user, folders), "2222") << user;
+    }
+    run("/usr/bin/chattr", {"-i", folders[2], folders[3]});
+    // Entries can be made there, though not be removed.
+    run("/usr/bin/chattr", {"+a", folders[3]});
+    EXPECT_EQ(Told("alice", {folders[3]}), "3");
+    run("/usr/bin/chattr", {"-a", folders[3]});
+    EXPECT_EQ(umount2(machine::BtrfsVolume().c_str(), MNT_DETACH), 0);
 }
 
 TEST_F(ShareAccessTest, UnknownUsersAndFoldersThatAreGoneAreNotAnswered) {
