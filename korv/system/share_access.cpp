@@ -22,9 +22,14 @@ namespace {
 
 constexpr int kFolderOnly = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-// A folder of the walk. Links are not followed: the paths of shares hold none.
+// A folder of the walk; none when there is no such folder. Links are not followed: the paths of shares hold
+// none.
 FileDescriptor OpenFolder(int parent, const std::string& name) {
-    return FileDescriptor(openat(parent, name.c_str(), kFolderOnly));
+    FileDescriptor folder(openat(parent, name.c_str(), kFolderOnly));
+    if (!folder && errno != ENOENT && errno != ENOTDIR && errno != ELOOP) {
+        throw std::system_error(errno, std::generic_category(), "cannot open a folder");
+    }
+    return folder;
 }
 
 bool Allows(const FolderRights& rights, const Identity& who, unsigned wanted) {
@@ -43,7 +48,7 @@ bool IsWritable(int folder) {
     return false;
 }
 
-// Opens the folder at `path`; none when `who` may not pass through a folder above it.
+// Opens the folder at `path`; none when there is none or `who` may not pass through a folder above it.
 FileDescriptor Walk(const std::string& path, const Identity& who) {
     FileDescriptor folder = OpenFolder(AT_FDCWD, "/");
     std::size_t begin = path.find_first_not_of('/');

@@ -17,7 +17,8 @@ struct Identity {
 struct FolderAccess {
     bool canList = false;    // read the folder and reach what is in it
     bool canChange = false;  // make and remove entries
-    int error = 0;           // an errno where neither can be told, ETIMEDOUT for a folder that doesn't answer
+    int error = 0;  // an errno where neither can be told, ETIMEDOUT for a folder that doesn't answer;
+                    // that there is no such folder is none
 };
 
 // What the kernel would allow `who` in the folder at `path`: the rights to pass through every folder above

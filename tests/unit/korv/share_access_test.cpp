@@ -14,7 +14,9 @@
 #include <system_error>
 
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include "platform/korv/share.h"
 #include "platform/korv/volume.h"
@@ -27,6 +29,7 @@
 #include "korv/system/share_folder.h"
 #include "korv/system/share_store.h"
 #include "tests/unit/korv/private_machine.h"
+#include "tests/unit/korv/silent_file_system.h"
 
 namespace {
 
@@ -223,6 +226,29 @@ TEST_F(ShareAccessTest, UnknownUsersAndFoldersThatAreGoneAreNotAnswered) {
     EXPECT_EQ(Told("alice", {machine::Volume() + "/gone"}), "0");
     fs::create_directory_symlink("/", machine::Volume() + "/link");
     EXPECT_EQ(Told("alice", {machine::Volume() + "/link"}), "0");
+}
+
+TEST_F(ShareAccessTest, AFolderThatCannotBeReachedIsAnErrorAndNoLackOfRights) {
+    const std::string disk = machine::Volume() + "/disk";
+    fs::create_directory(disk);
+    const SilentFileSystem broken(disk, SilentFileSystem::Silence::kNothing, EIO);
+    const korv::Identity alice{machine::kAliceUid, {machine::kNobodysGid}};
+    EXPECT_EQ(korv::AccessTo(disk + "/share", alice).error, EIO);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(Told("alice", {disk + "/share"}), "-1");
+    const std::string said = testing::internal::GetCapturedStderr();
+    const std::string expected =
+        "the rights of alice on " + disk + "/share can't be told: Input/output error\n";
+    EXPECT_NE(said.find(expected), std::string::npos) << said;
+}
+
+TEST_F(ShareAccessTest, WithoutAFreeDescriptorRightsAreUnknown) {
+    const int status = machine::InChild([] {
+        const rlimit few{3, 3};
+        return setrlimit(RLIMIT_NOFILE, &few) == 0 ? korv::AccessTo(machine::Volume(), {}).error : 0;
+    });
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), EMFILE);
 }
 
 TEST_F(ShareAccessTest, FindsTheIdsOfAnAccount) {

@@ -59,6 +59,7 @@ void Serve(int device, const fuse_in_header& request, SilentFileSystem::Silence 
                 Reply(device, request, fuse_statfs_out{});
             }
             return;
+        case FUSE_LOOKUP:
         case FUSE_OPENDIR:
             ReplyError(device, request, listError != 0 ? listError : ENOSYS);
             return;

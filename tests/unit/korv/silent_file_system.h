@@ -10,11 +10,11 @@ public:
     enum class Silence {
         kEverything,  // as soon as it is mounted
         kSize,        // statfs only: its root is a folder for everybody
-        kNothing,     // its list of entries is an error
+        kNothing,     // its entries and their list are an error
     };
 
     // Mounts it at `path`, an existing folder, for this process's mount namespace. Throws std::system_error.
-    //   listError  what whoever opens its root for its entries is told, an errno
+    //   listError  what whoever opens its root for its entries, or looks for one of them, is told, an errno
     SilentFileSystem(const std::string& path, Silence silence, int listError = 0);
     // Whoever waits gets an error.
     ~SilentFileSystem();
