@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <ctime>
 #include <limits>
+#include <optional>
 #include <system_error>
 
 #include <linux/magic.h>
@@ -39,22 +41,60 @@ bool IsWithoutQuotas(int error) {
     return std::find(kErrors.begin(), kErrors.end(), error) != kErrors.end();
 }
 
-// The kernel's record of the user's quota; a zeroed one where there are no quotas.
+// 0 with the kernel's record of a user's quota, or an errno with a zeroed one. XFS has ENOENT for who owns
+// nothing and has no limits; that is no error.
+int AskQuota(int folder, uid_t uid, if_dqblk& record) {
+    record = {};
+    const bool isThere =
+        syscall(SYS_quotactl_fd, folder, QCMD(Q_GETQUOTA, USRQUOTA), uid, &record) == 0 || errno == ENOENT;
+    return isThere ? 0 : errno;
+}
+
+bool IsXfs(int folder) {
+    struct statfs facts {};
+    return fstatfs(folder, &facts) == 0 && facts.f_type == XFS_SUPER_MAGIC;
+}
+
+void TakeMissingLimits(if_dqblk& quota, const if_dqblk& defaults) {
+    if (quota.dqb_bhardlimit == 0) {
+        quota.dqb_bhardlimit = defaults.dqb_bhardlimit;
+    }
+    if (quota.dqb_bsoftlimit == 0) {
+        quota.dqb_bsoftlimit = defaults.dqb_bsoftlimit;
+    }
+}
+
+// A zeroed record where there are no quotas. On XFS the limits of id 0, whom no quota binds, are those of
+// everybody who has none of their own.
 std::optional<if_dqblk> ReadQuota(const char* volume, uid_t uid) {
     const korv::FileDescriptor folder(open(volume, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder) {
         return std::nullopt;
     }
     if_dqblk quota{};
-    if (syscall(SYS_quotactl_fd, folder.Get(), QCMD(Q_GETQUOTA, USRQUOTA), uid, &quota) == 0) {
+    int error = AskQuota(folder.Get(), uid, quota);
+    if (IsWithoutQuotas(error)) {
         return quota;
     }
-    return IsWithoutQuotas(errno) ? std::optional(if_dqblk{}) : std::nullopt;
+    if (error == 0 && IsXfs(folder.Get())) {
+        if_dqblk defaults{};
+        error = AskQuota(folder.Get(), 0, defaults);
+        TakeMissingLimits(quota, defaults);
+    }
+    return error == 0 ? std::optional(quota) : std::nullopt;
+}
+
+// In the kernel's blocks, 0 = none. A soft limit is hard where there is no other, since it becomes so when
+// its time of grace ends, and from then on.
+std::uint64_t LimitOf(const if_dqblk& quota) {
+    const bool isGraceOver =
+        quota.dqb_btime != 0 && static_cast<std::uint64_t>(time(nullptr)) >= quota.dqb_btime;
+    const bool isSoftHard = quota.dqb_bsoftlimit != 0 && (quota.dqb_bhardlimit == 0 || isGraceOver);
+    return isSoftHard ? quota.dqb_bsoftlimit : quota.dqb_bhardlimit;
 }
 
 }  // namespace
 
-// Where there is no hard limit the soft one is taken: it becomes hard when its time of grace ends.
 int KORVQuotaGet(const char* user, const char* volume, KORVQUOTA* quota) {
     uid_t uid = 0;
     if (KORVUserGetUGID(user, &uid, nullptr) != 0) {
@@ -65,7 +105,7 @@ int KORVQuotaGet(const char* user, const char* volume, KORVQUOTA* quota) {
         return -1;
     }
     constexpr std::uint64_t kQuotaBlocksPerMB = kBytesPerMB / QIF_DQBLKSIZE;
-    const std::uint64_t limit = record->dqb_bhardlimit != 0 ? record->dqb_bhardlimit : record->dqb_bsoftlimit;
+    const std::uint64_t limit = uid != 0 ? LimitOf(*record) : 0;
     quota->limitMB = static_cast<float>(limit) / static_cast<float>(kQuotaBlocksPerMB);
     quota->usedBytes = record->dqb_curspace;
     return 0;

@@ -22,7 +22,9 @@ struct KORVQUOTA {
     std::uint64_t usedBytes;
 };
 
-// What `user` may use and uses on the volume at `volume`. 0 on success, -1 otherwise. Needs root.
+// What `user` may use and uses on the volume at `volume`: the hard limit of the kernel's quota, or the soft
+// one where there is no other or its time of grace is over; on XFS a limit that the user hasn't got is the
+// default, that of id 0. Nothing limits root. 0 on success, -1 otherwise with `quota` unchanged. Needs root.
 int KORVQuotaGet(const char* user, const char* volume, KORVQUOTA* quota);
 
 // The ids of an account; `gid` may be null. 0 on success, -1 when there is no such account.

@@ -9,15 +9,19 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <vector>
 
 #include <linux/btrfs.h>
+#include <linux/magic.h>
 #include <linux/quota.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/syscall.h>
 
 #include "platform/korv/volume.h"
@@ -130,14 +134,29 @@ protected:
     }
 };
 
-// A kernel that keeps a quota for alice; others have none. The library's calls come here first.
+// What a kernel answers for one user's quota.
+struct QuotaAnswer {
+    int error = 0;
+    if_dqblk record{};
+};
+
+// A kernel that keeps quotas. The library's calls come here first.
 struct PretendedKernel {
     bool isOn = false;
-    int error = 0;
-    if_dqblk quota{};
+    bool isXfs = false;
+    std::map<uid_t, QuotaAnswer> answers;
     int seenCommand = 0;
-    uid_t seenUid = 0;
 } g_kernel;
+
+QuotaAnswer LimitsKB(std::uint64_t soft, std::uint64_t hard, std::uint64_t used_bytes = 0) {
+    QuotaAnswer answer;
+    answer.record.dqb_bsoftlimit = soft;
+    answer.record.dqb_bhardlimit = hard;
+    answer.record.dqb_curspace = used_bytes;
+    return answer;
+}
+
+QuotaAnswer QuotaError(int error) { return {error, {}}; }
 
 class QuotaRecordTest : public MachineTest {
 protected:
@@ -146,16 +165,16 @@ protected:
         MachineTest::TearDown();
     }
 
-    // Of alice, when the kernel answers so; "-1" for a failure.
-    static std::string Get(std::uint64_t softKB, std::uint64_t hardKB, std::uint64_t used, int error = 0) {
-        g_kernel = {};
+    void SetUp() override {
+        MachineTest::SetUp();
         g_kernel.isOn = true;
-        g_kernel.error = error;
-        g_kernel.quota.dqb_bsoftlimit = softKB;
-        g_kernel.quota.dqb_bhardlimit = hardKB;
-        g_kernel.quota.dqb_curspace = used;
+    }
+
+    // What is told of the user when the kernel answers so for alice; "-1" for a failure.
+    static std::string Get(const QuotaAnswer& alices, const char* user = "alice") {
+        g_kernel.answers[machine::kAliceUid] = alices;
         KORVQUOTA quota{-1, 99};
-        const int result = KORVQuotaGet("alice", machine::Volume().c_str(), &quota);
+        const int result = KORVQuotaGet(user, machine::Volume().c_str(), &quota);
         return result == 0 ? testing::PrintToString(quota.limitMB) + " " + std::to_string(quota.usedBytes)
                            : std::to_string(result);
     }
@@ -238,35 +257,90 @@ extern "C" long syscall(long number, ...) {
         return real(number, words[0], words[1], words[2], words[3], words[4], words[5]);
     }
     g_kernel.seenCommand = static_cast<int>(words[1]);
-    g_kernel.seenUid = static_cast<uid_t>(words[2]);
-    if (g_kernel.error != 0) {
-        errno = g_kernel.error;
+    const auto answer = g_kernel.answers.find(static_cast<uid_t>(words[2]));
+    const int error = answer == g_kernel.answers.end() ? EPERM : answer->second.error;
+    if (error != 0) {
+        errno = error;
         return -1;
     }
-    *reinterpret_cast<if_dqblk*>(words[3]) = g_kernel.quota;
+    *reinterpret_cast<if_dqblk*>(words[3]) = answer->second.record;
     return 0;
 }
 // NOLINTEND(clang-analyzer-valist.Uninitialized, performance-no-int-to-ptr)
 
+// As does this one.
+extern "C" int fstatfs(int file, struct statfs* facts) noexcept {
+    using Function = int (*)(int, struct statfs*);
+    static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "fstatfs"));
+    const int result = real(file, facts);
+    if (g_kernel.isXfs) {
+        facts->f_type = XFS_SUPER_MAGIC;
+    }
+    return result;
+}
+
 TEST_F(QuotaRecordTest, AsksForTheUsersOwnQuota) {
-    EXPECT_EQ(Get(0, 10 * kKB, 12345), "10 12345");
-    EXPECT_EQ(g_kernel.seenUid, machine::kAliceUid);
+    EXPECT_EQ(Get(LimitsKB(0, 10 * kKB, 12345)), "10 12345");
     EXPECT_EQ(g_kernel.seenCommand, static_cast<int>(QCMD(Q_GETQUOTA, USRQUOTA)));
 }
 
 TEST_F(QuotaRecordTest, TheHardLimitCountsAndWithoutOneTheSoft) {
-    EXPECT_EQ(Get(2 * kKB, 3 * kKB + 512, 1), "3.5 1");
-    EXPECT_EQ(Get(2 * kKB, 0, 1), "2 1");
-    EXPECT_EQ(Get(0, 0, 7), "0 7");
+    EXPECT_EQ(Get(LimitsKB(2 * kKB, 3 * kKB + 512, 1)), "3.5 1");
+    EXPECT_EQ(Get(LimitsKB(2 * kKB, 0, 1)), "2 1");
+    EXPECT_EQ(Get(LimitsKB(0, 0, 7)), "0 7");
+}
+
+TEST_F(QuotaRecordTest, TheSoftLimitCountsOnceItsTimeOfGraceIsOver) {
+    QuotaAnswer answer = LimitsKB(2 * kKB, 10 * kKB, 5 * kMB);
+    const auto now = static_cast<std::uint64_t>(time(nullptr));
+    answer.record.dqb_btime = now + 1000;
+    EXPECT_EQ(Get(answer), "10 5242880");
+    answer.record.dqb_btime = now - 1;
+    EXPECT_EQ(Get(answer), "2 5242880");
+    answer.record.dqb_bhardlimit = 0;
+    EXPECT_EQ(Get(answer), "2 5242880");
+    answer = LimitsKB(0, 10 * kKB, 5 * kMB);
+    answer.record.dqb_btime = now - 1;
+    EXPECT_EQ(Get(answer), "10 5242880");
 }
 
 TEST_F(QuotaRecordTest, NoQuotasAreNoLimitAndNoFailure) {
     for (const int error : {ESRCH, ENOSYS, EOPNOTSUPP, ENODEV}) {
-        EXPECT_EQ(Get(1, 1, 1, error), "0 0") << error;
+        EXPECT_EQ(Get(QuotaError(error)), "0 0") << error;
     }
     for (const int error : {EPERM, EIO, EINVAL}) {
-        EXPECT_EQ(Get(1, 1, 1, error), "-1") << error;
+        EXPECT_EQ(Get(QuotaError(error)), "-1") << error;
     }
+}
+
+TEST_F(QuotaRecordTest, WhoHasNoRecordHasNoLimitOfTheirOwn) {
+    EXPECT_EQ(Get(QuotaError(ENOENT)), "0 0");
+    g_kernel.isXfs = true;
+    g_kernel.answers[0] = QuotaError(ENOENT);
+    EXPECT_EQ(Get(QuotaError(ENOENT)), "0 0");
+    EXPECT_EQ(Get(LimitsKB(0, 0, 7)), "0 7");
+    g_kernel.answers[0] = QuotaError(EIO);
+    EXPECT_EQ(Get(QuotaError(ENOENT)), "-1");
+}
+
+TEST_F(QuotaRecordTest, OnXfsTheRecordOfId0HoldsTheLimitsOfThoseWithoutTheirOwn) {
+    g_kernel.answers[0] = LimitsKB(4 * kKB, 6 * kKB, 12345);
+    EXPECT_EQ(Get(LimitsKB(0, 0, 7)), "0 7") << "elsewhere it is root's own";
+    g_kernel.isXfs = true;
+    EXPECT_EQ(Get(QuotaError(ENOENT)), "6 0");
+    EXPECT_EQ(Get(LimitsKB(0, 0, 7)), "6 7");
+    EXPECT_EQ(Get(LimitsKB(0, 2 * kKB, 7)), "2 7");
+    EXPECT_EQ(Get(LimitsKB(1 * kKB, 0, 7)), "6 7");
+    QuotaAnswer late = LimitsKB(0, 8 * kKB, 5 * kMB);
+    late.record.dqb_btime = 1;
+    EXPECT_EQ(Get(late), "4 5242880");
+}
+
+TEST_F(QuotaRecordTest, NothingLimitsRoot) {
+    g_kernel.answers[0] = LimitsKB(4 * kKB, 6 * kKB, 7);
+    EXPECT_EQ(Get({}, "root"), "0 7");
+    g_kernel.isXfs = true;
+    EXPECT_EQ(Get({}, "root"), "0 7");
 }
 
 TEST_F(QuotaTest, AUserWithoutALimitHasNone) {
