@@ -105,16 +105,6 @@ Acl SeededDefault(const Acl& access) {
 
 }  // namespace
 
-unsigned EffectiveRights(const Acl& acl, const FolderOwner& owner, const AclPrincipal& user) {
-    if (user.id == owner.uid) {
-        return RightsOf(acl, ACL_USER_OBJ);
-    }
-    if (const AclEntry* own = Find(acl, ACL_USER, user.id); own != nullptr) {
-        return own->rights & MaskOf(acl);
-    }
-    return GroupRights(acl, owner.gid, user).value_or(RightsOf(acl, ACL_OTHER));
-}
-
 bool Permits(const Acl& acl, const FolderOwner& owner, const AclPrincipal& user, unsigned wanted) {
     const auto covers = [wanted](unsigned rights) { return (rights & wanted) == wanted; };
     if (user.id == 0) {

@@ -39,10 +39,6 @@ struct FolderOwner {
     gid_t gid = 0;
 };
 
-// What `user` may do: the first of owner, own entry, groups, others that speaks of the user; cut by the mask
-// where that applies. Rights of several groups are added up.
-unsigned EffectiveRights(const Acl& acl, const FolderOwner& owner, const AclPrincipal& user);
-
 // Whether the kernel would allow `user` all of `wanted` at once, oddities included: two groups that give one
 // half each don't add up, a mask without any right takes the named entries out of the list, so that those
 // whom they name count as others, and root may do anything with a folder.

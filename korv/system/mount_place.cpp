@@ -102,10 +102,9 @@ bool MayWrite(int folder, const MountCaller& caller) {
     if (!account) {
         return false;
     }
-    const FolderRights folderRights = ReadFolderRights(folder);
-    const unsigned rights =
-        EffectiveRights(folderRights.access, folderRights.owner, {false, account->uid, GroupsOf(*account)});
-    return (rights & (kAclWrite | kAclExecute)) == (kAclWrite | kAclExecute);
+    const FolderRights rights = ReadFolderRights(folder);
+    return Permits(rights.access, rights.owner, {false, account->uid, GroupsOf(*account)},
+                   kAclWrite | kAclExecute);
 }
 
 bool IsEmpty(int folder) {

@@ -37,36 +37,57 @@ unsigned RightsOf(const Acl& acl, acl_tag_t tag, id_t id = 0) {
     return found == acl.end() ? 99 : found->rights;
 }
 
-TEST(EffectiveRights, GoByTheFirstThatSpeaksOfTheUser) {
+// What `user` is permitted, each right by itself.
+unsigned Permitted(const Acl& acl, const AclPrincipal& user) {
+    unsigned rights = 0;
+    for (const unsigned right : {korv::kAclRead, korv::kAclWrite, korv::kAclExecute}) {
+        rights |= Permits(acl, kFolder, user, right) ? right : 0;
+    }
+    return rights;
+}
+
+TEST(Permits, GoesByTheFirstThatSpeaksOfTheUser) {
     const Acl acl =
         With(Plain(kRx, kRx, 0), {{ACL_USER, kAlice, 0}, {ACL_GROUP, kStaff, kRwx}, {ACL_MASK, 0, kRwx}});
-    EXPECT_EQ(EffectiveRights(acl, kFolder, {false, kOwner, {kStaff}}), kRx);
-    EXPECT_EQ(EffectiveRights(acl, kFolder, kAliceOfStaff), 0U);
-    EXPECT_EQ(EffectiveRights(acl, kFolder, {false, kBob, {kStaff}}), kRwx);
-    EXPECT_EQ(EffectiveRights(acl, kFolder, {false, kBob, {kOwningGroup}}), kRx);
-    EXPECT_EQ(EffectiveRights(acl, kFolder, kBobAlone), 0U);
+    EXPECT_EQ(Permitted(acl, {false, kOwner, {kStaff}}), kRx);
+    EXPECT_EQ(Permitted(acl, kAliceOfStaff), 0U);
+    EXPECT_EQ(Permitted(acl, {false, kBob, {kStaff}}), kRwx);
+    EXPECT_EQ(Permitted(acl, {false, kBob, {kOwningGroup}}), kRx);
+    EXPECT_EQ(Permitted(acl, kBobAlone), 0U);
+    EXPECT_EQ(Permitted(acl, {false, 0, {}}), kRwx);
 }
 
-TEST(EffectiveRights, OfSeveralGroupsAddUpAndHideOthers) {
+TEST(Permits, WhatOneOfSeveralGroupsGivesAndHidesOthers) {
     const Acl acl =
-        With(Plain(kRwx, 0, kRwx), {{ACL_GROUP, kStaff, kRx}, {ACL_GROUP, kGuests, 2}, {ACL_MASK, 0, kRwx}});
-    EXPECT_EQ(EffectiveRights(acl, kFolder, {false, kBob, {kStaff, kGuests}}), kRwx);
-    EXPECT_EQ(EffectiveRights(acl, kFolder, {false, kBob, {kStaff}}), kRx);
+        With(Plain(kRwx, 0, kRwx),
+             {{ACL_GROUP, kStaff, kRx}, {ACL_GROUP, kGuests, korv::kAclWrite}, {ACL_MASK, 0, kRwx}});
+    const AclPrincipal bobOfBoth{false, kBob, {kStaff, kGuests}};
+    EXPECT_EQ(Permitted(acl, bobOfBoth), kRwx);
+    EXPECT_TRUE(Permits(acl, kFolder, bobOfBoth, kRx));
+    EXPECT_FALSE(Permits(acl, kFolder, bobOfBoth, korv::kAclWrite | korv::kAclExecute))
+        << "halves of two groups are no whole";
+    EXPECT_EQ(Permitted(acl, {false, kBob, {kStaff}}), kRx);
 }
 
-TEST(EffectiveRights, AreCutByTheMaskExceptForOwnerAndOthers) {
+TEST(Permits, WhatTheMaskLeavesExceptForOwnerAndOthers) {
     const Acl acl = With(Plain(kRwx, kRwx, kRwx), {{ACL_USER, kAlice, kRwx}, {ACL_MASK, 0, 4}});
-    EXPECT_EQ(EffectiveRights(acl, kFolder, {false, kOwner, {}}), kRwx);
-    EXPECT_EQ(EffectiveRights(acl, kFolder, kAliceAlone), 4U);
-    EXPECT_EQ(EffectiveRights(acl, kFolder, {false, kBob, {kOwningGroup}}), 4U);
-    EXPECT_EQ(EffectiveRights(acl, kFolder, kBobAlone), kRwx);
+    EXPECT_EQ(Permitted(acl, {false, kOwner, {}}), kRwx);
+    EXPECT_EQ(Permitted(acl, kAliceAlone), 4U);
+    EXPECT_EQ(Permitted(acl, {false, kBob, {kOwningGroup}}), 4U);
+    EXPECT_EQ(Permitted(acl, kBobAlone), kRwx);
+}
+
+TEST(Permits, AnEmptyMaskMakesOthersOfThoseWhomTheListNames) {
+    const Acl acl = With(Plain(kRwx, kRwx, kRx), {{ACL_USER, kAlice, kRwx}, {ACL_MASK, 0, 0}});
+    EXPECT_EQ(Permitted(acl, kAliceAlone), kRx);
+    EXPECT_EQ(Permitted(acl, {false, kBob, {kOwningGroup}}), 0U);
 }
 
 TEST(GrantedAccess, GivesTheRightAndNobodyElseOne) {
     const Acl acl = GrantedAccess(Plain(kRwx, kRx, 0), kFolder, kAliceAlone, kRwx);
-    EXPECT_EQ(EffectiveRights(acl, kFolder, kAliceAlone), kRwx);
-    EXPECT_EQ(EffectiveRights(acl, kFolder, {false, kBob, {kOwningGroup}}), kRx);
-    EXPECT_EQ(EffectiveRights(acl, kFolder, kBobAlone), 0U);
+    EXPECT_EQ(Permitted(acl, kAliceAlone), kRwx);
+    EXPECT_EQ(Permitted(acl, {false, kBob, {kOwningGroup}}), kRx);
+    EXPECT_EQ(Permitted(acl, kBobAlone), 0U);
     EXPECT_EQ(RightsOf(acl, ACL_MASK), kRwx);
 }
 
@@ -77,27 +98,25 @@ TEST(GrantedAccess, TwiceIsOnce) {
 
 TEST(GrantedAccess, KeepsWhatTheGranteeHasAlready) {
     const Acl own = With(Plain(kRwx, 0, 0), {{ACL_USER, kAlice, kRwx}, {ACL_MASK, 0, kRwx}});
-    EXPECT_EQ(EffectiveRights(GrantedAccess(own, kFolder, kAliceAlone, kRx), kFolder, kAliceAlone), kRwx);
+    EXPECT_EQ(Permitted(GrantedAccess(own, kFolder, kAliceAlone, kRx), kAliceAlone), kRwx);
 }
 
 TEST(GrantedAccess, AnEntryOfOnesOwnDoesNotTakeAwayWhatGroupsOrOthersGave) {
     const Acl byGroup = With(Plain(kRwx, 0, 0), {{ACL_GROUP, kStaff, kRwx}, {ACL_MASK, 0, kRwx}});
-    EXPECT_EQ(EffectiveRights(GrantedAccess(byGroup, kFolder, kAliceOfStaff, kRx), kFolder, kAliceOfStaff),
-              kRwx);
+    EXPECT_EQ(Permitted(GrantedAccess(byGroup, kFolder, kAliceOfStaff, kRx), kAliceOfStaff), kRwx);
     const Acl byOthers = Plain(kRwx, 0, kRwx);
-    EXPECT_EQ(EffectiveRights(GrantedAccess(byOthers, kFolder, kAliceAlone, kRx), kFolder, kAliceAlone),
-              kRwx);
+    EXPECT_EQ(Permitted(GrantedAccess(byOthers, kFolder, kAliceAlone, kRx), kAliceAlone), kRwx);
     const Acl ofGroup = GrantedAccess(byOthers, kFolder, kStaffGroup, kRx);
-    EXPECT_EQ(EffectiveRights(ofGroup, kFolder, kAliceOfStaff), kRwx);
+    EXPECT_EQ(Permitted(ofGroup, kAliceOfStaff), kRwx);
 }
 
 TEST(GrantedAccess, WidensAMaskForTheGranteeOnly) {
     const Acl narrowed =
         With(Plain(kRwx, kRwx, 0), {{ACL_USER, kAlice, kRwx}, {ACL_USER, kBob, kRwx}, {ACL_MASK, 0, kRx}});
     const Acl acl = GrantedAccess(narrowed, kFolder, kAliceAlone, kRwx);
-    EXPECT_EQ(EffectiveRights(acl, kFolder, kAliceAlone), kRwx);
-    EXPECT_EQ(EffectiveRights(acl, kFolder, kBobAlone), kRx);
-    EXPECT_EQ(EffectiveRights(acl, kFolder, {false, 12, {kOwningGroup}}), kRx);
+    EXPECT_EQ(Permitted(acl, kAliceAlone), kRwx);
+    EXPECT_EQ(Permitted(acl, kBobAlone), kRx);
+    EXPECT_EQ(Permitted(acl, {false, 12, {kOwningGroup}}), kRx);
 }
 
 TEST(GrantedAccess, LeavesHiddenBitsOfOthersWhenTheMaskNeedsNoChange) {
@@ -109,7 +128,7 @@ TEST(GrantedAccess, LeavesHiddenBitsOfOthersWhenTheMaskNeedsNoChange) {
 
 TEST(GrantedAccess, ToTheOwnerReachesTheOwnersEntry) {
     const Acl acl = GrantedAccess(Plain(kRx, 0, 0), kFolder, {false, kOwner, {}}, kRwx);
-    EXPECT_EQ(EffectiveRights(acl, kFolder, {false, kOwner, {}}), kRwx);
+    EXPECT_EQ(Permitted(acl, {false, kOwner, {}}), kRwx);
 }
 
 TEST(GrantedDefault, StartsFromEffectiveRightsAndNotFromTheMode) {

@@ -17,8 +17,10 @@
 
 #include "platform/korv/mount.h"
 
+#include "korv/system/acl.h"
 #include "korv/system/child_process.h"
 #include "korv/system/database.h"
+#include "korv/system/file_descriptor.h"
 #include "korv/system/mount_table.h"
 #include "tests/unit/korv/remote_mounts_fixture.h"
 #include "tests/unit/korv/silent_file_system.h"
@@ -183,6 +185,26 @@ TEST_F(RemoteMounts, NeverCoverContentAndNeverFollowLinks) {
     EXPECT_EQ(Refused(wanted), MountFailure::kBadMountPoint);
     wanted.mountPoint = "/video/link/inside";
     EXPECT_EQ(Refused(wanted), MountFailure::kBadMountPoint);
+}
+
+// To make an entry takes writing and entering from one group; the kernel doesn't add groups up.
+TEST_F(RemoteMounts, RefuseWhomTwoGroupsGiveHalfTheRightEach) {
+    constexpr unsigned kAll = korv::kAclReadWrite;
+    const korv::FileDescriptor share(
+        open((machine::Volume() + "/video").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const auto give = [&share](unsigned staff) {
+        korv::WriteAcl(share.Get(), ACL_TYPE_ACCESS,
+                       {{ACL_USER_OBJ, 0, kAll},
+                        {ACL_GROUP_OBJ, 0, 0},
+                        {ACL_GROUP, machine::kStaffGid, staff},
+                        {ACL_GROUP, machine::kNobodysGid, korv::kAclReadOnly},
+                        {ACL_MASK, 0, kAll},
+                        {ACL_OTHER, 0, 0}});
+    };
+    give(korv::kAclWrite);
+    EXPECT_EQ(Refused(Wanted(), kCarol), MountFailure::kMayNotWrite);
+    give(korv::kAclWrite | korv::kAclExecute);
+    EXPECT_EQ(korv::AddMount(Wanted(), kCarol).failure, MountFailure::kNone);
 }
 
 TEST_F(RemoteMounts, RefuseWhoMayNotWriteThere) {
