@@ -37,7 +37,7 @@ int KLIBShareUserRightGet(const char* user, const KORVSHARE* share);
 
 // The system's list of shared folders: an array of objects with "name", "vol_path" and "enable_share_cow".
 //   list       out; unchanged after a failure
-//   withState  true: also each folder's encryption and move state (slower)
+//   withState  true: with each folder's encryption and move state, which this platform gives in any case
 // 0 on success.
 int GetLocalShareListByWebApi(Json::Value& list, bool withState);
 
