@@ -49,16 +49,6 @@ std::string Unescape(const std::string& text) {
     return result;
 }
 
-bool HasOption(const std::string& options, const std::string& wanted) {
-    std::istringstream list(options);
-    for (std::string option; std::getline(list, option, ',');) {
-        if (option == wanted) {
-            return true;
-        }
-    }
-    return false;
-}
-
 // id, parent, device, root, mount point, options, any number of tags, "-", type, source, the file system's
 // options.
 std::optional<Mount> ParseLine(const std::string& line) {
@@ -66,18 +56,15 @@ std::optional<Mount> ParseLine(const std::string& line) {
     Mount mount;
     std::string skipped;
     std::string mountPoint;
-    std::string options;
-    fields >> mount.id >> skipped >> mount.device >> mount.root >> mountPoint >> options;
+    fields >> mount.id >> skipped >> mount.device >> mount.root >> mountPoint;
     while (fields >> skipped && skipped != "-") {
     }
-    std::string superOptions;
-    if (!(fields >> mount.fsType >> mount.source >> superOptions)) {
+    if (!(fields >> mount.fsType >> mount.source)) {
         return std::nullopt;
     }
     mount.mountPoint = Unescape(mountPoint);
     mount.source = Unescape(mount.source);
     mount.root = Unescape(mount.root);
-    mount.isReadOnly = HasOption(options, "ro") || HasOption(superOptions, "ro");
     return mount;
 }
 

@@ -14,7 +14,6 @@ struct Mount {
     std::string mountPoint;
     std::string fsType;  // "ext4", "btrfs", "nfs4", "fuse.gocryptfs", ...
     std::string source;  // "/dev/sdb1", "server:/export", ...
-    bool isReadOnly = false;
     std::string device;  // "8:1", the same for all mounts of a file system
     std::string root;    // what of the file system is mounted, as a path in it: "/", "/rec" of a bind mount
 };
