@@ -1,5 +1,6 @@
 #include "cli/share_lookup.h"
 
+#include <algorithm>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -9,6 +10,8 @@
 namespace cli {
 
 namespace {
+
+constexpr int kNotAllowed = 105;
 
 std::string Refusal(int id, const std::optional<int>& server) {
     std::string owner;
@@ -41,6 +44,27 @@ Json::Value FindShare(Client& client, int id, const std::optional<int>& server) 
         }
     }
     throw InputError(Refusal(id, server));
+}
+
+void CheckServer(Client& client, int server) {
+    if (server == 0) {
+        return;
+    }
+    Json::Value servers;
+    try {
+        servers = client.Call("KORV.Pavane.CMS", "list")["servers"];
+    } catch (const Refused& refused) {
+        if (refused.code != kNotAllowed) {
+            throw;
+        }
+        return;
+    }
+    const bool isKnown = std::any_of(servers.begin(), servers.end(),
+                                     [server](const Json::Value& each) { return each["id"] == server; });
+    if (!isKnown) {
+        throw InputError("there is no recording server " + std::to_string(server) +
+                         "; see `pavane server list`");
+    }
 }
 
 void KeepServer(Json::Value& data, const char* list, const char* key, int server) {

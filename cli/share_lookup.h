@@ -19,6 +19,10 @@ Json::Value ListAllShares(Client& client, int server);
 // that recording server (0: by the server that is asked). Throws InputError when there is none like that.
 Json::Value FindShare(Client& client, int id, const std::optional<int>& server);
 
+// Throws InputError when `server` is none of the recording servers that this server knows. 0, this server,
+// always is; an account that may not list them gets no such check.
+void CheckServer(Client& client, int server);
+
 // Takes out of `data`'s array `list` the elements of other servers than `server`; `key` holds an element's.
 void KeepServer(Json::Value& data, const char* list, const char* key, int server);
 

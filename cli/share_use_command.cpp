@@ -44,11 +44,15 @@ std::string EnabledText(const Json::Value& entry) {
 }
 
 void Usage(const Context& context, const UsageOptions& options) {
+    Client client = context.MakeClient();
     Json::Value parameters(Json::objectValue);
     if (options.share.has_value()) {
+        FindShare(client, *options.share, options.server);
         parameters["shareId"] = *options.share;
+    } else if (options.server.has_value()) {
+        CheckServer(client, *options.server);
     }
-    Json::Value data = context.MakeClient().Call(kApi, "ListShareUsage", parameters);
+    Json::Value data = client.Call(kApi, "ListShareUsage", parameters);
     if (options.server.has_value()) {
         KeepServer(data, "usage", "rvId", *options.server);
     }
@@ -67,9 +71,7 @@ void Usage(const Context& context, const UsageOptions& options) {
 
 void Cameras(const Context& context, const CamerasOptions& options) {
     Client client = context.MakeClient();
-    if (options.server.has_value()) {
-        FindShare(client, options.share, options.server);
-    }
+    FindShare(client, options.share, options.server);
     Json::Value parameters(Json::objectValue);
     parameters["shareId"] = options.share;
     parameters["blCheckMigrating"] = options.refuseMigrating;

@@ -188,10 +188,28 @@ def test_no_row_is_left_out_while_the_applications_cannot_be_read(node, admin, d
         database.execute("alter table application_away rename to application")
 
 
-def test_usage_of_a_share_that_there_is_not_is_an_error(node, admin, tmp_path):
+def test_usage_of_a_share_that_there_is_not_is_an_error(admin):
     answer = admin.call(SHARE_API, "ListShareUsage", shareId=4711)
     assert answer["error"] == {"code": 400, "errors": {"param1": "", "param2": ""}}
-    assert "error 400" in CommandLine(node, "admin", tmp_path).run("share", "usage", "4711", status=1)
+
+
+@pytest.mark.parametrize("command", ["usage", "cameras"])
+def test_a_share_that_there_is_not_is_named_whatever_is_asked_about_it(node, admin, share, command, tmp_path):
+    node.allow(r"RecShare of RV (5|777) is empty")
+    pavane = CommandLine(node, "admin", tmp_path)
+    number = str(share["shareId"])
+    assert pavane.run("share", command, "4711", status=2).startswith("pavane: there is no recording share 4711; ")
+    for server, owner in (("5", "recording server 5"), ("777", "recording server 777")):
+        told = pavane.run("share", command, number, "--server", server, status=2)
+        assert told.startswith(f"pavane: there is no recording share {number} of {owner}; ")
+    assert pavane.run("share", command, number, "--server", "0") == pavane.run("share", command, number)
+
+
+def test_usage_of_a_server_that_nobody_knows_is_an_error(node, admin, tmp_path):
+    pavane = CommandLine(node, "admin", tmp_path)
+    assert pavane.run("share", "usage", "--server", "777", status=2) == (
+        "pavane: there is no recording server 777; see `pavane server list`\n")
+    assert pavane.run("share", "usage", "--server", "0") == pavane.run("share", "usage")
 
 
 @pytest.mark.parametrize("method", ["ListShareUsage", "ListUsingCam"])
