@@ -1,8 +1,12 @@
 // "KORV.Pavane.Camera": which cameras record where.
 
+#include <algorithm>
+#include <array>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/pavane/camera.h"
@@ -19,6 +23,10 @@ namespace {
 
 constexpr std::size_t kLongestName = 255;
 constexpr std::size_t kLongestAddress = 255;
+// What "list" tells of a camera, so that a list can be imported again; the last two are not looked at.
+constexpr std::array<const char*, 10> kMembers{
+    "name",       "recordingPath",  "ownerRvId",         "ip", "recStorageStatus",
+    "occupiedMB", "rotatedBySpace", "rotationBySpaceMB", "id", "migratingFrom"};
 
 // What is wrong with the value `value` of the camera `index`.
 [[noreturn]] void Refuse(Json::ArrayIndex index, const char* value, const char* why) {
@@ -36,7 +44,7 @@ std::string TextMember(const Json::Value& camera, Json::ArrayIndex index, const 
 int NumberMember(const Json::Value& camera, Json::ArrayIndex index, const char* key) {
     const Json::Value value = camera.get(key, 0);
     if (!value.isInt() || value.asInt() < 0) {
-        Refuse(index, key, "must be a number from 0 on");
+        Refuse(index, key, "must be a whole number from 0 to 2147483647");
     }
     return value.asInt();
 }
@@ -49,10 +57,22 @@ bool FlagMember(const Json::Value& camera, Json::ArrayIndex index, const char* k
     return value.asBool();
 }
 
+// A misspelt key must not be taken for one that was left out.
+void RefuseUnknownMembers(const Json::Value& camera, Json::ArrayIndex index) {
+    constexpr std::size_t kLongestTold = 255;
+    for (const std::string& member : camera.getMemberNames()) {
+        if (std::find(kMembers.begin(), kMembers.end(), member) == kMembers.end()) {
+            const bool canBeTold = member.size() <= kLongestTold && IsPlainText(member);
+            Refuse(index, canBeTold ? member.c_str() : "?", "is no key of a camera");
+        }
+    }
+}
+
 CameraRecord ReadCamera(const Json::Value& camera, Json::ArrayIndex index) {
     if (!camera.isObject()) {
         throw BadParameter("cameras[" + std::to_string(index) + "]", "must be an object");
     }
+    RefuseUnknownMembers(camera, index);
     CameraRecord record;
     record.name = TextMember(camera, index, "name");
     record.recordingPath = TextMember(camera, index, "recordingPath");
@@ -72,6 +92,19 @@ CameraRecord ReadCamera(const Json::Value& camera, Json::ArrayIndex index) {
         Refuse(index, "recordingPath", "must be empty or an absolute path in its shortest form");
     }
     return record;
+}
+
+// Of two cameras that are one the first would be lost without a word.
+void RefuseTwins(const std::vector<CameraRecord>& cameras) {
+    std::map<std::pair<int, std::string>, std::size_t> places;
+    for (std::size_t i = 0; i < cameras.size(); ++i) {
+        const auto [first, isNew] = places.try_emplace({cameras[i].ownerRvId, cameras[i].name}, i);
+        if (!isNew) {
+            const std::string why =
+                "is that of cameras[" + std::to_string(first->second) + "] of the same server";
+            Refuse(static_cast<Json::ArrayIndex>(i), "name", why.c_str());
+        }
+    }
 }
 
 // The folder that its recordings are moved out of, empty when they are not.
@@ -103,6 +136,7 @@ Json::Value ImportCamerasMethod(const KORV::APIRequest& request) {
     for (Json::ArrayIndex i = 0; i < cameras.size(); ++i) {
         records.push_back(ReadCamera(cameras[i], i));
     }
+    RefuseTwins(records);
     ImportCameras(records);
     Json::Value data(Json::objectValue);
     data["imported"] = cameras.size();

@@ -106,6 +106,50 @@ TEST_F(Api, OneBadCameraRefusesTheWholeImport) {
     EXPECT_TRUE(Import("[{\"name\":\"\xF0\x9F\x93\xB7 \xC3\xA4\"}]")["success"].asBool());
 }
 
+TEST_F(Api, AKeyThatNoCameraHasIsNamed) {
+    const auto refusal = [](const std::string& key) {
+        Json::Value answer =
+            Import("[{\"name\":\"good\"},{\"name\":\"bad\",\"" + key + "\":\"/volume1/rec/bad\"}]");
+        EXPECT_EQ(answer["error"]["code"].asInt(), 401) << key;
+        EXPECT_EQ(answer["error"]["errors"]["param2"].asString(), "is no key of a camera") << key;
+        return answer["error"]["errors"]["param1"].asString();
+    };
+    EXPECT_EQ(refusal("recording_path"), "cameras[1].recording_path");
+    EXPECT_EQ(refusal("Ip"), "cameras[1].Ip");
+    EXPECT_EQ(refusal(""), "cameras[1].");
+    EXPECT_EQ(refusal("\\u001b[2J"), "cameras[1].?");
+    EXPECT_EQ(refusal(std::string(256, 'x')), "cameras[1].?");
+    EXPECT_EQ(Call("KORV.Pavane.Camera", "list", Json::Value())["data"]["total"].asInt(), 0);
+}
+
+TEST_F(Api, AListOfCamerasCanBeImportedAsItIs) {
+    ASSERT_TRUE(Import(R"([{"name":"door","recordingPath":"/volume1/rec/door","ip":"192.0.2.7","occupiedMB":7,
+        "rotatedBySpace":true,"rotationBySpaceMB":2147483647,"recStorageStatus":1},{"name":"yard"}])")
+                    ["success"]
+                        .asBool());
+    Json::Value list = Call("KORV.Pavane.Camera", "list", Json::Value())["data"];
+    Json::Value params;
+    params["cameras"] = list["cameras"];
+    const Json::Value imported = Call("KORV.Pavane.Camera", "import", params);
+    EXPECT_EQ(imported["data"]["imported"].asInt(), 2) << imported.toStyledString();
+    EXPECT_EQ(Call("KORV.Pavane.Camera", "list", Json::Value())["data"], list);
+}
+
+TEST_F(Api, OneImportHoldsACameraOnce) {
+    const Json::Value answer = Import(
+        R"([{"name":"x"},{"name":"door","ownerRvId":2},{"name":"door"},{"name":"door","ownerRvId":2}])");
+    EXPECT_EQ(answer["error"]["code"].asInt(), 401);
+    EXPECT_EQ(answer["error"]["errors"]["param1"].asString(), "cameras[3].name");
+    EXPECT_EQ(answer["error"]["errors"]["param2"].asString(), "is that of cameras[1] of the same server");
+    EXPECT_EQ(Call("KORV.Pavane.Camera", "list", Json::Value())["data"]["total"].asInt(), 0);
+}
+
+TEST_F(Api, ANumberThatIsTooLargeIsToldItsRange) {
+    const Json::Value answer = Import(R"([{"name":"door","occupiedMB":2147483648}])");
+    EXPECT_EQ(answer["error"]["errors"]["param1"].asString(), "cameras[0].occupiedMB");
+    EXPECT_EQ(answer["error"]["errors"]["param2"].asString(), "must be a whole number from 0 to 2147483647");
+}
+
 TEST_F(Api, PagesHaveLimits) {
     for (const char* name : {"limit", "offset"}) {
         Json::Value params;
