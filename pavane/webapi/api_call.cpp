@@ -88,6 +88,17 @@ std::size_t CharacterLength(const std::string& text, std::size_t at) {
     return 0;
 }
 
+// Whether the character at `at`, which there is, is U+0000 to U+001F or U+007F to U+009F.
+bool IsControl(const std::string& text, std::size_t at) {
+    constexpr unsigned char kFirstPrintable = 0x20;
+    constexpr unsigned char kDelete = 0x7F;
+    constexpr unsigned char kLeadOfUpper = 0xC2;  // and a second byte below 0xA0
+    constexpr unsigned char kFirstPrintableUpper = 0xA0;
+    const auto byte = static_cast<unsigned char>(text[at]);
+    return byte < kFirstPrintable || byte == kDelete ||
+           (byte == kLeadOfUpper && static_cast<unsigned char>(text[at + 1]) < kFirstPrintableUpper);
+}
+
 }  // namespace
 
 void Serve(Access access, ApiMethod method, const KORV::APIRequest& request, KORV::APIResponse& response) {
@@ -119,13 +130,10 @@ PageRequest ReadPage(const KORV::APIRequest& request) {
 }
 
 bool IsPlainText(const std::string& text) {
-    constexpr unsigned char kFirstPrintable = 0x20;
-    constexpr unsigned char kDelete = 0x7F;
     std::size_t at = 0;
     while (at < text.size()) {
-        const auto byte = static_cast<unsigned char>(text[at]);
         const std::size_t length = CharacterLength(text, at);
-        if (length == 0 || byte < kFirstPrintable || byte == kDelete) {
+        if (length == 0 || IsControl(text, at)) {
             return false;
         }
         at += length;

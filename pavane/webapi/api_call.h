@@ -57,7 +57,7 @@ struct PageRequest {
 
 PageRequest ReadPage(const KORV::APIRequest& request);
 
-// True for valid UTF-8 without control characters.
+// True for valid UTF-8 without control characters (U+0000 to U+001F, U+007F to U+009F).
 bool IsPlainText(const std::string& text);
 
 // True for an absolute path of plain text, of at most 4096 bytes, in its shortest form: no component empty,

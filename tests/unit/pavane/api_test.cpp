@@ -94,6 +94,8 @@ TEST_F(Api, OneBadCameraRefusesTheWholeImport) {
         "{\"name\":\"\xFF\"}",
         "{\"name\":\"\xED\xA0\x80\"}",
         "{\"name\":\"\xC0\xAF\"}",
+        "{\"name\":\"a\xC2\x80\"}",
+        "{\"name\":\"a\xC2\x9F\"}",
         "7",
     };
     for (const char* camera : bad) {
@@ -103,7 +105,7 @@ TEST_F(Api, OneBadCameraRefusesTheWholeImport) {
     }
     EXPECT_EQ(Import("5")["error"]["code"].asInt(), 401);
     EXPECT_EQ(Call("KORV.Pavane.Camera", "list", Json::Value())["data"]["total"].asInt(), 0);
-    EXPECT_TRUE(Import("[{\"name\":\"\xF0\x9F\x93\xB7 \xC3\xA4\"}]")["success"].asBool());
+    EXPECT_TRUE(Import("[{\"name\":\"\xF0\x9F\x93\xB7 \xC3\xA4\xC2\xA0\"}]")["success"].asBool());
 }
 
 TEST_F(Api, AKeyThatNoCameraHasIsNamed) {
