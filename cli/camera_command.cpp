@@ -1,12 +1,12 @@
 // `pavane camera import`, `list` and `migrate`.
 
-#include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <fstream>
 #include <iostream>
 #include <memory>
-#include <sstream>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -29,16 +29,23 @@ struct MigrationOptions {
 };
 
 std::string ReadFile(const std::string& path) {
-    std::ostringstream text;
-    if (path == "-") {
-        text << std::cin.rdbuf();
-        return text.str();
+    constexpr std::size_t kPiece_bytes = 65536;
+    std::ifstream file;
+    errno = 0;
+    if (path != "-") {
+        file.open(path, std::ios::binary);
     }
-    std::ifstream file(path, std::ios::binary);
-    if (!file || !(text << file.rdbuf())) {
-        throw InputError("cannot read " + path);
+    std::istream& input = path == "-" ? std::cin : file;
+    std::string text;
+    std::string piece(kPiece_bytes, '\0');
+    while (input) {
+        input.read(piece.data(), static_cast<std::streamsize>(piece.size()));
+        text.append(piece, 0, static_cast<std::size_t>(input.gcount()));
     }
-    return text.str();
+    if (!input.eof()) {
+        throw InputError("cannot read " + path + ": " + std::generic_category().message(errno));
+    }
+    return text;
 }
 
 // The server names a camera by its place in the request ("cameras[3].name"); people know it by its place in
@@ -51,13 +58,27 @@ void PointIntoFile(Refused& refused, const std::vector<CameraEntry>& entries, st
     if (parameter.compare(0, kPrefix.size(), kPrefix) == 0 &&
         std::from_chars(parameter.data() + kPrefix.size(), end, index).ec == std::errc() &&
         index < entries.size() - first) {
-        refused.details["param1"] = entries[first + index].place + ": " +
-                                    parameter.substr(std::min(parameter.find('.'), parameter.size() - 1) + 1);
+        const std::size_t dot = parameter.find('.');
+        refused.details["param1"] =
+            entries[first + index].place + (dot == std::string::npos ? "" : ": " + parameter.substr(dot + 1));
     }
+}
+
+// After a request that failed, `unanswered` the cameras of one that may have been served all the same.
+void TellImported(std::size_t done, std::size_t unanswered) {
+    if (done == 0) {
+        return;
+    }
+    std::cerr << "pavane: the first " << done << " cameras were imported";
+    if (unanswered > 0) {
+        std::cerr << "; whether the " << unanswered << " after them were is not known";
+    }
+    std::cerr << '\n';
 }
 
 void Import(const Context& context, const std::string& path) {
     const std::vector<CameraEntry> entries = ReadCameras(ReadFile(path));
+    CheckLengths(entries, kBatch_bytes);
     Client client = context.MakeClient();
     std::size_t done = 0;
     while (done < entries.size()) {
@@ -71,9 +92,10 @@ void Import(const Context& context, const std::string& path) {
             client.Call(kApi, "import", parameters);
         } catch (Refused& refused) {
             PointIntoFile(refused, entries, done);
-            if (done > 0) {
-                std::cerr << "pavane: the first " << done << " cameras were imported\n";
-            }
+            TellImported(done, 0);
+            throw;
+        } catch (...) {
+            TellImported(done, end - done);
             throw;
         }
         done = end;
@@ -166,9 +188,12 @@ void AddCameraCommands(CLI::App& app, Context& context) {
     const auto path = std::make_shared<std::string>();
     CLI::App* const importing = camera->add_subcommand("import", "Register cameras from a CSV or JSON file");
     importing
-        ->add_option("file", *path,
-                     "The file; CSV has the header name,recording_path[,owner,ip,occupied_mb,rotation_mb]; "
-                     "- = standard input")
+        ->add_option(
+            "file", *path,
+            "The file; CSV has the header name,recording_path[,owner,ip,occupied_mb,rotation_mb], JSON "
+            "an array of objects with name, recordingPath, ownerRvId, ip, occupiedMB, rotatedBySpace, "
+            "rotationBySpaceMB, recStorageStatus (or what `camera list --json` prints); - = standard "
+            "input")
         ->required();
     importing->callback([&context, path] { context.chosen = [&context, path] { Import(context, *path); }; });
     camera->add_subcommand("list", "List the cameras")->callback([&context] {

@@ -24,6 +24,9 @@ constexpr const char* kRotationColumn = "rotation_mb";  // empty = not rotated b
 constexpr std::array<const char*, 6> kColumns{kNameColumn,    kPathColumn,     kOwnerColumn,
                                               kAddressColumn, kOccupiedColumn, kRotationColumn};
 
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+constexpr const char* kRange = " (0 to 2147483647)";
+
 using Columns = std::map<std::string, std::size_t>;
 
 Columns ReadHeader(const CsvRow& header) {
@@ -54,7 +57,7 @@ int ReadNumber(const std::string& column, const std::string& text, const char* m
     const char* const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, number);
     if (error != std::errc() || stop != end || number < 0) {
-        throw InputError(place + ": " + column + " '" + text + "' is no " + meaning);
+        throw InputError(place + ": " + column + " '" + text + "' is no " + meaning + kRange);
     }
     return number;
 }
@@ -101,15 +104,26 @@ std::vector<CameraEntry> FromCsv(std::string_view text) {
     return entries;
 }
 
-std::vector<CameraEntry> FromJson(std::string_view text) {
+Json::Value ParseJson(std::string_view text) {
+    constexpr int kDeepest = 16;  // a list of cameras has 3 levels
     Json::Value root;
     std::string problem;
     Json::CharReaderBuilder builder;
     Json::CharReaderBuilder::strictMode(&builder.settings_);
+    builder["stackLimit"] = kDeepest;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    if (!reader->parse(text.data(), text.data() + text.size(), &root, &problem)) {
-        throw InputError("not valid JSON: " + problem);
+    try {
+        if (!reader->parse(text.data(), text.data() + text.size(), &root, &problem)) {
+            throw InputError("not valid JSON: " + problem);
+        }
+    } catch (const Json::Exception&) {  // thrown for the stack limit alone
+        throw InputError("not valid JSON: it is nested too deeply");
     }
+    return root;
+}
+
+std::vector<CameraEntry> FromJson(std::string_view text) {
+    const Json::Value root = ParseJson(text);
     const Json::Value& cameras = root.isObject() ? root["cameras"] : root;
     if (!cameras.isArray()) {
         throw InputError("the file must be an array of cameras, or an object that has one under \"cameras\"");
@@ -126,12 +140,44 @@ std::vector<CameraEntry> FromJson(std::string_view text) {
     return entries;
 }
 
+// Of two cameras that are one for the server the first would be lost. What has no proper name or owner is
+// left to the server to judge.
+void RefuseTwins(const std::vector<CameraEntry>& entries) {
+    std::map<std::pair<int, std::string>, const CameraEntry*> known;
+    for (const CameraEntry& entry : entries) {
+        const Json::Value owner = entry.camera.get("ownerRvId", 0);
+        const Json::Value name = entry.camera["name"];
+        if (!owner.isInt() || !name.isString()) {
+            continue;
+        }
+        const auto [first, isNew] = known.try_emplace({owner.asInt(), name.asString()}, &entry);
+        if (!isNew) {
+            throw InputError(entry.place + ": the camera '" + name.asString() + "' of server " +
+                             owner.asString() + " stands in " + first->second->place + " already");
+        }
+    }
+}
+
 }  // namespace
 
 std::vector<CameraEntry> ReadCameras(std::string_view text) {
+    if (text.substr(0, kByteOrderMark.size()) == kByteOrderMark) {
+        text.remove_prefix(kByteOrderMark.size());
+    }
     const std::size_t begin = text.find_first_not_of(" \t\r\n");
     const bool isJson = begin != std::string_view::npos && (text[begin] == '[' || text[begin] == '{');
-    return isJson ? FromJson(text) : FromCsv(text);
+    std::vector<CameraEntry> entries = isJson ? FromJson(text) : FromCsv(text);
+    RefuseTwins(entries);
+    return entries;
+}
+
+void CheckLengths(const std::vector<CameraEntry>& entries, std::size_t limit_bytes) {
+    for (const CameraEntry& entry : entries) {
+        if (RequestText(entry.camera).size() > limit_bytes) {
+            throw InputError(entry.place + ": the camera is too long for a request of " +
+                             std::to_string(limit_bytes) + " bytes");
+        }
+    }
 }
 
 std::size_t BatchLength(const std::vector<CameraEntry>& entries, std::size_t first, std::size_t limit_bytes) {

@@ -9,8 +9,6 @@ namespace cli {
 
 namespace {
 
-constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-
 class Parser {
 public:
     explicit Parser(std::string_view text) : m_text(text) {}
@@ -97,11 +95,6 @@ private:
 
 }  // namespace
 
-std::vector<CsvRow> ParseCsv(std::string_view text) {
-    if (text.substr(0, kByteOrderMark.size()) == kByteOrderMark) {
-        text.remove_prefix(kByteOrderMark.size());
-    }
-    return Parser(text).Rows();
-}
+std::vector<CsvRow> ParseCsv(std::string_view text) { return Parser(text).Rows(); }
 
 }  // namespace cli

@@ -12,9 +12,8 @@ struct CsvRow {
 };
 
 // The rows of a comma-separated text: fields may be quoted, a quote inside is doubled, a quoted field may
-// hold commas and line ends. Lines end with LF or CRLF; a byte order mark at the start and empty lines are
-// left out. Throws InputError (cli/input_error.h) that names the line for a quote that is not closed or
-// stands where none may.
+// hold commas and line ends. Lines end with LF or CRLF; empty lines are left out. Throws InputError
+// (cli/input_error.h) that names the line for a quote that is not closed or stands where none may.
 std::vector<CsvRow> ParseCsv(std::string_view text);
 
 }  // namespace cli

@@ -43,9 +43,44 @@ TEST(CameraFile, ABadCsvRowIsToldWithItsLine) {
     EXPECT_EQ(ProblemOf("name\n"), "line 1: the header must have the columns name and recording_path");
     EXPECT_EQ(ProblemOf("name,recording_path\na,/p\nb\n"), "line 3: 1 fields, but the header has 2");
     EXPECT_EQ(ProblemOf("name,recording_path,owner\na,/p,-1\n"),
-              "line 2: owner '-1' is no recording server's id");
+              "line 2: owner '-1' is no recording server's id (0 to 2147483647)");
     EXPECT_EQ(ProblemOf("name,recording_path,owner\na,/p,2x\n"),
-              "line 2: owner '2x' is no recording server's id");
+              "line 2: owner '2x' is no recording server's id (0 to 2147483647)");
+    EXPECT_EQ(ProblemOf("name,recording_path,occupied_mb\na,/p,2147483648\n"),
+              "line 2: occupied_mb '2147483648' is no size in MB (0 to 2147483647)");
+}
+
+TEST(CameraFile, ACameraStandsThereOncePerServer) {
+    EXPECT_EQ(ProblemOf("name,recording_path,owner\na,/p,\na,/p,1\n\nb,/p,0\na,/q,0\n"),
+              "line 6: the camera 'a' of server 0 stands in line 2 already");
+    EXPECT_EQ(ProblemOf(R"([{"name": "a"}, {"name": "a", "ownerRvId": 1}, {"name": "a", "ownerRvId": 0}])"),
+              "camera 3: the camera 'a' of server 0 stands in camera 1 already");
+    EXPECT_EQ(ReadCameras(R"([{"name": 1}, {"name": 1}, {"name": "a", "ownerRvId": "x"}, {}, {}])").size(),
+              5U);  // the server says what is wrong with them
+}
+
+TEST(CameraFile, AByteOrderMarkIsLeftOutOfEitherKind) {
+    const std::string mark = "\xEF\xBB\xBF";
+    EXPECT_EQ(ReadCameras(mark + R"([{"name": "a"}])").size(), 1U);
+    EXPECT_EQ(ReadCameras(mark + "name,recording_path\na,/p\n").size(), 1U);
+    EXPECT_EQ(ProblemOf(mark), "the file is empty");
+}
+
+TEST(CameraFile, NestedJsonIsRefusedBeforeItTakesTheStack) {
+    EXPECT_EQ(ProblemOf(std::string(100000, '[')), "not valid JSON: it is nested too deeply");
+    EXPECT_EQ(ProblemOf(R"([{"name": )" + std::string(30, '[') + std::string(30, ']') + "}]"),
+              "not valid JSON: it is nested too deeply");
+}
+
+TEST(CameraFile, ACameraThatNoRequestCanHoldIsNamed) {
+    const auto cameras = ReadCameras("name,recording_path\na,/p\n" + std::string(1000, 'b') + ",/p\n");
+    EXPECT_NO_THROW(cli::CheckLengths(cameras, 1100));
+    try {
+        cli::CheckLengths(cameras, 1000);
+        FAIL();
+    } catch (const cli::InputError& error) {
+        EXPECT_STREQ(error.what(), "line 3: the camera is too long for a request of 1000 bytes");
+    }
 }
 
 TEST(CameraFile, JsonMayBeAnArrayOrWhatTheListPrints) {
