@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/command.h"
+#include "cli/whole_number.h"
 
 namespace cli {
 
@@ -66,7 +67,8 @@ void AddAdd(CLI::App& archive, Context& context) {
     add->add_option("name", options->name, "Name of the task")->required();
     add->add_option("path", options->path, "Folder that it stores in, e.g. /volume1/rec")->required();
     add->add_option("--server", options->server, "Name of the server it belongs to; this one by default");
-    add->add_option("--type", options->type, "Kind of the task, from 1 on")->check(CLI::PositiveNumber);
+    add->add_option("--type", options->type, "Kind of the task, from 1 on")
+        ->transform(WholeNumber(1, kMostNumber));
     add->callback([&context, options] { context.chosen = [&context, options] { Add(context, *options); }; });
 }
 
@@ -82,7 +84,7 @@ void AddArchiveCommands(CLI::App& app, Context& context) {
     list->callback([&context, server] { context.chosen = [&context, server] { List(context, *server); }; });
     const auto id = std::make_shared<int>();
     CLI::App* const remove = archive->add_subcommand("remove", "Remove a task");
-    remove->add_option("id", *id, "Id of the task")->required();
+    remove->add_option("id", *id, "Id of the task")->required()->transform(Id());
     remove->callback([&context, id] { context.chosen = [&context, id] { Remove(context, *id); }; });
 }
 

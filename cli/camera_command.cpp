@@ -14,6 +14,7 @@
 #include "cli/camera_file.h"
 #include "cli/command.h"
 #include "cli/input_error.h"
+#include "cli/whole_number.h"
 
 namespace cli {
 
@@ -169,14 +170,14 @@ void AddMigration(CLI::App& camera, Context& context) {
     migrate->require_subcommand(1);
     const auto options = std::make_shared<MigrationOptions>();
     CLI::App* const start = migrate->add_subcommand("start", "Its recordings are being moved");
-    start->add_option("id", options->camera, "Id of the camera")->required();
+    start->add_option("id", options->camera, "Id of the camera")->required()->transform(Id());
     start->add_option("--from", options->source,
                       "The folder they are moved from; by default the camera's own");
     start->callback(
         [&context, options] { context.chosen = [&context, options] { StartMigration(context, *options); }; });
     const auto id = std::make_shared<int>();
     CLI::App* const stop = migrate->add_subcommand("stop", "They are not, or no more");
-    stop->add_option("id", *id, "Id of the camera")->required();
+    stop->add_option("id", *id, "Id of the camera")->required()->transform(Id());
     stop->callback([&context, id] { context.chosen = [&context, id] { StopMigration(context, *id); }; });
 }
 

@@ -12,6 +12,7 @@
 
 #include "cli/command.h"
 #include "cli/event_stream.h"
+#include "cli/whole_number.h"
 
 namespace cli {
 
@@ -102,11 +103,13 @@ void AddEventCommands(CLI::App& app, Context& context) {
     event->require_subcommand(1);
     const auto limit = std::make_shared<int>(kDefaultLimit);
     CLI::App* const list = event->add_subcommand("list", "List the latest events, newest first");
-    list->add_option("--limit", *limit, "How many")->check(CLI::Range(1, kMostEvents))->capture_default_str();
+    list->add_option("--limit", *limit, "How many")
+        ->transform(WholeNumber(1, kMostEvents))
+        ->capture_default_str();
     list->callback([&context, limit] { context.chosen = [&context, limit] { List(context, *limit); }; });
     const auto count = std::make_shared<int>(0);
     CLI::App* const follow = event->add_subcommand("follow", "Print changes as they are announced");
-    follow->add_option("--count", *count, "End after so many")->check(CLI::PositiveNumber);
+    follow->add_option("--count", *count, "End after so many")->transform(WholeNumber(1, kMostNumber));
     follow->callback([&context, count] { context.chosen = [&context, count] { Follow(context, *count); }; });
 }
 

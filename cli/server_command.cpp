@@ -14,6 +14,7 @@
 #include "cli/input_error.h"
 #include "cli/password.h"
 #include "cli/printable.h"
+#include "cli/whole_number.h"
 
 namespace cli {
 
@@ -293,7 +294,9 @@ void AddIdCommand(CLI::App& server, Context& context, const char* name, const ch
                   void (*run)(const Context& context, int id)) {
     const auto id = std::make_shared<int>(0);
     CLI::App* const command = server.add_subcommand(name, text);
-    command->add_option("id", *id, "Id of the recording server")->required()->check(CLI::PositiveNumber);
+    command->add_option("id", *id, "Id of the recording server")
+        ->required()
+        ->transform(WholeNumber(1, kMostNumber));
     command->callback([&context, id, run] { context.chosen = [&context, id, run] { run(context, *id); }; });
 }
 
@@ -318,7 +321,7 @@ void AddFailover(CLI::App& server, Context& context) {
     CLI::App* const failover = server.add_subcommand("failover", "Say which server takes over for others");
     failover->add_option("id", options->id, "Id of the recording server")
         ->required()
-        ->check(CLI::PositiveNumber);
+        ->transform(WholeNumber(1, kMostNumber));
     CLI::Option* const standby =
         failover->add_flag("--standby", options->standby, "It takes over for others");
     failover->add_flag("--no-standby", options->noStandby, "It does not")->excludes(standby);
@@ -333,7 +336,8 @@ void AddCheck(CLI::App& server, Context& context) {
     const auto options = std::make_shared<CheckOptions>();
     CLI::App* const check =
         server.add_subcommand("check", "Compare the host's records with what each recording server has");
-    check->add_option("id", options->id, "Only this recording server")->check(CLI::PositiveNumber);
+    check->add_option("id", options->id, "Only this recording server")
+        ->transform(WholeNumber(1, kMostNumber));
     check->add_flag("--repair", options->repair, "Make the host's records what they should be");
     check->callback(
         [&context, options] { context.chosen = [&context, options] { Check(context, *options); }; });

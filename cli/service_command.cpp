@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/command.h"
+#include "cli/whole_number.h"
 
 namespace cli {
 
@@ -105,7 +106,7 @@ void AddNotices(CLI::App& app, Context& context) {
     });
     const auto id = std::make_shared<int>();
     CLI::App* const taken = service->add_subcommand("taken", "Take a notice out of the outbox");
-    taken->add_option("id", *id, "Id of the notice")->required();
+    taken->add_option("id", *id, "Id of the notice")->required()->transform(Id());
     taken->callback([&context, id] { context.chosen = [&context, id] { TakeNotice(context, *id); }; });
 }
 

@@ -16,6 +16,7 @@
 #include "cli/job_progress.h"
 #include "cli/password.h"
 #include "cli/share_lookup.h"
+#include "cli/whole_number.h"
 
 namespace cli {
 
@@ -258,7 +259,7 @@ constexpr int kMostGB = 1 << 30;
 void AddEdit(CLI::App& share, Context& context) {
     const auto options = std::make_shared<EditOptions>();
     CLI::App* const edit = share.add_subcommand("edit", "Change a recording share; what is not named stays");
-    edit->add_option("share", options->share, "Id of the recording share")->required();
+    edit->add_option("share", options->share, "Id of the recording share")->required()->transform(Id());
     AddOwnerOption(*edit, options->server);
     edit->add_option("--name", options->name, "New name of the folder");
     edit->add_option("--description", options->description, "What the share is for");
@@ -267,7 +268,7 @@ void AddEdit(CLI::App& share, Context& context) {
     edit->add_flag("--visible", options->visible, "Show it")->excludes(hidden);
     CLI::Option* const limit =
         edit->add_option("--limit-gb", options->limitGB, "Delete the oldest recordings beyond this size")
-            ->check(CLI::Range(1, kMostGB));
+            ->transform(WholeNumber(1, kMostGB));
     edit->add_flag("--no-limit", options->noLimit, "Keep all recordings")->excludes(limit);
     CLI::Option* const encrypt =
         edit->add_flag("--encrypt", options->encrypt, "Encrypt its files, with a password");
@@ -281,11 +282,11 @@ void AddEdit(CLI::App& share, Context& context) {
 void AddLimit(CLI::App& share, Context& context) {
     const auto options = std::make_shared<EditOptions>();
     CLI::App* const limit = share.add_subcommand("limit", "Limit the size of a share's recordings");
-    limit->add_option("share", options->share, "Id of the recording share")->required();
+    limit->add_option("share", options->share, "Id of the recording share")->required()->transform(Id());
     AddOwnerOption(*limit, options->server);
     CLI::Option* const size =
         limit->add_option("gb", options->limitGB, "Delete the oldest recordings beyond so many GB")
-            ->check(CLI::Range(1, kMostGB));
+            ->transform(WholeNumber(1, kMostGB));
     limit->add_flag("--off", options->noLimit, "Keep all recordings")->excludes(size);
     limit->callback([&context, options] {
         if (!options->limitGB.has_value() && !options->noLimit) {
@@ -298,7 +299,7 @@ void AddLimit(CLI::App& share, Context& context) {
 void AddDelete(CLI::App& share, Context& context) {
     const auto options = std::make_shared<DeleteOptions>();
     CLI::App* const remove = share.add_subcommand("delete", "Delete recording shares and their folders");
-    remove->add_option("share", options->shares, "Ids of the recording shares")->required();
+    remove->add_option("share", options->shares, "Ids of the recording shares")->required()->transform(Id());
     AddOwnerOption(*remove, options->server);
     remove->add_flag("--keep-folder", options->keepFolder, "Keep the folders; only stop recording into them");
     remove->add_flag("--yes", options->yes, "Do not ask");
@@ -315,7 +316,7 @@ void AddShareChangeCommands(CLI::App& share, Context& context) {
     const auto options = std::make_shared<MigratingOptions>();
     CLI::App* const migrating =
         share.add_subcommand("migrating", "Tell whether cameras are moving recordings out of a share");
-    migrating->add_option("share", options->share, "Id of the recording share")->required();
+    migrating->add_option("share", options->share, "Id of the recording share")->required()->transform(Id());
     AddOwnerOption(*migrating, options->server);
     migrating->callback(
         [&context, options] { context.chosen = [&context, options] { ShowMigrating(context, *options); }; });

@@ -13,6 +13,7 @@
 #include "cli/password.h"
 #include "cli/remote_folder.h"
 #include "cli/share_lookup.h"
+#include "cli/whole_number.h"
 
 namespace cli {
 
@@ -199,7 +200,7 @@ void AddCreateRemote(CLI::App& share, Context& context) {
     create->add_flag("--mounted", options->isMounted,
                      "It is mounted there already; the options of mounting can't be given then");
     create->add_option("--server", options->server, "Id of the recording server that is to own it, on a host")
-        ->check(CLI::NonNegativeNumber);
+        ->transform(Id());
     create->callback([&context, options] {
         context.chosen = [&context, options] {
             CreateRemote(context, options->folder, options->isMounted, options->server);
@@ -214,7 +215,7 @@ void AddList(CLI::App& share, Context& context) {
     list->add_flag("--locked", options->locked, "Also encrypted shares that are not unlocked");
     list->add_flag("--abnormal", options->abnormal, "Also remote shares whose mount failed");
     list->add_option("--server", options->server, "Only those of this recording server; 0 is this server")
-        ->check(CLI::NonNegativeNumber);
+        ->transform(Id());
     list->callback(
         [&context, options] { context.chosen = [&context, options] { List(context, *options); }; });
 }
@@ -231,9 +232,9 @@ void AddCreate(CLI::App& share, Context& context) {
         create->add_flag("--visible", options->visible, "Show it when the network is browsed");
     create->add_flag("--hidden", options->hidden, "Do not show it (the default)")->excludes(visible);
     create->add_option("--limit-gb", options->limitGB, "Delete the oldest recordings beyond this size")
-        ->check(CLI::Range(1, kMostGB));
+        ->transform(WholeNumber(1, kMostGB));
     create->add_option("--server", options->server, "Id of the recording server that is to own it, on a host")
-        ->check(CLI::NonNegativeNumber);
+        ->transform(Id());
     create->add_flag("--encrypt", options->encrypt, "Encrypt it with a password");
     options->password.AddOptions(*create);
     create->callback(

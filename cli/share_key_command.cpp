@@ -15,6 +15,7 @@
 #include "cli/command.h"
 #include "cli/input_error.h"
 #include "cli/password.h"
+#include "cli/whole_number.h"
 
 namespace cli {
 
@@ -113,7 +114,7 @@ CLI::App* AddCommand(CLI::App& share, Context& context, const char* name, const 
                      void (*action)(const Context&, const KeyOptions&)) {
     CLI::App* const command = share.add_subcommand(name, description);
     command->add_option("name", options->name, "Name of the shared folder")->required();
-    command->add_option("--server", options->server, serverDescription)->check(CLI::NonNegativeNumber);
+    command->add_option("--server", options->server, serverDescription)->transform(Id());
     command->callback([&context, options, action] {
         context.chosen = [&context, options, action] { action(context, *options); };
     });

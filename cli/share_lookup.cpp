@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/input_error.h"
+#include "cli/whole_number.h"
 
 namespace cli {
 
@@ -80,7 +81,7 @@ void KeepServer(Json::Value& data, const char* list, const char* key, int server
 CLI::Option* AddOwnerOption(CLI::App& command, std::optional<int>& server) {
     return command
         .add_option("--server", server, "Id of the recording server that must own it; 0 is this server")
-        ->check(CLI::NonNegativeNumber);
+        ->transform(Id());
 }
 
 }  // namespace cli

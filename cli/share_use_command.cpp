@@ -9,6 +9,7 @@
 #include "cli/command.h"
 #include "cli/share_lookup.h"
 #include "cli/size_text.h"
+#include "cli/whole_number.h"
 
 namespace cli {
 
@@ -96,20 +97,18 @@ void AddShareUseCommands(CLI::App& share, Context& context) {
         share.add_subcommand("usage",
                              "List which applications keep data in which folders; of all shares, those "
                              "that are not in order");
-    usage->add_option("share", used->share, "Id of a recording share")->check(CLI::NonNegativeNumber);
+    usage->add_option("share", used->share, "Id of a recording share")->transform(Id());
     usage
         ->add_option(
             "--server", used->server,
             "Only what is on this recording server; 0 is this server. Without a share all servers are asked "
             "all the same, and each must answer")
-        ->check(CLI::NonNegativeNumber);
+        ->transform(Id());
     usage->callback([&context, used] { context.chosen = [&context, used] { Usage(context, *used); }; });
 
     const auto options = std::make_shared<CamerasOptions>();
     CLI::App* const cameras = share.add_subcommand("cameras", "List the cameras that record into a share");
-    cameras->add_option("share", options->share, "Id of the recording share")
-        ->required()
-        ->check(CLI::NonNegativeNumber);
+    cameras->add_option("share", options->share, "Id of the recording share")->required()->transform(Id());
     AddOwnerOption(*cameras, options->server);
     cameras->add_flag("--refuse-migrating", options->refuseMigrating,
                       "Fail while recordings of the share are being moved");
