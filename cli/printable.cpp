@@ -1,5 +1,6 @@
 #include "cli/printable.h"
 
+#include <algorithm>
 #include <array>
 #include <clocale>
 #include <cstdint>
@@ -58,14 +59,26 @@ Character Decode(std::string_view text, std::size_t position) {
     return {code, length};
 }
 
-bool IsBetween(char32_t code, char32_t first, char32_t last) { return code >= first && code <= last; }
+struct CodeRange {
+    char32_t first;
+    char32_t last;
+};
 
-// Controls, line and paragraph separators, and what changes direction or takes no room.
+// Controls, separators, blanks other than the common one, what changes direction, and what is drawn as
+// nothing (Unicode's default-ignorable code points and the empty Braille pattern). A name made of such, or
+// with them, could look empty or like another one. Combining marks are drawn and stay, one without a letter
+// before it, too.
+constexpr std::array<CodeRange, 23> kShownByCode{{
+    {0x0000, 0x001F},   {0x007F, 0x00A0},   {0x00AD, 0x00AD},   {0x034F, 0x034F}, {0x061C, 0x061C},
+    {0x115F, 0x1160},   {0x1680, 0x1680},   {0x17B4, 0x17B5},   {0x180B, 0x180F}, {0x2000, 0x200F},
+    {0x2028, 0x202F},   {0x205F, 0x206F},   {0x2800, 0x2800},   {0x3000, 0x3000}, {0x3164, 0x3164},
+    {0xFE00, 0xFE0F},   {0xFEFF, 0xFEFF},   {0xFFA0, 0xFFA0},   {0xFFF0, 0xFFFB}, {0x1BCA0, 0x1BCA3},
+    {0x1D159, 0x1D159}, {0x1D173, 0x1D17A}, {0xE0000, 0xE0FFF},
+}};
+
 bool MustBeShown(char32_t code) {
-    return code < 0x20 || IsBetween(code, 0x7F, 0x9F) || code == 0xAD || code == 0x61C ||
-           IsBetween(code, 0x200B, 0x200F) || IsBetween(code, 0x2028, 0x202E) ||
-           IsBetween(code, 0x2060, 0x206F) || code == 0xFEFF || IsBetween(code, 0xFFF9, 0xFFFB) ||
-           IsBetween(code, 0xE0000, 0xE0FFF);
+    return std::any_of(kShownByCode.begin(), kShownByCode.end(),
+                       [code](const CodeRange& range) { return code >= range.first && code <= range.last; });
 }
 
 std::string Escape(const char* format, unsigned value) {

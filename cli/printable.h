@@ -13,8 +13,10 @@ struct Printable {
 };
 
 // Makes visible what would move the cursor, change colours, reverse the reading direction or hide itself:
-// control characters and invalid bytes become "\x1b", invisible and directional characters "\u202e".
-// A name that somebody gave to a share must not be able to rewrite the screen.
+// ASCII controls and invalid bytes become "\x1b", other controls, directional characters and what is drawn as
+// nothing or as another blank "\u202e". Combining marks stay, and so do letters that are read from right to
+// left: a terminal that follows their direction may draw cells beside them in another order. A name that
+// somebody gave to a share must not be able to rewrite the screen.
 Printable MakePrintable(std::string_view text);
 
 }  // namespace cli

@@ -60,6 +60,29 @@ TEST(Printable, CharactersThatReverseOrHideTextBecomeVisible) {
     EXPECT_EQ(MakePrintable("\xEF\xBB\xBFx").text, "\\ufeffx");
 }
 
+TEST(Printable, WhatIsDrawnAsNothingOrAsAnotherBlankBecomesVisible) {
+    const struct {
+        const char* text;
+        const char* shown;
+    } cases[] = {{"a\u180E", "a\\u180e"},    {"a\u034F", "a\\u034f"},    {"a\uFE0F", "a\\ufe0f"},
+                 {"\u3164", "\\u3164"},      {"\uFFA0", "\\uffa0"},      {"\u115F\u1160", "\\u115f\\u1160"},
+                 {"\u17B4", "\\u17b4"},      {"\u180B", "\\u180b"},      {"\u2800", "\\u2800"},
+                 {"a\u00A0b", "a\\u00a0b"},  {"a\u2003b", "a\\u2003b"},  {"a\u202Fb", "a\\u202fb"},
+                 {"\u205F", "\\u205f"},      {"\u3000", "\\u3000"},      {"\u1680", "\\u1680"},
+                 {"\U0001D173", "\\u1d173"}, {"\U000E0100", "\\ue0100"}, {"\U0001BCA0", "\\u1bca0"}};
+    for (const auto& each : cases) {
+        EXPECT_EQ(MakePrintable(each.text).text, each.shown);
+        EXPECT_EQ(MakePrintable(each.text).width, std::string(each.shown).size());
+    }
+}
+
+TEST(Printable, LettersAndMarksOfAllScriptsStay) {
+    for (const char* text :
+         {"e\u0301", "\u0301", "שלום", "مرحبا", "한글", "倉庫", "नमस्ते", "a b", "\U0001F4F7"}) {
+        EXPECT_EQ(MakePrintable(text).text, text);
+    }
+}
+
 TEST(Printable, InvalidBytesBecomeVisibleAndTheRestStays) {
     EXPECT_EQ(MakePrintable("a\xFFz").text, "a\\xffz");
     EXPECT_EQ(MakePrintable("\xC0\xAF").text, "\\xc0\\xaf");           // overlong
