@@ -1,8 +1,10 @@
 // `pavane`, the command line of a recorder. Talks HTTP only.
 // Ends with 0; 1 when the server refused or could not be reached; 2 when the command can't be used so.
 
+#include <cerrno>
 #include <exception>
 #include <iostream>
+#include <system_error>
 
 #include <CLI/CLI.hpp>
 
@@ -14,6 +16,28 @@ namespace {
 
 constexpr int kRefused = 1;
 constexpr int kUsage = 2;
+
+// `status`, or that of a failure when not all output could be written, which standard error tells then. A
+// stream that went bad before is written to once more: nobody kept the reason.
+int Written(int status) {
+    const bool wasGood = std::cout.good();
+    errno = 0;
+    if (!wasGood) {
+        std::cout.clear();
+        std::cout << '\n';
+    }
+    std::cout.flush();
+    if (wasGood && std::cout) {
+        return status;
+    }
+    const int reason = errno;
+    std::cerr << "pavane: cannot write the output";
+    if (reason != 0) {
+        std::cerr << ": " << std::generic_category().message(reason);
+    }
+    std::cerr << '\n';
+    return kRefused;
+}
 
 int Run(int argc, char** argv) {
     cli::Context context;
@@ -40,10 +64,10 @@ int Run(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kUsage;
+        return Written(app.exit(error) == 0 ? 0 : kUsage);
     }
     context.chosen();
-    return std::cout.flush() && !context.hasFailed ? 0 : kRefused;
+    return Written(context.hasFailed ? kRefused : 0);
 }
 
 }  // namespace

@@ -4,7 +4,6 @@ import contextlib
 import http.server
 import json
 import os
-import re
 import sqlite3
 import subprocess
 import threading
@@ -133,3 +132,13 @@ def test_a_printed_list_can_be_imported_again_also_with_a_byte_order_mark(pavane
     before = pavane.run("camera", "list", "--json")
     assert pavane.run("camera", "import", "-", input="\ufeff" + before) == "1 camera imported\n"
     assert pavane.run("camera", "list", "--json") == before
+
+
+def test_output_that_cannot_be_written_is_told_with_the_reason(pavane):
+    pavane.run("camera", "import", "-", input=json.dumps([{"name": f"Camera {i}"} for i in range(500)]))
+    for command in (["camera", "list"], ["camera", "list", "--json"], ["--help"]):
+        with open("/dev/full", "w", encoding="utf-8") as full:
+            done = subprocess.run([os.path.join(BUILD, "bin/pavane"), *command], env=pavane.environment, stdout=full,
+                                  stderr=subprocess.PIPE, text=True, timeout=60, check=False)
+        assert (done.returncode, done.stderr) == (
+            1, "pavane: cannot write the output: No space left on device\n"), command
