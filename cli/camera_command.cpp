@@ -14,6 +14,7 @@
 #include "cli/camera_file.h"
 #include "cli/command.h"
 #include "cli/input_error.h"
+#include "cli/size_text.h"
 #include "cli/whole_number.h"
 
 namespace cli {
@@ -110,6 +111,17 @@ void Import(const Context& context, const std::string& path) {
     }
 }
 
+// What is special about a camera, in words.
+std::string StateOf(const Json::Value& camera) {
+    constexpr int kFolderNotInUse = 1;
+    const std::string source = Cell(camera, "migratingFrom");
+    std::string state = camera["recStorageStatus"].asInt() == kFolderNotInUse ? "not in use" : "";
+    if (!source.empty()) {
+        state += (state.empty() ? "" : ", ") + std::string("migrates from ") + source;
+    }
+    return state;
+}
+
 void List(const Context& context) {
     Client client = context.MakeClient();
     Json::Value all(Json::objectValue);
@@ -129,11 +141,19 @@ void List(const Context& context) {
         PrintJson(all);
         return;
     }
-    Table table(
-        {{"ID", Align::kRight}, {"NAME"}, {"SERVER", Align::kRight}, {"RECORDS INTO"}, {"MIGRATES FROM"}});
+    Table table({{"ID", Align::kRight},
+                 {"NAME"},
+                 {"SERVER", Align::kRight},
+                 {"FOLDER"},
+                 {"ADDRESS"},
+                 {"OCCUPIED", Align::kRight},
+                 {"KEEPS FREE", Align::kRight},
+                 {"STATE"}});
     for (const Json::Value& camera : cameras) {
         table.Add({Cell(camera, "id"), Cell(camera, "name"), Cell(camera, "ownerRvId"),
-                   Cell(camera, "recordingPath"), Cell(camera, "migratingFrom")});
+                   Cell(camera, "recordingPath"), Cell(camera, "ip"), SizeText(camera["occupiedMB"]),
+                   camera["rotatedBySpace"].asBool() ? SizeText(camera["rotationBySpaceMB"]) : "-",
+                   StateOf(camera)});
     }
     PrintTable(table);
 }

@@ -4,6 +4,7 @@ import contextlib
 import http.server
 import json
 import os
+import re
 import sqlite3
 import subprocess
 import threading
@@ -132,6 +133,25 @@ def test_a_printed_list_can_be_imported_again_also_with_a_byte_order_mark(pavane
     before = pavane.run("camera", "list", "--json")
     assert pavane.run("camera", "import", "-", input="\ufeff" + before) == "1 camera imported\n"
     assert pavane.run("camera", "list", "--json") == before
+
+
+def test_the_list_shows_what_was_imported(pavane):
+    pavane.run("camera", "import", "-", input=json.dumps([
+        {"name": "Gate", "recordingPath": "/volume1/rec/gate", "ip": "192.0.2.7", "occupiedMB": 3072,
+         "rotatedBySpace": True, "rotationBySpaceMB": 2048},
+        {"name": "Old", "recordingPath": "/volume1/rec/old"},
+        {"name": "Yard", "recordingPath": "/volume1/rec/yard", "recStorageStatus": 1}]))
+    moving = str(json.loads(pavane.run("camera", "list", "--json"))["cameras"][1]["id"])
+    pavane.run("camera", "migrate", "start", moving)
+    try:
+        rows = pavane.run("camera", "list").splitlines()
+    finally:
+        pavane.run("camera", "migrate", "stop", moving)
+    assert [re.sub(r"^ *\S+  ", "", row) for row in rows] == [
+        "NAME  SERVER  FOLDER             ADDRESS    OCCUPIED  KEEPS FREE  STATE",
+        "Gate       0  /volume1/rec/gate  192.0.2.7    3.0 GB      2.0 GB",
+        "Old        0  /volume1/rec/old                  0 MB           -  migrates from /volume1/rec/old",
+        "Yard       0  /volume1/rec/yard                 0 MB           -  not in use"]
 
 
 def test_output_that_cannot_be_written_is_told_with_the_reason(pavane):
