@@ -1,5 +1,6 @@
 // `pavane share usage` and `cameras`: what uses the shares.
 
+#include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -68,6 +69,12 @@ void Usage(const Context& context, const UsageOptions& options) {
                    EnabledText(entry)});
     }
     PrintTable(table);
+    if (!options.share.has_value() && data["usage"].empty()) {
+        std::cout << std::flush;  // so that the sentence stands below
+        std::cerr << "pavane: no application uses a share "
+                  << (options.server.has_value() ? "of that server " : "")
+                  << "that is out of order; without a share's id only those are listed\n";
+    }
 }
 
 void Cameras(const Context& context, const CamerasOptions& options) {

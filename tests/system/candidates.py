@@ -52,10 +52,15 @@ class CommandLine:
 
     def run(self, *arguments, status=0, **options):
         """What it says: on standard output, or on standard error when `status` is a failure."""
+        output, errors = self.both(*arguments, status=status, **options)
+        return output if status == 0 else errors
+
+    def both(self, *arguments, status=0, **options):
+        """What it says on standard output and on standard error."""
         done = subprocess.run([os.path.join(BUILD, "bin/pavane"), *arguments], env=self.environment,
                               capture_output=True, text=True, timeout=60, check=False, **options)
         assert done.returncode == status, done.stderr
-        return done.stdout if status == 0 else done.stderr
+        return done.stdout, done.stderr
 
 
 @contextlib.contextmanager

@@ -168,6 +168,22 @@ def test_a_locked_share_is_told_until_it_is_unlocked(admin, database):
         assert delete(admin, vault)["success"]
 
 
+def test_usage_of_all_says_so_when_every_share_is_in_order(node, admin, share, database, tmp_path):
+    store(database, ("fine", share["shareId"], 1))
+    pavane = CommandLine(node, "admin", tmp_path)
+    titles = ["FOLDER", "SHARE", "SERVER", "APPLICATION", "ENABLED"]
+    for options, whose in (([], ""), (["--server", "0"], "of that server ")):
+        table, said = pavane.both("share", "usage", *options)
+        assert table.split() == titles
+        assert said == (f"pavane: no application uses a share {whose}that is out of order; without a share's id only "
+                        "those are listed\n")
+    assert pavane.both("share", "usage", "--json") == ('{\n  "usage" : []\n}\n', "")
+    assert pavane.both("share", "usage", str(share["shareId"]))[1] == ""
+    store(database, ("loose", -1, 3))
+    table, said = pavane.both("share", "usage")
+    assert len(table.splitlines()) == 2 and said == ""
+
+
 def test_applications_can_be_switched_off_or_unable_to_run(admin, database):
     store(database, ("off", -1, 0), ("unable", -1, 1), ("on", -1, 25))
     database.executemany("insert into application values (?, ?, ?)", [(0, 1, 0), (1, 0, 1)])
