@@ -31,6 +31,15 @@ namespace {
 constexpr std::uint64_t kBytesPerMB = std::uint64_t{1} << 20;
 constexpr std::int32_t kUnknown = -1;
 
+// Says why `what` of `path` can't be told: by an errno, or for want of an answer. That a folder is silent
+// altogether was said when it was looked for.
+void LogUntold(const std::string& what, const std::string& path, std::optional<int> error) {
+    if (error || !korv::IsSilent(path)) {
+        korv::LogLine(what + " " + path + " can't be told: " +
+                      (error ? std::generic_category().message(*error) : "it doesn't answer"));
+    }
+}
+
 std::uint64_t FreeBytes(const struct statfs& facts) {
     return facts.f_bavail * static_cast<std::uint64_t>(facts.f_frsize);
 }
@@ -64,24 +73,28 @@ void TakeMissingLimits(if_dqblk& quota, const if_dqblk& defaults) {
     }
 }
 
-// A zeroed record where there are no quotas. On XFS the limits of id 0, whom no quota binds, are those of
-// everybody who has none of their own.
-std::optional<if_dqblk> ReadQuota(const char* volume, uid_t uid) {
+struct QuotaAnswer {
+    if_dqblk quota;  // zeroed where there are no quotas
+    int error;       // an errno where it can't be told
+};
+
+// On XFS the limits of id 0, whom no quota binds, are those of everybody who has none of their own.
+QuotaAnswer ReadQuota(const char* volume, uid_t uid) {
     const korv::FileDescriptor folder(open(volume, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder) {
-        return std::nullopt;
+        return {{}, errno};
     }
     if_dqblk quota{};
     int error = AskQuota(folder.Get(), uid, quota);
     if (IsWithoutQuotas(error)) {
-        return quota;
+        return {{}, 0};
     }
     if (error == 0 && IsXfs(folder.Get())) {
         if_dqblk defaults{};
         error = AskQuota(folder.Get(), 0, defaults);
         TakeMissingLimits(quota, defaults);
     }
-    return error == 0 ? std::optional(quota) : std::nullopt;
+    return {quota, error};
 }
 
 // In the kernel's blocks, 0 = none. A soft limit is hard where there is no other, since it becomes so when
@@ -100,14 +113,17 @@ int KORVQuotaGet(const char* user, const char* volume, KORVQUOTA* quota) {
     if (KORVUserGetUGID(user, &uid, nullptr) != 0) {
         return -1;
     }
-    const auto record = korv::CallBounded("quota", volume, [&] { return ReadQuota(volume, uid); });
-    if (!record) {
+    const auto answer =
+        korv::CallBounded("quota", volume, [&] { return std::optional(ReadQuota(volume, uid)); });
+    if (!answer || answer->error != 0) {
+        LogUntold(std::string("the quota of ") + user + " on", volume,
+                  answer ? std::optional(answer->error) : std::nullopt);
         return -1;
     }
     constexpr std::uint64_t kQuotaBlocksPerMB = kBytesPerMB / QIF_DQBLKSIZE;
-    const std::uint64_t limit = uid != 0 ? LimitOf(*record) : 0;
+    const std::uint64_t limit = uid != 0 ? LimitOf(answer->quota) : 0;
     quota->limitMB = static_cast<float>(limit) / static_cast<float>(kQuotaBlocksPerMB);
-    quota->usedBytes = record->dqb_curspace;
+    quota->usedBytes = answer->quota.dqb_curspace;
     return 0;
 }
 
@@ -163,10 +179,8 @@ std::int32_t SDKFuncData::GetBtrfsFreeMB(const std::string& path, uid_t /*uid*/)
         return kUnknown;
     }
     const auto answer = korv::CallBounded("size", path, [&] { return std::optional(ReadBtrfsFree(path)); });
-    // That a folder is silent altogether was said when it was looked for.
-    if (answer ? answer->error != 0 : !korv::IsSilent(path)) {
-        korv::LogLine("the free space of " + path + " can't be told: " +
-                      (answer ? std::generic_category().message(answer->error) : "it doesn't answer"));
+    if (!answer || answer->error != 0) {
+        LogUntold("the free space of", path, answer ? std::optional(answer->error) : std::nullopt);
     }
     return answer ? answer->free_mb : 0;
 }

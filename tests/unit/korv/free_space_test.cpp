@@ -313,6 +313,20 @@ TEST_F(QuotaRecordTest, NoQuotasAreNoLimitAndNoFailure) {
     }
 }
 
+TEST_F(QuotaRecordTest, WhyItCantBeToldStandsInTheLog) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(Get(QuotaError(ESRCH)), "0 0");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(Get(QuotaError(EIO)), "-1");
+    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string line =
+        "the quota of alice on " + machine::Volume() + " can't be told: Input/output error\n";
+    ASSERT_GE(log.size(), line.size()) << log;
+    EXPECT_EQ(log.substr(log.size() - line.size()), line);
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+}
+
 TEST_F(QuotaRecordTest, WhoHasNoRecordHasNoLimitOfTheirOwn) {
     EXPECT_EQ(Get(QuotaError(ENOENT)), "0 0");
     g_kernel.isXfs = true;
