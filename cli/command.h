@@ -31,6 +31,7 @@ void AddShareKeyCommands(CLI::App& share, Context& context);
 void AddShareChangeCommands(CLI::App& share, Context& context);
 void AddJobCommands(CLI::App& app, Context& context);
 void AddCandidatesCommand(CLI::App& app, Context& context);
+void AddApplicationCommands(CLI::App& app, Context& context);
 void AddArchiveCommands(CLI::App& app, Context& context);
 void AddCameraCommands(CLI::App& app, Context& context);
 void AddEventCommands(CLI::App& app, Context& context);

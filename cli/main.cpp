@@ -53,6 +53,7 @@ int Run(int argc, char** argv) {
     cli::AddShareCommands(app, context);
     cli::AddCandidatesCommand(app, context);
     cli::AddJobCommands(app, context);
+    cli::AddApplicationCommands(app, context);
     cli::AddArchiveCommands(app, context);
     cli::AddCameraCommands(app, context);
     cli::AddEventCommands(app, context);

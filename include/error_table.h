@@ -90,6 +90,8 @@ inline constexpr ErrorTableRow kErrorTable[] = {
     {"KORV.Core.Share.Permission", 3309, "The kind of user or group is unknown.",
      "Use \"system\", \"local_user\" or \"local_group\"."},
 
+    {"KORV.Pavane.Application", 400, "The applications or what they use could not be read or changed.",
+     "Look into pavane.log on the server for the reason."},
     {"KORV.Pavane.Archive", 400, "The archive tasks could not be read or changed.",
      "Look into pavane.log on the server for the reason."},
     {"KORV.Pavane.CMS", 400, "The records of paired servers could not be read or changed.",

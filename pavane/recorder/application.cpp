@@ -1,7 +1,6 @@
 #include "platform/pavane/application.h"
 
 #include <exception>
-#include <map>
 #include <optional>
 
 #include "pavane/log_line.h"
@@ -45,10 +44,8 @@ constexpr std::array<ApplicationName, kApplicationCount> kNames{{
     {"Training data", "Trainingsdaten"},
 }};
 
-using FlagsById = std::map<int, pavane::ApplicationFlags>;
-
 // Nothing when they can't be read.
-std::optional<FlagsById> ReadFlags() {
+std::optional<pavane::ApplicationFlagsById> ReadFlags() {
     try {
         return pavane::ReadApplicationFlags();
     } catch (const std::exception& failure) {
@@ -56,15 +53,6 @@ std::optional<FlagsById> ReadFlags() {
                     pavane::DescribeFailure(failure).c_str());
         return std::nullopt;
     }
-}
-
-pavane::ApplicationFlags FlagsOf(const std::optional<FlagsById>& flags, int id) {
-    constexpr pavane::ApplicationFlags kUnread{true, false};
-    if (!flags.has_value()) {
-        return kUnread;
-    }
-    const auto found = flags->find(id);
-    return found != flags->end() ? found->second : pavane::ApplicationFlags{};
 }
 
 }  // namespace
@@ -80,10 +68,12 @@ Json::Value PVJson::JsonConverter<MultilangString, void>::ToJson(const Multilang
 // An application that is said to be unable to run would vanish from the lists of what uses a share, and the
 // share would look free to be deleted.
 std::array<ApplicationTrait, kApplicationCount> ApplicationTraits() {
-    const std::optional<FlagsById> flags = ReadFlags();
+    constexpr pavane::ApplicationFlags kUnread{true, false};
+    const std::optional<pavane::ApplicationFlagsById> flags = ReadFlags();
     std::array<ApplicationTrait, kApplicationCount> traits;
     for (std::size_t i = 0; i < kApplicationCount; ++i) {
-        const pavane::ApplicationFlags own = FlagsOf(flags, static_cast<int>(i));
+        const pavane::ApplicationFlags own =
+            flags.has_value() ? pavane::FlagsOf(*flags, static_cast<int>(i)) : kUnread;
         traits[i] = ApplicationTrait(MultilangString({{"enu", kNames[i].english}, {"ger", kNames[i].german}}),
                                      own.isCompatible, own.isEnabled);
     }

@@ -56,6 +56,12 @@ void FollowName(Database& database, const std::string& from, const std::string& 
              "delete from backup_folder where name = :to and :from in (select name from backup_folder)", from,
              to);
     Exchange(database, "update backup_folder set name = :to where name = :from", from, to);
+    Exchange(
+        database,
+        "delete from shared_folder_storage as old where exists (select 1 from shared_folder_storage as new"
+        " where new.name = :to and new.share_id = old.share_id"
+        " and new.application_id = old.application_id) and old.name = :from",
+        from, to);
     Exchange(database, "update shared_folder_storage set name = :to where name = :from", from, to);
 }
 

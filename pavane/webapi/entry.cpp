@@ -22,6 +22,7 @@ void Entry(KORV::APIRequest* request, KORV::APIResponse* response) {
     pavane::Serve(Needed, Method, *request, *response);
 }
 
+constexpr const char* kApplication = "KORV.Pavane.Application";
 constexpr const char* kArchive = "KORV.Pavane.Archive";
 constexpr const char* kCamera = "KORV.Pavane.Camera";
 constexpr const char* kCms = pavane::kCmsApi;
@@ -32,6 +33,12 @@ constexpr const char* kSnapshot = "KORV.Pavane.Snapshot";
 constexpr std::intptr_t kVersion = 1;
 
 const KORV::APITableRow kTable[] = {
+    {kApplication, kVersion, "list", Entry<Access::kUse, pavane::ListApplicationsMethod>},
+    {kApplication, kVersion, "set", Entry<Access::kChange, pavane::SetApplicationMethod>},
+    {kApplication, kVersion, "list_storage", Entry<Access::kUse, pavane::ListApplicationStorageMethod>},
+    {kApplication, kVersion, "add_storage", Entry<Access::kChange, pavane::AddApplicationStorageMethod>},
+    {kApplication, kVersion, "remove_storage",
+     Entry<Access::kChange, pavane::RemoveApplicationStorageMethod>},
     {kArchive, kVersion, "list", Entry<Access::kUse, pavane::ListArchiveTasksMethod>},
     {kArchive, kVersion, "set", Entry<Access::kChange, pavane::SetArchiveTaskMethod>},
     {kArchive, kVersion, "remove", Entry<Access::kChange, pavane::RemoveArchiveTaskMethod>},

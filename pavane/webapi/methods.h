@@ -7,6 +7,12 @@
 // The methods of the application's own web APIs; docs/ref/api.md describes their parameters and answers.
 namespace pavane {
 
+Json::Value ListApplicationsMethod(const KORV::APIRequest& request);
+Json::Value SetApplicationMethod(const KORV::APIRequest& request);
+Json::Value ListApplicationStorageMethod(const KORV::APIRequest& request);
+Json::Value AddApplicationStorageMethod(const KORV::APIRequest& request);
+Json::Value RemoveApplicationStorageMethod(const KORV::APIRequest& request);
+
 Json::Value ListArchiveTasksMethod(const KORV::APIRequest& request);
 Json::Value SetArchiveTaskMethod(const KORV::APIRequest& request);
 Json::Value RemoveArchiveTaskMethod(const KORV::APIRequest& request);

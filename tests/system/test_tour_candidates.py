@@ -1,9 +1,7 @@
 """The guide to candidates and to what uses a share prints what a node answers, with a disk attached and pulled."""
 
-import contextlib
 import os
 import re
-import sqlite3
 
 from console_blocks import Shell, commands_of, reader_environment, steady
 from external_disk import device_manager
@@ -43,14 +41,6 @@ class AttachedDisk:
                 .replace(f"usbshare{self.of_guide + 1}", f"usbshare{self.real + 1}"))
 
 
-def use_share(node):
-    """What three applications write down; the guide says only that they did."""
-    with contextlib.closing(sqlite3.connect(f"{node.state}/state/pavane.db", timeout=20)) as database:
-        database.executemany("insert into shared_folder_storage (name, share_id, application_id) values ('rec', 1, ?)",
-                             [(0,), (2,), (3,)])
-        database.commit()
-
-
 def await_device_manager(node, disk):
     facts = f"/run/udev/data/b7:{disk.real}"
     wait_until(lambda: node.inside("test", "-s", facts, check=False).returncode == 0, "the disk is known")
@@ -76,8 +66,6 @@ def test_every_command_prints_what_the_guide_says(tmp_path):
                 for command, expected in commands:
                     if command == _RULES:
                         continue  # the node's device manager has it
-                    if command == "pavane share usage 1":
-                        use_share(node)
                     command = disk.renamed(command).replace("http://127.0.0.1:5080", node.url)
                     printed = shell.run(command)
                     if command.startswith(_ATTACH):

@@ -4,35 +4,19 @@
 
 #include <json/json.h>
 
-#include "platform/korv/api_runner.h"
 #include "platform/pavane/archive.h"
 #include "platform/pavane/events.h"
 #include "platform/pavane/log.h"
 #include "platform/pavane/services.h"
 
-#include "korv/framework/api_registry.h"
 #include "korv/framework/host.h"
-#include "korv/framework/module_loader.h"
 #include "pavane/recorder/log_config.h"
-#include "tests/unit/pavane/test_node.h"
+#include "tests/unit/pavane/loaded_api.h"
 
 namespace {
 
-// The module as the framework loads it.
-class Api : public StoreTest {
+class Api : public LoadedApi {
 protected:
-    Api() {
-        static const bool loaded = (korv::LoadModules({PAVANE_API_MODULE}, korv::Registry()), true);
-        EXPECT_TRUE(loaded);
-    }
-
-    static Json::Value Call(const char* api, const char* method, const Json::Value& params,
-                            const char* user = "admin") {
-        Json::Value response;
-        KORV::APIRunner::Exec(response, api, 1, method, params, user);
-        return response;
-    }
-
     static Json::Value Import(const std::string& cameras) {
         Json::Value params;
         Json::Reader().parse("{\"cameras\":" + cameras + "}", params);
@@ -46,14 +30,27 @@ TEST_F(Api, WhoHasNoPrivilegeIsRefused) {
     const struct {
         const char* api;
         const char* method;
-    } methods[] = {{"KORV.Pavane.Camera", "import"},        {"KORV.Pavane.Camera", "list"},
-                   {"KORV.Pavane.Event", "list"},           {"KORV.Pavane.Log", "get_level"},
-                   {"KORV.Pavane.Log", "set_level"},        {"KORV.Pavane.Service", "list_links"},
-                   {"KORV.Pavane.Service", "list_backup"},  {"KORV.Pavane.Service", "list_notices"},
-                   {"KORV.Pavane.Service", "take_notice"},  {"KORV.Pavane.Archive", "list"},
-                   {"KORV.Pavane.Archive", "set"},          {"KORV.Pavane.Archive", "remove"},
-                   {"KORV.Pavane.Camera", "migrate_start"}, {"KORV.Pavane.Camera", "migrate_stop"},
-                   {"KORV.Pavane.Snapshot", "get"},         {"KORV.Pavane.Snapshot", "set"},
+    } methods[] = {{"KORV.Pavane.Application", "list"},
+                   {"KORV.Pavane.Application", "set"},
+                   {"KORV.Pavane.Application", "list_storage"},
+                   {"KORV.Pavane.Application", "add_storage"},
+                   {"KORV.Pavane.Application", "remove_storage"},
+                   {"KORV.Pavane.Camera", "import"},
+                   {"KORV.Pavane.Camera", "list"},
+                   {"KORV.Pavane.Event", "list"},
+                   {"KORV.Pavane.Log", "get_level"},
+                   {"KORV.Pavane.Log", "set_level"},
+                   {"KORV.Pavane.Service", "list_links"},
+                   {"KORV.Pavane.Service", "list_backup"},
+                   {"KORV.Pavane.Service", "list_notices"},
+                   {"KORV.Pavane.Service", "take_notice"},
+                   {"KORV.Pavane.Archive", "list"},
+                   {"KORV.Pavane.Archive", "set"},
+                   {"KORV.Pavane.Archive", "remove"},
+                   {"KORV.Pavane.Camera", "migrate_start"},
+                   {"KORV.Pavane.Camera", "migrate_stop"},
+                   {"KORV.Pavane.Snapshot", "get"},
+                   {"KORV.Pavane.Snapshot", "set"},
                    {"KORV.Pavane.Snapshot", "clear"}};
     for (const auto& each : methods) {
         const Json::Value answer = Call(each.api, each.method, Json::Value(), "nobody");

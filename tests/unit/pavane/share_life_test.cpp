@@ -12,6 +12,7 @@
 
 #include "korv/system/database.h"
 #include "korv/system/share_store.h"
+#include "pavane/recorder/application_store.h"
 #include "pavane/recorder/archive_store.h"
 #include "pavane/recorder/backup_folders.h"
 #include "pavane/recorder/camera_store.h"
@@ -112,7 +113,8 @@ TEST_F(ShareLife, ARenameTakesAlongWhatElseNamesTheFolder) {
     pavane::SaveArchiveTask({0, "elsewhere", "whole", 1, "/volume1/rec"});
     pavane::SetSetting("snapshot_share", "/volume1/rec");
     UpdateBackupInfo({"rec", "new", "beside"}, {});
-    Session() << "insert into shared_folder_storage (name, share_id, application_id) values ('rec', 1, 2)";
+    Session() << "insert into shared_folder_storage (name, share_id, application_id) values ('rec', 1, 2),"
+                 " ('rec', 1, 3), ('new', 1, 3), ('new', 1, 4)";
     ASSERT_EQ(Rename(share, "new"), 0);
 
     std::list<std::string> paths;
@@ -127,9 +129,11 @@ TEST_F(ShareLife, ARenameTakesAlongWhatElseNamesTheFolder) {
         folders.push_back(folder.name);
     }
     EXPECT_EQ(folders, (std::list<std::string>{"beside", "new"}));
-    std::string name;
-    Session() << "select name from shared_folder_storage", soci::into(name);
-    EXPECT_EQ(name, "new");
+    std::string used;
+    for (const pavane::ApplicationStorage& row : pavane::ListApplicationStorage(0, 10).rows) {
+        used += row.name + std::to_string(row.applicationId) + " ";
+    }
+    EXPECT_EQ(used, "new2 new3 new4 ");
 }
 
 TEST_F(ShareLife, ARenameTakesTheRemoteSharesInItAlong) {
