@@ -28,13 +28,6 @@ int MaskOf(const std::string& right) {
     return masks.at(right);
 }
 
-// What the server sends in place of a size that it could not tell: a negative number, cut to 32 bits.
-std::string FreeText(const Json::Value& size_mb) {
-    constexpr Json::LargestUInt kFirstNegative = 1UL << 31U;
-    const bool isUnknown = size_mb.isUInt() && size_mb.asUInt() >= kFirstNegative;
-    return isUnknown ? "unknown" : SizeText(size_mb);
-}
-
 void Show(const Context& context, const Options& options) {
     Json::Value parameters(Json::objectValue);
     parameters["sharePriv"] = MaskOf(options.right);

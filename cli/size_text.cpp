@@ -29,4 +29,10 @@ std::string SizeText(const Json::Value& size_mb) {
     return text.data();
 }
 
+std::string FreeText(const Json::Value& size_mb) {
+    constexpr Json::LargestUInt kFirstNegative = 1UL << 31U;
+    const bool isUnknown = size_mb.isUInt() && size_mb.asUInt() >= kFirstNegative;
+    return isUnknown ? "unknown" : SizeText(size_mb);
+}
+
 }  // namespace cli

@@ -10,4 +10,8 @@ namespace cli {
 // or below 0, gives "".
 std::string SizeText(const Json::Value& size_mb);
 
+// The same of a folder's free space; "unknown" for what the server sends in place of a size that it could not
+// tell: a negative number cut to 32 bits, 2147483648 or more.
+std::string FreeText(const Json::Value& size_mb);
+
 }  // namespace cli

@@ -4,6 +4,7 @@
 
 namespace {
 
+using cli::FreeText;
 using cli::SizeText;
 
 TEST(SizeText, TakesTheUnitThatReadsBest) {
@@ -20,6 +21,15 @@ TEST(SizeText, WhatIsNoSizeHasNoText) {
     EXPECT_EQ(SizeText(-1), "");
     EXPECT_EQ(SizeText("7"), "");
     EXPECT_EQ(SizeText(Json::Value()), "");
+}
+
+TEST(SizeText, AFreeSpaceThatCouldNotBeToldIsUnknown) {
+    EXPECT_EQ(FreeText(Json::UInt(4294967295U)), "unknown");  // -1, cut to 32 bits
+    EXPECT_EQ(FreeText(Json::UInt(2147483648U)), "unknown");
+    EXPECT_EQ(FreeText(2147483647), "2.0 PB");
+    EXPECT_EQ(FreeText(904), "904 MB");
+    EXPECT_EQ(FreeText(0), "0 MB");
+    EXPECT_EQ(FreeText("7"), "");
 }
 
 }  // namespace
