@@ -1,4 +1,4 @@
-""""ListShareUsage" with 100,000 rows: of one share among many, and of all."""
+""""ListShareUsage" with 100,000 rows of shares with real folders: of one share among many, and of all."""
 
 import contextlib
 import json
@@ -7,6 +7,7 @@ import sqlite3
 import sys
 import tempfile
 
+from candidates import inside
 from list import Client, node
 from load import Load
 
@@ -21,7 +22,6 @@ nginx: {{requests_per_second: 1000000}}
 
 
 def fill(database):
-    """Recording shares without folders, so that a list of all tells of every row."""
     with contextlib.closing(sqlite3.connect(database, timeout=30)) as connection, connection:
         connection.executemany(
             "insert into recording_share (id, id_on_rec, owner_rv_id, name, path, volume, description, hidden, enc_type,"
@@ -34,17 +34,26 @@ def fill(database):
         connection.execute("analyze")
 
 
-def measure(url, client, korvd, seconds):
-    print(f"{'':20} {'rows':>8} {'requests/s':>10} {'p50 ms':>9} {'p99 ms':>9} {'worker ms':>10} {'us/row':>8} "
-          f"{'peak MB':>8}")
-    for what, parameters, rows in (("one share", {"shareId": 7}, _ROWS // _SHARES), ("all shares", {}, _ROWS)):
-        answer = json.loads(client.send("KORV.Pavane.Share", "ListShareUsage", **parameters)[0])
-        if len(answer["data"]["usage"]) != rows:
-            raise RuntimeError("ListShareUsage answered something else")
-        result = Load(f"{url}/webapi", "POST", client.body("KORV.Pavane.Share", "ListShareUsage", **parameters),
-                      client.headers).run(1, seconds, korvd)
-        print(f"{what:20} {rows:8,} {result['per_s']:10.1f} {result['p50_ms']:9.2f} {result['p99_ms']:9.2f} "
-              f"{result['cpu_ms']:10.3f} {result['p50_ms'] * 1000 / rows:8.2f} {result['peak_mb']:8.1f}", flush=True)
+def make_folders(korvd):
+    folders = [f"/volume1/rec{i}" for i in range(1, _SHARES + 1)]
+    inside(korvd, "install", "-d", "-m", "0700", *folders)
+    return folders
+
+
+def grant_recorder(korvd, rights, folders):
+    inside(korvd, "setfacl", "-m", f"u:Pavane:{rights}", *folders)
+
+
+def measure(url, client, korvd, seconds, row):
+    """`row`: what is measured, its parameters, how many rows are read and how many of them are told."""
+    what, parameters, read, told = row
+    answer = json.loads(client.send("KORV.Pavane.Share", "ListShareUsage", **parameters)[0])
+    if len(answer["data"]["usage"]) != told:
+        raise RuntimeError("ListShareUsage answered something else")
+    result = Load(f"{url}/webapi", "POST", client.body("KORV.Pavane.Share", "ListShareUsage", **parameters),
+                  client.headers).run(1, seconds, korvd)
+    print(f"{what:24} {read:8,} {told:8,} {result['per_s']:10.1f} {result['p50_ms']:9.2f} {result['p99_ms']:9.2f} "
+          f"{result['cpu_ms']:10.3f} {result['p50_ms'] * 1000 / read:8.2f} {result['peak_mb']:8.1f}", flush=True)
 
 
 def main():
@@ -55,7 +64,16 @@ def main():
         with open(f"{folder}/node/run/korvd.pid", encoding="utf-8") as file:
             korvd = int(file.read())
         fill(f"{folder}/node/state/pavane.db")
-        measure(url, Client(url, folder), korvd, seconds)
+        folders = make_folders(korvd)
+        grant_recorder(korvd, "rwx", folders)
+        client = Client(url, folder)
+        print(f"{'':24} {'rows':>8} {'told':>8} {'requests/s':>10} {'p50 ms':>9} {'p99 ms':>9} {'worker ms':>10} "
+              f"{'us/row':>8} {'peak MB':>8}")
+        share_rows = _ROWS // _SHARES
+        measure(url, client, korvd, seconds, ("one share", {"shareId": 7}, share_rows, share_rows))
+        measure(url, client, korvd, seconds, ("all, in order", {}, _ROWS, 0))
+        grant_recorder(korvd, "r-x", folders)
+        measure(url, client, korvd, seconds, ("all, closed to recorder", {}, _ROWS, _ROWS))
 
 
 if __name__ == "__main__":
