@@ -12,7 +12,7 @@
 namespace {
 
 // What the option makes of the text, or what it says against it.
-std::string TakenFrom(CLI::Validator validator, const std::string& text) {
+std::string TakenFrom(const CLI::Validator& validator, const std::string& text) {
     CLI::App app;
     int number = -1;
     app.add_option("number", number)->transform(validator);
