@@ -1,9 +1,15 @@
 #include "korv/system/external_disk.h"
 
 #include <algorithm>
+#include <array>
+#include <fstream>
 #include <optional>
+#include <set>
+
+#include "platform/korv/configuration.h"
 
 #include "korv/system/device_manager.h"
+#include "korv/system/mount_table.h"
 
 namespace korv {
 
@@ -39,10 +45,46 @@ std::optional<ExternalDiskKind> KindOf(udev_device& disk) {
     return isPulled ? std::optional(ExternalDiskKind::kEsata) : std::nullopt;
 }
 
+// Where the machine itself runs from and where its shares are.
+bool IsOwnPlace(const std::string& path) {
+    constexpr std::array<const char*, 4> kPlaces{"/", "/boot", "/usr", "/var"};
+    const std::vector<std::string>& volumes = KORV::GetConfiguration().volumes;
+    return std::find(kPlaces.begin(), kPlaces.end(), path) != kPlaces.end() ||
+           path.compare(0, 6, "/boot/") == 0 ||
+           std::find(volumes.begin(), volumes.end(), path) != volumes.end();
+}
+
+// The devices of what is mounted at the machine's own places and of its swap space, by name and number.
+std::set<std::string> OwnDevices() {
+    std::set<std::string> devices;
+    for (const Mount& mount : ListMounts()) {
+        if (IsOwnPlace(mount.mountPoint) && !IsFromAnybody(mount)) {
+            devices.insert({mount.source, mount.device});
+        }
+    }
+    std::ifstream swaps("/proc/swaps");
+    for (std::string line; std::getline(swaps, line);) {
+        devices.insert(line.substr(0, line.find_first_of(" \t")));
+    }
+    return devices;
+}
+
+// A machine may run from an USB disk, which is not to be filled with recordings then.
+bool IsMachinesOwn(udev_device& disk) {
+    const std::set<std::string> own = OwnDevices();
+    const auto isOwn = [&own](udev_device& device) {
+        const char* node = udev_device_get_devnode(&device);
+        return own.count(Attribute(device, "dev")) != 0 || (node != nullptr && own.count(node) != 0);
+    };
+    const std::vector<UdevDevice> partitions = ListPartitions(*udev_device_get_udev(&disk), disk);
+    return isOwn(disk) || std::any_of(partitions.begin(), partitions.end(),
+                                      [&isOwn](const UdevDevice& partition) { return isOwn(*partition); });
+}
+
 std::optional<ExternalDisk> Describe(udev_device& device) {
     const char* node = udev_device_get_devnode(&device);
     const auto kind = KindOf(device);
-    if (node == nullptr || !kind) {
+    if (node == nullptr || !kind || IsMachinesOwn(device)) {
         return std::nullopt;
     }
     ExternalDisk disk;

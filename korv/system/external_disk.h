@@ -43,7 +43,8 @@ struct ExternalDisk {
     std::vector<ExternalPartition> partitions;
 };
 
-// The attached disks of both kinds by name, without their partitions and numbers. `isSettled` is false while
+// The attached disks of both kinds by name, without their partitions and numbers; not one that the machine
+// runs from, swaps to or has a volume on. `isSettled` is false while
 // the device manager still looks at one. Throws std::runtime_error when the device manager's data can't be
 // read.
 std::vector<ExternalDisk> AttachedDisks();

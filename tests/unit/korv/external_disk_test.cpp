@@ -39,6 +39,7 @@ using korv::ExternalDiskKind;
 using korv::PartitionState;
 
 constexpr const char* kPlace = "/tmp/place";
+constexpr const char* kVolume = "/tmp/volume1";
 constexpr const char* kHanging = "/tmp/hanging";
 constexpr const char* kConfiguration = "/tmp/korv.yaml";
 constexpr const char* kRegister = "/run/external-disks";
@@ -59,8 +60,8 @@ protected:
     }
 
     // As if what is on the device were mounted: only the list of mounts is asked for that.
-    static void MountFrom(const char* device, const char* type = "tmpfs") {
-        ASSERT_EQ(mount(device, kPlace, type, 0, "size=64k,mode=0755"), 0);
+    static void MountFrom(const char* device, const char* type = "tmpfs", const char* place = kPlace) {
+        ASSERT_EQ(mount(device, place, type, 0, "size=64k,mode=0755"), 0);
     }
 
     // Whatever touches the device waits for ever.
@@ -183,6 +184,38 @@ TEST_F(ExternalDiskTest, ADiskBehindAnUsbDeviceIsOneWhateverItsBusIsCalled) {
     disks.AddDisk("virtual/usb2", "sdh", {});
     EXPECT_EQ(Names(ExternalDiskKind::kUsb), (Texts{"sdb/2", "sdc/3", "sdd/4", "sde/5"}));
     EXPECT_EQ(Names(ExternalDiskKind::kEsata), Texts{"sdg/7"});
+}
+
+TEST_F(ExternalDiskTest, ADiskThatTheMachineUsesItselfIsNoExternalOne) {
+    disks.AddPartition(disks.AddUsbDisk("sdb"), 1);
+    disks.AddPartition(disks.AddUsbDisk("sdc"), 3);
+    const Texts both{"sdb/2", "sdc/3"};
+    EXPECT_EQ(Names(ExternalDiskKind::kUsb), both);
+    for (const std::string place : {"/boot", "/usr", "/var", "/boot/efi", kVolume}) {
+        const bool isBelow = place == "/boot/efi";
+        if (isBelow) {
+            MountFrom("tmpfs", "tmpfs", "/boot");
+        }
+        fs::create_directory(place);
+        MountFrom("/dev/sdc3", "tmpfs", place.c_str());
+        EXPECT_EQ(Names(ExternalDiskKind::kUsb), Texts{"sdb/2"}) << place;
+        EXPECT_FALSE(korv::FindExternalDisk("sdc"));
+        umount2(place.c_str(), MNT_DETACH);
+        if (isBelow) {
+            umount2("/boot", MNT_DETACH);
+        }
+    }
+    // People mount disks into shares, too.
+    const std::string share = std::string(kVolume) + "/films";
+    fs::create_directory(share);
+    MountFrom("/dev/sdc3", "tmpfs", share.c_str());
+    EXPECT_EQ(Names(ExternalDiskKind::kUsb), both);
+    umount2(share.c_str(), MNT_DETACH);
+    std::ofstream("/tmp/swaps") << "Filename\tType\tSize\tUsed\tPriority\n/dev/sdb1   partition\t64\t0\t-2\n";
+    ASSERT_EQ(mount("/tmp/swaps", "/proc/swaps", nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(Names(ExternalDiskKind::kUsb), Texts{"sdc/3"});
+    umount2("/proc/swaps", MNT_DETACH);
+    EXPECT_EQ(Names(ExternalDiskKind::kUsb), both);
 }
 
 TEST_F(ExternalDiskTest, NoTwoDisksHaveTheSameNumber) {
@@ -624,7 +657,8 @@ bool MakeFolders() {
 }
 
 void WriteConfiguration() {
-    std::ofstream(kConfiguration) << "state_dir: /tmp/state\nrun_dir: /run\nlog_dir: /tmp/log\n";
+    std::ofstream(kConfiguration) << "state_dir: /tmp/state\nrun_dir: /run\nlog_dir: /tmp/log\nvolumes: ["
+                                  << kVolume << "]\n";
     setenv("KORV_CONFIG", kConfiguration, 1);
 }
 
