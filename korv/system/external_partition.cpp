@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdlib>
 #include <optional>
+#include <vector>
 
 #include <sys/vfs.h>
 #include <sys/xattr.h>
@@ -29,13 +30,25 @@ constexpr std::array<const char*, 7> kHiddenPartitionTypes{
     "0xef",                                  // EFI system
 };
 
+// Not just a folder of it that somebody has bound to another place.
+bool IsWhole(const Mount& mount) {
+    return mount.root == "/" || (!mount.subvolume.empty() && mount.root == mount.subvolume);
+}
+
+// What is mounted over it, at its place or above, is another's.
+bool IsInSight(const Mount& mount) {
+    const auto along = MountsAlong(mount.mountPoint);
+    return !along.empty() && along.back()->id == mount.id;
+}
+
+// Where the file system on the device can be used.
 std::optional<Mount> MountOf(const std::string& device) {
-    for (const Mount& mount : ListMounts()) {
-        if (mount.source == device && !IsFromAnybody(mount)) {
-            return mount;
-        }
-    }
-    return std::nullopt;
+    const std::vector<Mount> mounts = ListMounts();
+    const auto isUsable = [&device](const Mount& mount) {
+        return mount.source == device && !IsFromAnybody(mount) && IsWhole(mount) && IsInSight(mount);
+    };
+    const auto found = std::find_if(mounts.begin(), mounts.end(), isUsable);
+    return found != mounts.end() ? std::optional(*found) : std::nullopt;
 }
 
 // What the file system is called on the disk itself; empty where a program serves its files and only the disk

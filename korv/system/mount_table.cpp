@@ -49,6 +49,13 @@ std::string Unescape(const std::string& text) {
     return result;
 }
 
+// The last of the options that Btrfs tells; there may be commas in it.
+std::string SubvolumeOf(const std::string& options) {
+    const std::string key = ",subvol=";
+    const std::size_t begin = options.find(key);
+    return begin == std::string::npos ? "" : Unescape(options.substr(begin + key.size()));
+}
+
 // id, parent, device, root, mount point, options, any number of tags, "-", type, source, the file system's
 // options.
 std::optional<Mount> ParseLine(const std::string& line) {
@@ -59,12 +66,14 @@ std::optional<Mount> ParseLine(const std::string& line) {
     fields >> mount.id >> skipped >> mount.device >> mount.root >> mountPoint;
     while (fields >> skipped && skipped != "-") {
     }
-    if (!(fields >> mount.fsType >> mount.source)) {
+    std::string superOptions;
+    if (!(fields >> mount.fsType >> mount.source >> superOptions)) {
         return std::nullopt;
     }
     mount.mountPoint = Unescape(mountPoint);
     mount.source = Unescape(mount.source);
     mount.root = Unescape(mount.root);
+    mount.subvolume = mount.fsType == "btrfs" ? SubvolumeOf(superOptions) : "";
     return mount;
 }
 

@@ -16,6 +16,7 @@ struct Mount {
     std::string source;  // "/dev/sdb1", "server:/export", ...
     std::string device;  // "8:1", the same for all mounts of a file system
     std::string root;    // what of the file system is mounted, as a path in it: "/", "/rec" of a bind mount
+    std::string subvolume;  // of Btrfs: the subvolume where that is; empty otherwise
 };
 
 // All mounts in the order they were made: of two at one place the later one is in sight. Read anew only after

@@ -39,6 +39,7 @@ using korv::ExternalDiskKind;
 using korv::PartitionState;
 
 constexpr const char* kPlace = "/tmp/place";
+constexpr const char* kOtherPlace = "/tmp/other/place";
 constexpr const char* kVolume = "/tmp/volume1";
 constexpr const char* kHanging = "/tmp/hanging";
 constexpr const char* kConfiguration = "/tmp/korv.yaml";
@@ -55,7 +56,9 @@ protected:
         fs::create_directory(kPlace);
     }
     void TearDown() override {
-        while (umount2(kPlace, MNT_DETACH) == 0) {
+        for (const char* place : {kPlace, kOtherPlace}) {
+            while (umount2(place, MNT_DETACH) == 0) {
+            }
         }
     }
 
@@ -357,6 +360,37 @@ TEST_F(ExternalDiskTest, ADiskThatHangsIsLeftOutAndHoldsNothingUp) {
     ASSERT_EQ(record.partitionCount, 3);
     EXPECT_EQ(record.partitions[0].state, KORV_EXT_PARTITION_HIDDEN);
     EXPECT_LT(timed([&record] { KORVExtStgPartsVolInfoGet("sdb", &record, true); }), kAtOnce);
+}
+
+TEST_F(ExternalDiskTest, OnlyAWholeFileSystemInSightIsADisksPlace) {
+    disks.AddPartition(disks.AddUsbDisk("sdb"), 1);
+    const auto place = [] { return Partitions(ExternalDiskKind::kUsb, "sdb").at(0).mountPath; };
+    const std::string inner = std::string(kPlace) + "/inner";
+    MountFrom("/dev/sdb1");
+    EXPECT_EQ(place(), kPlace);
+    // A folder of it elsewhere, and its place covered.
+    fs::create_directory(inner);
+    fs::create_directories(kOtherPlace);
+    ASSERT_EQ(mount(inner.c_str(), kOtherPlace, nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(place(), kPlace);
+    MountFrom("tmpfs");
+    EXPECT_EQ(place(), "");
+    EXPECT_FALSE(korv::ExternalSharePath("usbshare2"));
+    ASSERT_EQ(umount(kPlace), 0);
+    EXPECT_EQ(place(), kPlace);
+    // The whole of it elsewhere, too: the first that is in sight counts.
+    ASSERT_EQ(umount(kOtherPlace), 0);
+    ASSERT_EQ(mount(kPlace, kOtherPlace, nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(place(), kPlace);
+    MountFrom("tmpfs");
+    EXPECT_EQ(place(), kOtherPlace);
+    ASSERT_EQ(umount(kPlace), 0);
+    ASSERT_EQ(umount(kPlace), 0);
+    EXPECT_EQ(place(), kOtherPlace);
+    // Covered from above.
+    MountFrom("tmpfs", "tmpfs", "/tmp/other");
+    EXPECT_EQ(place(), "");
+    ASSERT_EQ(umount("/tmp/other"), 0);
 }
 
 TEST_F(ExternalDiskTest, ASharesNameStaysWhenAPartitionBesideItHangs) {

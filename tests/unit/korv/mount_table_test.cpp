@@ -1,9 +1,12 @@
 #include "korv/system/mount_table.h"
 
+
+#include <chrono>
 #include <filesystem>
 
 #include <sys/mount.h>
 
+#include "korv/system/child_process.h"
 #include "tests/unit/korv/private_machine.h"
 
 namespace {
@@ -30,7 +33,6 @@ protected:
         return along.empty() ? nullptr : along.back();
     }
 
-private:
     std::vector<std::string> m_mounted;
 };
 
@@ -87,4 +89,29 @@ TEST_F(MountTableTest, ANameThatOnlyBeginsAlikeIsAnotherPlace) {
     MountAt(path, "rec");
     EXPECT_EQ(At(path + "ord")->mountPoint, machine::Volume());
     EXPECT_EQ(korv::MountsAlong("/").back()->mountPoint, "/");
+}
+
+TEST_F(MountTableTest, TellsASubvolumeOfBtrfsFromAFolderInOne) {
+    if (!machine::MountBtrfs()) {
+        GTEST_SKIP() << "this kernel has no Btrfs";
+    }
+    const std::string films = machine::BtrfsVolume() + "/films, old";
+    ASSERT_EQ(
+        korv::RunProgram("/usr/bin/btrfs", {"subvolume", "create", films}, std::chrono::seconds(20)).exitCode, 0);
+    fs::create_directory(films + "/inner");
+    const auto bind = [this](const std::string& from) {
+        const std::string to = machine::Volume() + "/bound";
+        fs::create_directories(to);
+        EXPECT_EQ(mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr), 0);
+        m_mounted.insert(m_mounted.begin(), to);
+        return *At(to);
+    };
+    const korv::Mount subvolume = bind(films);
+    EXPECT_EQ(subvolume.root, "/films, old");
+    EXPECT_EQ(subvolume.subvolume, "/films, old");
+    const korv::Mount folder = bind(films + "/inner");
+    EXPECT_EQ(folder.root, "/films, old/inner");
+    EXPECT_EQ(folder.subvolume, "/films, old");
+    EXPECT_EQ(At(machine::BtrfsVolume())->subvolume, "/");
+    EXPECT_EQ(At(machine::Volume())->subvolume, "");
 }
