@@ -17,7 +17,7 @@ enum class ExternalDiskKind : int {
 enum class PartitionState : int {
     kReady = 0,     // mounted
     kUnusable = 1,  // no file system that is known, or not mounted
-    // Not meant for files, or silent.
+    // Not meant for files, silent, or mounted at a path that listings don't keep whole.
     kHidden = 2,
 };
 
@@ -57,6 +57,9 @@ inline constexpr std::size_t kLongestExternalShareName = 15;
 
 // What the names of the shares on `disk` begin with, or are: "usbshare2".
 std::string ShareStem(const ExternalDisk& disk);
+
+// The longest path of one.
+inline constexpr std::size_t kLongestExternalSharePath = 127;
 
 // Fills the partitions of `disk` by number, or the disk itself where it holds a file system unpartitioned.
 // Needs root. A disk that is gone has none. What doesn't answer costs korv::kAnswerDeadline, once for a while

@@ -70,15 +70,19 @@ void FillPartition(const korv::ExternalPartition& from, KORVEXTPARTITION& to) {
     Copy(to.text, from.label);
     Copy(to.shareName, from.shareName);
     // A path that was cut would name another place.
-    Copy(to.mountPath, from.mountPath.size() < sizeof(to.mountPath) ? from.mountPath : "");
+    const bool isWhole = from.mountPath.size() <= korv::kLongestExternalSharePath;
+    Copy(to.mountPath, isWhole ? from.mountPath : "");
 }
 
-void LogSilence(const ExternalDisk& disk) {
+void LogWhatIsLeftOut(const ExternalDisk& disk) {
     bool isDiskSilent = false;
     for (const korv::ExternalPartition& partition : disk.partitions) {
         if (partition.isSilent && !partition.mountPath.empty()) {
             korv::LogLine("external disk " + partition.device + ": " + partition.mountPath +
                           " doesn't answer");
+        } else if (partition.mountPath.size() > korv::kLongestExternalSharePath) {
+            korv::LogLine("external disk " + partition.device + ": " + partition.mountPath +
+                          " is too long a path");
         }
         isDiskSilent = isDiskSilent || (partition.isSilent && partition.mountPath.empty());
     }
@@ -93,7 +97,7 @@ std::optional<ExternalDisk> FindDisk(const std::string& name, ExternalDiskKind k
         return std::nullopt;
     }
     korv::ReadPartitions(*disk);
-    LogSilence(*disk);
+    LogWhatIsLeftOut(*disk);
     return disk;
 }
 

@@ -47,7 +47,14 @@ std::optional<Mount> MountOf(const std::string& device) {
     const auto isUsable = [&device](const Mount& mount) {
         return mount.source == device && !IsFromAnybody(mount) && IsWhole(mount) && IsInSight(mount);
     };
-    const auto found = std::find_if(mounts.begin(), mounts.end(), isUsable);
+    const auto isShort = [](const Mount& mount) {
+        return mount.mountPoint.size() <= kLongestExternalSharePath;
+    };
+    auto found = std::find_if(mounts.begin(), mounts.end(),
+                              [&](const Mount& mount) { return isShort(mount) && isUsable(mount); });
+    if (found == mounts.end()) {
+        found = std::find_if(mounts.begin(), mounts.end(), isUsable);
+    }
     return found != mounts.end() ? std::optional(*found) : std::nullopt;
 }
 
@@ -90,7 +97,8 @@ FileSystemFacts NotedFacts(udev_device& device) {
 }
 
 PartitionState StateOf(const ExternalPartition& partition) {
-    if (partition.isSilent || (partition.mountPath.empty() && !partition.isForFiles)) {
+    if (partition.isSilent || partition.mountPath.size() > kLongestExternalSharePath ||
+        (partition.mountPath.empty() && !partition.isForFiles)) {
         return PartitionState::kHidden;
     }
     return partition.mountPath.empty() ? PartitionState::kUnusable : PartitionState::kReady;

@@ -21,7 +21,7 @@ struct KORVEXTPARTITION {
     char fsName[32];      // "ext4", "ntfs", ...; empty = none known
     char text[64];        // its label
     char shareName[64];   // the external share on it; empty = none
-    char mountPath[256];  // empty when the platform gives none
+    char mountPath[256];  // at most 127 characters; empty when the platform gives none
 };
 
 // One disk and its partitions.
@@ -44,5 +44,6 @@ int KORVUSBDevEnum(int type, char** names, std::size_t capacity, std::size_t* si
 
 // Reads the disk `device` and its partitions into `record`. Negative on failure. A disk that has gone since
 // it was enumerated has no partitions; that is no failure. A partition that doesn't answer within the
-// platform's deadline is hidden, mounted or not, and the platform's log says so.
+// platform's deadline is hidden, mounted or not, and so is one that is mounted at a path of 128 characters or
+// more, which listings would cut; the platform's log says so.
 int KORVExtStgPartsVolInfoGet(const char* device, KORVEXTDEVICE* record, bool isUsb);

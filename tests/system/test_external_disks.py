@@ -164,6 +164,53 @@ def test_states_that_somebody_else_wrote_do_not_count(node, admin, disk):
     assert candidates(admin, 2) == {}
 
 
+def as_viewer(node, *command):
+    node.inside("setpriv", "--reuid", "viewer", "--regid", "viewer", "--init-groups", *command)
+
+
+def test_a_folder_in_the_place_of_the_states_is_moved_aside_with_what_is_in_it(node, admin, disk):
+    node.inside("rm", "-f", STATE_FILE)
+    as_viewer(node, "mkdir", STATE_FILE)
+    as_viewer(node, "touch", f"{STATE_FILE}/mine")
+    assert list(candidates(admin, 2)) == [disk.share]
+    assert state_of(node, disk) == "done"
+    (line,) = node.unexpected_lines()
+    said, aside = line.removesuffix(" now").rsplit(" and is ", 1)
+    assert said.endswith(f"a folder lay in the place of {STATE_FILE}")
+    assert node.inside("stat", "-c", "%U", aside, f"{aside}/mine") == "viewer\nviewer\n"
+
+
+def test_a_link_in_the_place_of_the_states_is_replaced_and_not_followed(node, admin, disk):
+    node.inside("rm", "-f", STATE_FILE)
+    node.inside("tee", "/srv/target", input=f"{disk.name}=fail\n")
+    as_viewer(node, "ln", "-s", "/srv/target", STATE_FILE)
+    assert list(candidates(admin, 2)) == [disk.share]
+    assert node.inside("stat", "-c", "%F %U %a", STATE_FILE) == "regular file root 644\n"
+    assert node.inside("cat", "/srv/target") == f"{disk.name}=fail\n"
+    node.inside("rm", "/srv/target")
+
+
+def test_nobodys_process_can_be_called_at_work_on_a_disk(node, admin, disk):
+    with subprocess.Popen(["mkfs.ext4", "-c", "read wait", disk.device], executable="/bin/sh", stdin=subprocess.PIPE,
+                          user=65534, group=65534, extra_groups=[]) as pretender:
+        try:
+            assert list(candidates(admin, 2)) == [disk.share]
+        finally:
+            pretender.stdin.close()
+            pretender.wait()
+
+
+def test_a_disk_that_is_pulled_while_it_is_mounted_is_not_offered(node, admin, disk):
+    """What is mounted from it stays in the list of mounts."""
+    assert list(candidates(admin, 2)) == [disk.share]
+    with open(disk.image, "r+b") as file:
+        file.truncate(0)
+    node.inside("losetup", "--set-capacity", disk.device)
+    assert disk.place in node.inside("cat", "/proc/self/mounts")
+    assert candidates(admin, 2) == {}
+    assert node.inside("cat", STATE_FILE) == ""
+
+
 def test_a_disk_may_be_pulled_while_it_is_listed(node, admin, disk):
     node.allow(f"{_UNUSABLE}|Failed to get usb disk")
     answers = []

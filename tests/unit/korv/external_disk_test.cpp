@@ -393,6 +393,33 @@ TEST_F(ExternalDiskTest, OnlyAWholeFileSystemInSightIsADisksPlace) {
     ASSERT_EQ(umount("/tmp/other"), 0);
 }
 
+TEST_F(ExternalDiskTest, ADiskAtAPathThatWouldBeCutIsLeftOutAndTheLogSaysSo) {
+    disks.AddPartition(disks.AddUsbDisk("sdb"), 1);
+    const std::string longest = "/tmp/" + std::string(korv::kLongestExternalSharePath - 5, 'l');
+    const std::string place = longest + "l";
+    fs::create_directory(longest);
+    fs::create_directory(place);
+    MountFrom("/dev/sdb1", "tmpfs", place.c_str());
+    KORVEXTDEVICE record{};
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(KORVExtStgPartsVolInfoGet("sdb", &record, true), 0);
+    const std::string log = testing::internal::GetCapturedStderr();
+    ASSERT_EQ(record.partitionCount, 1);
+    EXPECT_EQ(record.partitions[0].state, KORV_EXT_PARTITION_HIDDEN);
+    EXPECT_STREQ(record.partitions[0].mountPath, "");
+    EXPECT_STREQ(record.partitions[0].shareName, "");
+    EXPECT_NE(log.find("external disk /dev/sdb1: " + place + " is too long a path\n"), std::string::npos)
+        << log;
+    EXPECT_FALSE(korv::ExternalSharePath("usbshare2"));
+    ASSERT_EQ(mount(place.c_str(), longest.c_str(), nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(KORVExtStgPartsVolInfoGet("sdb", &record, true), 0);
+    EXPECT_EQ(record.partitions[0].state, KORV_EXT_PARTITION_READY);
+    EXPECT_EQ(record.partitions[0].mountPath, longest);
+    for (const std::string& each : {longest, place}) {
+        umount2(each.c_str(), MNT_DETACH);
+    }
+}
+
 TEST_F(ExternalDiskTest, ASharesNameStaysWhenAPartitionBesideItHangs) {
     const std::string disk = disks.AddUsbDisk("sdb");
     disks.AddPartition(disk, 1);

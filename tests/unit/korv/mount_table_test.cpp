@@ -1,6 +1,5 @@
 #include "korv/system/mount_table.h"
 
-
 #include <chrono>
 #include <filesystem>
 
@@ -97,7 +96,8 @@ TEST_F(MountTableTest, TellsASubvolumeOfBtrfsFromAFolderInOne) {
     }
     const std::string films = machine::BtrfsVolume() + "/films, old";
     ASSERT_EQ(
-        korv::RunProgram("/usr/bin/btrfs", {"subvolume", "create", films}, std::chrono::seconds(20)).exitCode, 0);
+        korv::RunProgram("/usr/bin/btrfs", {"subvolume", "create", films}, std::chrono::seconds(20)).exitCode,
+        0);
     fs::create_directory(films + "/inner");
     const auto bind = [this](const std::string& from) {
         const std::string to = machine::Volume() + "/bound";
