@@ -43,7 +43,7 @@ bool IsInSight(const Mount& mount) {
 
 // Where the file system on the device can be used.
 std::optional<Mount> MountOf(const std::string& device) {
-    const std::vector<Mount> mounts = ListMounts();
+    const std::vector<Mount> mounts = ReadMounts();  // IsInSight reads them, too
     const auto isUsable = [&device](const Mount& mount) {
         return mount.source == device && !IsFromAnybody(mount) && IsWhole(mount) && IsInSight(mount);
     };

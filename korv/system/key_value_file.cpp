@@ -96,7 +96,7 @@ bool MoveFolderAside(const std::string& path) {
 
 // What somebody else has mounted at `path`; false when it is still there.
 bool Unmount(const std::string& path) {
-    const std::vector<Mount> mounts = ListMounts();
+    const std::vector<Mount>& mounts = ListMounts();
     const auto found = std::find_if(mounts.rbegin(), mounts.rend(),
                                     [&path](const Mount& mount) { return mount.mountPoint == path; });
     if (found == mounts.rend()) {
