@@ -9,6 +9,7 @@
 #include "cli/command.h"
 #include "cli/input_error.h"
 #include "cli/share_lookup.h"
+#include "cli/whole_number.h"
 
 namespace cli {
 
@@ -96,27 +97,13 @@ void Release(const Context& context, const StorageOptions& options) {
 }
 
 void ListStorage(const Context& context) {
-    constexpr int kPage = 1000;
-    Client client = context.MakeClient();
-    Json::Value all(Json::objectValue);
-    Json::Value& storage = all["storage"] = Json::Value(Json::arrayValue);
-    Json::Value page;
-    do {
-        Json::Value parameters(Json::objectValue);
-        parameters["offset"] = storage.size();
-        parameters["limit"] = kPage;
-        page = client.Call(kApi, "list_storage", parameters);
-        for (const Json::Value& row : page["storage"]) {
-            storage.append(row);
-        }
-    } while (!page["storage"].empty() && storage.size() < page["total"].asUInt());
-    all["total"] = storage.size();
+    const Json::Value all = context.MakeClient().CallForAll(kApi, "list_storage", "storage");
     if (context.json) {
         PrintJson(all);
         return;
     }
     Table table({{"FOLDER"}, {"SHARE", Align::kRight}, {"APPLICATION", Align::kRight}});
-    for (const Json::Value& row : storage) {
+    for (const Json::Value& row : all["storage"]) {
         table.Add({Cell(row, "name"), Cell(row, "shareId"), Cell(row, "applicationId")});
     }
     PrintTable(table);
@@ -126,7 +113,7 @@ void AddSwitch(CLI::App& application, Context& context, bool isEnabled) {
     const auto id = std::make_shared<int>();
     CLI::App* const command = application.add_subcommand(isEnabled ? "enable" : "disable",
                                                          isEnabled ? "Switch one on" : "Switch one off");
-    command->add_option("id", *id, "Id of the application")->required()->check(CLI::NonNegativeNumber);
+    command->add_option("id", *id, "Id of the application")->required()->transform(Id());
     command->callback([&context, id, isEnabled] {
         context.chosen = [&context, id, isEnabled] { Enable(context, *id, isEnabled); };
     });
@@ -136,11 +123,9 @@ void AddStorage(CLI::App& application, Context& context, const char* name, const
                 void (*action)(const Context&, const StorageOptions&)) {
     const auto options = std::make_shared<StorageOptions>();
     CLI::App* const command = application.add_subcommand(name, help);
-    command->add_option("id", options->application, "Id of the application")
-        ->required()
-        ->check(CLI::NonNegativeNumber);
+    command->add_option("id", options->application, "Id of the application")->required()->transform(Id());
     command->add_option("share", options->share, "Id of the recording share; without one the folder is none")
-        ->check(CLI::NonNegativeNumber);
+        ->transform(Id());
     command->add_option("--name", options->name, "Name of the folder; by default the recording share's");
     command->callback([&context, options, action] {
         context.chosen = [&context, options, action] { action(context, *options); };

@@ -23,7 +23,6 @@ namespace {
 
 constexpr const char* kApi = "KORV.Pavane.Camera";
 constexpr std::size_t kBatch_bytes = 900UL * 1024;  // the server takes requests of 1 MiB
-constexpr int kPage = 1000;                         // and gives lists by pages of this length
 
 struct MigrationOptions {
     int camera = 0;
@@ -123,20 +122,7 @@ std::string StateOf(const Json::Value& camera) {
 }
 
 void List(const Context& context) {
-    Client client = context.MakeClient();
-    Json::Value all(Json::objectValue);
-    Json::Value& cameras = all["cameras"] = Json::Value(Json::arrayValue);
-    Json::Value page;
-    do {
-        Json::Value parameters(Json::objectValue);
-        parameters["offset"] = cameras.size();
-        parameters["limit"] = kPage;
-        page = client.Call(kApi, "list", parameters);
-        for (const Json::Value& camera : page["cameras"]) {
-            cameras.append(camera);
-        }
-    } while (!page["cameras"].empty() && cameras.size() < page["total"].asUInt());
-    all["total"] = cameras.size();
+    const Json::Value all = context.MakeClient().CallForAll(kApi, "list", "cameras");
     if (context.json) {
         PrintJson(all);
         return;
@@ -149,7 +135,7 @@ void List(const Context& context) {
                  {"OCCUPIED", Align::kRight},
                  {"KEEPS FREE", Align::kRight},
                  {"STATE"}});
-    for (const Json::Value& camera : cameras) {
+    for (const Json::Value& camera : all["cameras"]) {
         table.Add({Cell(camera, "id"), Cell(camera, "name"), Cell(camera, "ownerRvId"),
                    Cell(camera, "recordingPath"), Cell(camera, "ip"), SizeText(camera["occupiedMB"]),
                    camera["rotatedBySpace"].asBool() ? SizeText(camera["rotationBySpaceMB"]) : "-",

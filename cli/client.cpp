@@ -215,6 +215,24 @@ Json::Value Client::Call(const std::string& api, const std::string& method, cons
     return Send(exchange, m_session, api);
 }
 
+Json::Value Client::CallForAll(const std::string& api, const std::string& method, const std::string& list) {
+    constexpr int kPage = 1000;
+    Json::Value all(Json::objectValue);
+    Json::Value& rows = all[list] = Json::Value(Json::arrayValue);
+    Json::Value page;
+    do {
+        Json::Value parameters(Json::objectValue);
+        parameters["offset"] = rows.size();
+        parameters["limit"] = kPage;
+        page = Call(api, method, parameters);
+        for (const Json::Value& row : page[list]) {
+            rows.append(row);
+        }
+    } while (!page[list].empty() && rows.size() < page["total"].asUInt());
+    all["total"] = rows.size();
+    return all;
+}
+
 Json::Value Client::CallWithFile(const std::string& api, const std::string& method,
                                  const Json::Value& parameters, const std::string& part,
                                  const std::string& file) {

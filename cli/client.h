@@ -41,7 +41,11 @@ public:
     Json::Value Call(const std::string& api, const std::string& method,
                      const Json::Value& parameters = Json::Value(Json::objectValue));
 
-    // The same with a file's content as the upload `part`, whose name becomes a parameter.
+    // All of a paged list: the rows of `list`, as the method names them, and their "total". Rows that come
+    // while the pages are fetched may be missing.
+    Json::Value CallForAll(const std::string& api, const std::string& method, const std::string& list);
+
+    // As Call, with a file's content as the upload `part`, whose name becomes a parameter.
     Json::Value CallWithFile(const std::string& api, const std::string& method, const Json::Value& parameters,
                              const std::string& part, const std::string& file);
 

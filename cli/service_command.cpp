@@ -59,27 +59,13 @@ std::string OperationText(const Json::Value& notice) {
 }
 
 void ListNotices(const Context& context) {
-    constexpr int kPage = 1000;
-    Client client = context.MakeClient();
-    Json::Value all(Json::objectValue);
-    Json::Value& notices = all["notices"] = Json::Value(Json::arrayValue);
-    Json::Value page;
-    do {
-        Json::Value parameters(Json::objectValue);
-        parameters["offset"] = notices.size();
-        parameters["limit"] = kPage;
-        page = client.Call(kApi, "list_notices", parameters);
-        for (const Json::Value& notice : page["notices"]) {
-            notices.append(notice);
-        }
-    } while (!page["notices"].empty() && notices.size() < page["total"].asUInt());
-    all["total"] = notices.size();
+    const Json::Value all = context.MakeClient().CallForAll(kApi, "list_notices", "notices");
     if (context.json) {
         PrintJson(all);
         return;
     }
     Table table({{"ID", Align::kRight}, {"TIME"}, {"SERVICE"}, {"FOLDER"}, {"WHAT HAPPENED"}});
-    for (const Json::Value& notice : notices) {
+    for (const Json::Value& notice : all["notices"]) {
         table.Add({Cell(notice, "id"), TimeText(notice["time"]), Cell(notice, "service"),
                    Cell(notice, "path"), OperationText(notice)});
     }

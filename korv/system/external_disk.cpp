@@ -36,7 +36,7 @@ std::optional<ExternalDiskKind> KindOf(udev_device& disk) {
     if (!declared.empty() || Property(disk, "ID_TYPE") == "cd") {
         return std::nullopt;
     }
-    // A hard disk in an USB enclosure answers for itself, so that its bus is told as "ata".
+    // A hard disk in a USB enclosure answers for itself, so that its bus is told as "ata".
     const std::string bus = Property(disk, "ID_BUS");
     if (bus == "usb" || IsBehindUsb(disk)) {
         return ExternalDiskKind::kUsb;
