@@ -22,8 +22,8 @@ std::string KeyValueText(const KeyValues& values);
 std::optional<KeyValues> ReadKeyValues(const std::string& path);
 
 // Replaces the file in one step, readable for everybody; throws std::system_error. In a folder that others
-// can write into, too: what they put in its place is replaced, links as such, and a folder is moved aside with
-// what is in it, which the log says. What they mounted there is unmounted.
+// can write into, too: what they put in its place is replaced, links as such, and a folder is moved aside
+// with what is in it, which the log says. What they mounted there is unmounted.
 void WriteKeyValues(const std::string& path, const KeyValues& values);
 
 }  // namespace korv
