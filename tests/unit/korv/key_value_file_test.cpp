@@ -103,7 +103,7 @@ TEST_F(KeyValueFileTest, WritesOverWhatIsNoFileAndKeepsWhatAFolderHolds) {
     EXPECT_EQ(korv::ReadKeyValues(Path()), values);
     const auto entries = machine::Entries(machine::Volume());
     ASSERT_EQ(entries.size(), 2U);
-    const std::string name = entries[entries[0] == "settings.conf" ? 1 : 0];
+    const std::string& name = entries[entries[0] == "settings.conf" ? 1 : 0];
     const std::string aside = machine::Volume() + "/" + name;
     EXPECT_EQ(aside.size(), Path().size() + std::string(".XXXXXX").size());
     std::string text;

@@ -116,14 +116,15 @@ void PretendedDisks::SetWrites(const std::string& path, int count) {
 
 void PretendedDisks::Pull(const std::string& disk) {
     const std::string name = fs::path(disk).filename();
+    const std::string folder = "/sys" + disk;
     std::vector<std::string> partitions;
-    for (const auto& entry : fs::directory_iterator(m_testbed->Root() + "/sys" + disk)) {
+    for (const auto& entry : fs::directory_iterator(m_testbed->Root() + folder)) {
         const std::string partition = entry.path().filename();
         if (partition.compare(0, name.size(), name) == 0) {
-            partitions.push_back("/sys" + disk + "/" + partition);
+            partitions.push_back((fs::path(folder) / partition).string());
         }
     }
-    partitions.push_back("/sys" + disk);
+    partitions.push_back(folder);
     for (const std::string& path : partitions) {
         umockdev_testbed_remove_device(m_testbed->bed, path.c_str());
         // The library leaves this, and another disk of the name couldn't come.
