@@ -68,15 +68,17 @@ std::string TypeOf(const Mount& mount) {
 }
 
 // Whoever lists disks asks what is mounted for its size and for the rights on it, without a deadline of their
-// own. The disk of any file system may hang; what the kernel once read, it has at hand.
-bool IsAnswering(const Mount& mount) {
+// own. The disk of any file system may hang; what the kernel once read, it has at hand. The number of a mount
+// that is gone may be that of another disk's.
+bool IsAnswering(const Mount& mount, udev_device& disk) {
     const auto ask = [&path = mount.mountPoint] {
         struct statfs64 size {};
         const bool hasSize = statfs64(path.c_str(), &size) == 0;
         getxattr(path.c_str(), "system.posix_acl_access", nullptr, 0);
         return std::optional(hasSize);
     };
-    return CallApart("external " + mount.id + " " + mount.source, ask).has_value();
+    const std::string attachment = Attribute(disk, "diskseq");
+    return CallApart("external " + attachment + " " + mount.id + " " + mount.source, ask).has_value();
 }
 
 bool IsForFiles(const FileSystemFacts& facts) {
@@ -126,7 +128,7 @@ ExternalPartition ReadPartition(udev_device& disk, udev_device& device, int numb
     partition.label = facts.label;
     partition.mountPath = mount ? mount->mountPoint : "";
     partition.isForFiles = mount || IsForFiles(facts);
-    partition.isSilent = partition.isSilent || (mount && !IsAnswering(*mount));
+    partition.isSilent = partition.isSilent || (mount && !IsAnswering(*mount, disk));
     partition.state = StateOf(partition);
     return partition;
 }

@@ -302,6 +302,27 @@ def test_a_disk_that_hangs_holds_nobody_up_and_the_log_says_so(node, admin, ntfs
         os.kill(server, signal.SIGCONT)
 
 
+def test_another_disk_in_the_place_of_one_that_hung_is_asked_at_once(node, admin, ntfs_disk):
+    node.inside("tee", _SYSTEM_FILE, input='supportntfswrite="yes"\n')
+    server = ntfs_disk.server()
+    os.kill(server, signal.SIGSTOP)
+    try:
+        clients = [node.client("admin") for _ in node.workers()]
+        asking = [threading.Thread(target=candidates, args=(client, 1)) for client in clients]
+        for each in asking:
+            each.start()
+        for each in asking:
+            each.join()
+        met = {line.partition("[")[2].partition("]")[0] for line in node.unexpected_lines()}
+        assert met == {str(pid) for pid in node.workers()}
+    finally:
+        os.kill(server, signal.SIGCONT)
+    ntfs_disk.swap()
+    ntfs_disk.mount()
+    for _ in range(20):
+        assert list(candidates(admin, 1)) == [ntfs_disk.share]
+
+
 @contextlib.contextmanager
 def hanging_disk(node):
     """An ext4 disk whose image lies on another; gives it and a function that makes every read from it hang."""
