@@ -1,36 +1,26 @@
 #include "korv/system/external_disk.h"
 
 #include <fcntl.h>
-#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
-#include <optional>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
 
 #include "platform/korv/external_disk.h"
 #include "platform/korv/share.h"
 
 #include "korv/system/bounded_call.h"
 #include "korv/system/child_process.h"
-#include "korv/system/external_disk_register.h"
-#include "korv/system/external_disk_state.h"
 #include "korv/system/external_share.h"
-#include "korv/system/key_value_file.h"
-#include "tests/unit/korv/pretended_disks.h"
-#include "tests/unit/korv/silent_file_system.h"
+#include "tests/unit/korv/external_disk_fixture.h"
 
 namespace {
 
@@ -38,81 +28,7 @@ namespace fs = std::filesystem;
 using korv::ExternalDiskKind;
 using korv::PartitionState;
 
-constexpr const char* kPlace = "/tmp/place";
-constexpr const char* kOtherPlace = "/tmp/other/place";
-constexpr const char* kVolume = "/tmp/volume1";
-constexpr const char* kHanging = "/tmp/hanging";
-constexpr const char* kConfiguration = "/tmp/korv.yaml";
-constexpr const char* kRegister = "/run/external-disks";
-constexpr uid_t kService = 65534;
-
-class ExternalDiskTest : public testing::Test {
-protected:
-    void SetUp() override {
-        while (umount2(korv::kDiskStateFile, MNT_DETACH) == 0) {
-        }
-        fs::remove(korv::kDiskStateFile);
-        fs::remove(kRegister);
-        fs::create_directory(kPlace);
-    }
-    void TearDown() override {
-        for (const char* place : {kPlace, kOtherPlace}) {
-            while (umount2(place, MNT_DETACH) == 0) {
-            }
-        }
-    }
-
-    // As if what is on the device were mounted: only the list of mounts is asked for that.
-    static void MountFrom(const char* device, const char* type = "tmpfs", const char* place = kPlace) {
-        ASSERT_EQ(mount(device, place, type, 0, "size=64k,mode=0755"), 0);
-    }
-
-    // Whatever touches the device waits for ever.
-    void Hang(const std::string& name) {
-        const fs::path file = disks.FileOf(name);
-        fs::remove(file);
-        fs::create_directory(kHanging);
-        m_hanging.emplace(kHanging, SilentFileSystem::Silence::kEverything);
-        fs::create_symlink(std::string(kHanging) + "/disk", file);
-    }
-
-    static std::vector<std::string> Names(ExternalDiskKind kind) {
-        std::vector<std::string> names;
-        for (const korv::ExternalDisk& disk : korv::ListExternalDisks()) {
-            if (disk.kind != kind) {
-                continue;
-            }
-            names.push_back(disk.name + "/" + std::to_string(disk.number));
-        }
-        return names;
-    }
-
-    static std::vector<korv::ExternalPartition> Partitions(ExternalDiskKind kind, const std::string& name) {
-        auto disk = korv::FindExternalDisk(name);
-        if (!disk || disk->kind != kind) {
-            return {};
-        }
-        korv::ReadPartitions(*disk);
-        return disk->partitions;
-    }
-
-    static std::string StateOf(const std::string& disk) {
-        std::size_t size = 0;
-        EXPECT_GE(KORVUSBDevEnum(KORV_EXT_DEVICE_USB, nullptr, 0, &size), 0);
-        const auto states = korv::ReadKeyValues(korv::kDiskStateFile);
-        const auto found = states ? states->find(disk) : korv::KeyValues::const_iterator();
-        return states && found != states->end() ? found->second : "none";
-    }
-
-    PretendedDisks disks;
-
-private:
-    std::optional<SilentFileSystem> m_hanging;
-};
-
 using Texts = std::vector<std::string>;
-
-const PretendedDisks::Texts kDeclaredUsb{{"KORV_EXTERNAL_DISK", "usb"}};
 
 // As a worker runs while it answers a request: it may become root, but isn't.
 class AsService {
@@ -121,41 +37,6 @@ public:
     ~AsService() { EXPECT_EQ(seteuid(0), 0); }
     AsService(const AsService&) = delete;
     AsService& operator=(const AsService&) = delete;
-};
-
-// A process whose command line reads like that of a program at work on a device.
-class Worker {
-public:
-    Worker(const char* program, const char* argument, uid_t user = 0, const char* file = "/bin/sh") {
-        EXPECT_EQ(pipe2(m_input.data(), O_CLOEXEC), 0);
-        m_child = fork();
-        if (m_child == 0) {
-            dup2(m_input[0], STDIN_FILENO);
-            if (setuid(user) != 0) {
-                _exit(1);
-            }
-            execl(file, program, "-c", "read line", argument, nullptr);
-            _exit(1);
-        }
-        const std::string arguments = "/proc/" + std::to_string(m_child) + "/cmdline";
-        std::string name;
-        while (name != program) {
-            std::getline(std::ifstream(arguments), name, '\0');
-        }
-    }
-    ~Worker() {
-        kill(m_child, SIGKILL);
-        int status = 0;
-        waitpid(m_child, &status, 0);
-        close(m_input[0]);
-        close(m_input[1]);
-    }
-    Worker(const Worker&) = delete;
-    Worker& operator=(const Worker&) = delete;
-
-private:
-    std::array<int, 2> m_input{};  // what the process waits for
-    pid_t m_child = -1;
 };
 
 }  // namespace
@@ -532,209 +413,4 @@ TEST_F(ExternalDiskTest, DescribesADiskAndItsPartitions) {
     ASSERT_EQ(KORVExtStgPartsVolInfoGet("sdb", &record, true), 0);
     EXPECT_EQ(record.partitionCount, 0);
     EXPECT_STREQ(record.description, "");
-}
-
-TEST_F(ExternalDiskTest, NotesWhatIsGoingOnWithEachDisk) {
-    const std::string disk = disks.AddUsbDisk("sdb");
-    disks.AddEsataDisk("sdc");
-    EXPECT_EQ(StateOf("sdb"), "init");
-    disks.Settle("sdb");
-    EXPECT_EQ(StateOf("sdb"), "done");
-    EXPECT_EQ(StateOf("sdc"), "init");
-    {
-        const Worker format("mkfs.ext4", "/dev/sdb");
-        EXPECT_EQ(StateOf("sdb"), "formatting");
-    }
-    {
-        const Worker check("e2fsck", "/dev/sdb12");
-        EXPECT_EQ(StateOf("sdb"), "fsck");
-    }
-    {
-        const Worker other("e2fsck", "/dev/sdba1");
-        const Worker reader("dd", "/dev/sdb1");
-        EXPECT_EQ(StateOf("sdb"), "done");
-    }
-    disks.Pull(disk);
-    EXPECT_EQ(StateOf("sdb"), "none");
-}
-
-TEST_F(ExternalDiskTest, OnlyRootsProgramsAreAtWorkOnADisk) {
-    disks.AddUsbDisk("sdb");
-    disks.Settle("sdb");
-    {
-        const Worker pretender("mkfs.ext4", "/dev/sdb", kService);
-        EXPECT_EQ(StateOf("sdb"), "done");
-        const Worker format("mkfs.ext4", "/dev/sdb");
-        EXPECT_EQ(StateOf("sdb"), "formatting");
-    }
-    // As one that gives its caller root's rights and waits for a password.
-    const std::string raising = "/tmp/raising";
-    fs::copy_file("/bin/sh", raising, fs::copy_options::overwrite_existing);
-    ASSERT_EQ(chmod(raising.c_str(), 04755), 0);
-    const Worker waiting("mkfs.ext4", "/dev/sdb", 0, raising.c_str());
-    EXPECT_EQ(StateOf("sdb"), "done");
-}
-
-TEST_F(ExternalDiskTest, TellsADisksPartitionsFromOtherDisks) {
-    for (const char* name : {"loop1", "sdb"}) {
-        disks.AddDisk(std::string("pci0/") + name, name, kDeclaredUsb);
-        disks.Settle(name);
-    }
-    const auto works = [](const char* argument, const char* disk) {
-        const Worker check("e2fsck", argument);
-        return StateOf(disk) == "fsck";
-    };
-    EXPECT_TRUE(works("/dev/loop1", "loop1"));
-    EXPECT_TRUE(works("/dev/loop1p2", "loop1"));
-    EXPECT_FALSE(works("/dev/loop12", "loop1"));
-    EXPECT_FALSE(works("/dev/loop1p", "loop1"));
-    EXPECT_TRUE(works("/dev/sdb12", "sdb"));
-    EXPECT_FALSE(works("/dev/sdbp1", "sdb"));
-}
-
-TEST_F(ExternalDiskTest, AFolderInThePlaceOfTheStatesKeepsNoDiskBack) {
-    disks.AddUsbDisk("sdb");
-    disks.Settle("sdb");
-    fs::create_directory(korv::kDiskStateFile);
-    ASSERT_EQ(chown(korv::kDiskStateFile, kService, kService), 0);
-    EXPECT_EQ(StateOf("sdb"), "done");
-    EXPECT_TRUE(fs::is_regular_file(korv::kDiskStateFile));
-}
-
-// What can't be moved aside: something is mounted there.
-TEST_F(ExternalDiskTest, StatesThatCannotBeNotedAreLoggedOnceAndTheDisksAreStillEnumerated) {
-    const std::string path = disks.AddUsbDisk("sdb");
-    disks.Settle("sdb");
-    fs::create_directory(korv::kDiskStateFile);
-    ASSERT_EQ(mount("tmpfs", korv::kDiskStateFile, "tmpfs", 0, "size=64k"), 0);
-    testing::internal::CaptureStderr();
-    std::size_t size = 0;
-    EXPECT_EQ(KORVUSBDevEnum(KORV_EXT_DEVICE_USB, nullptr, 0, &size), 1);
-    EXPECT_EQ(KORVUSBDevEnum(KORV_EXT_DEVICE_USB, nullptr, 0, &size), 1);
-    EXPECT_EQ(KORVUSBDevEnum(KORV_EXT_DEVICE_ESATA, nullptr, 0, &size), 0);
-    const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
-    EXPECT_NE(log.find("the states of external disks can't be noted: "), std::string::npos) << log;
-    ASSERT_EQ(umount(korv::kDiskStateFile), 0);
-    EXPECT_EQ(StateOf("sdb"), "done");
-}
-
-// The states can't be written while a disk that failed is swapped.
-TEST_F(ExternalDiskTest, AFailureThatCannotBeForgottenIsForgottenLater) {
-    const std::string failed = disks.AddUsbDisk("sdb");
-    disks.Settle("sdb");
-    EXPECT_EQ(StateOf("sdb"), "done");
-    korv::WriteKeyValues(korv::kDiskStateFile, {{"sdb", "fail"}});
-    disks.Pull(failed);
-    disks.AddUsbDisk("sdb");
-    disks.Settle("sdb");
-    ASSERT_EQ(mount(korv::kDiskStateFile, korv::kDiskStateFile, nullptr, MS_BIND, nullptr), 0);
-    EXPECT_EQ(StateOf("sdb"), "fail");
-    EXPECT_EQ(korv::FindExternalDisk("sdb")->number, 2);
-    ASSERT_EQ(umount(korv::kDiskStateFile), 0);
-    EXPECT_EQ(StateOf("sdb"), "done");
-}
-
-TEST_F(ExternalDiskTest, AFailureThatAnotherProgramNotedStaysUntilTheDiskGoes) {
-    const std::string disk = disks.AddUsbDisk("sdb");
-    disks.Settle("sdb");
-    EXPECT_EQ(StateOf("sdb"), "done");
-    korv::WriteKeyValues(korv::kDiskStateFile, {{"sdb", "fail"}, {"sdz", "done"}});
-    EXPECT_EQ(StateOf("sdb"), "fail");
-    EXPECT_EQ(StateOf("sdz"), "none");
-    disks.Pull(disk);
-    EXPECT_EQ(StateOf("sdb"), "none");
-}
-
-TEST_F(ExternalDiskTest, AFailureIsNotTakenForTheNextDisksOfTheSameName) {
-    const std::string failed = disks.AddUsbDisk("sdb");
-    disks.AddUsbDisk("sdc");
-    disks.Settle("sdb");
-    disks.Settle("sdc");
-    EXPECT_EQ(StateOf("sdb"), "done");
-    korv::WriteKeyValues(korv::kDiskStateFile, {{"sdb", "fail"}, {"sdc", "fail"}});
-    // Swapped before anybody looks.
-    disks.Pull(failed);
-    disks.AddUsbDisk("sdb");
-    disks.Settle("sdb");
-    EXPECT_EQ(StateOf("sdb"), "done");
-    EXPECT_EQ(StateOf("sdc"), "fail");
-    // The new one may fail as well.
-    korv::WriteKeyValues(korv::kDiskStateFile, {{"sdb", "fail"}, {"sdc", "fail"}});
-    EXPECT_EQ(StateOf("sdb"), "fail");
-}
-
-TEST_F(ExternalDiskTest, ALookForAShareDoesNotCarryAFailureOn) {
-    const std::string failed = disks.AddUsbDisk("sdb");
-    disks.Settle("sdb");
-    EXPECT_EQ(StateOf("sdb"), "done");
-    korv::WriteKeyValues(korv::kDiskStateFile, {{"sdb", "fail"}});
-    disks.Pull(failed);
-    EXPECT_FALSE(korv::ExternalSharePath("usbshare2"));
-    disks.AddUsbDisk("sdb");
-    disks.Settle("sdb");
-    EXPECT_EQ(StateOf("sdb"), "done");
-}
-
-TEST_F(ExternalDiskTest, AFailureThatWasNotedBeforeTheFirstLookCounts) {
-    disks.AddUsbDisk("sdb");
-    disks.Settle("sdb");
-    korv::WriteKeyValues(korv::kDiskStateFile, {{"sdb", "fail"}});
-    EXPECT_EQ(StateOf("sdb"), "fail");
-}
-
-TEST_F(ExternalDiskTest, WritesTheFileOnlyWhenSomethingChanged) {
-    EXPECT_EQ(StateOf("sdb"), "none");
-    EXPECT_FALSE(fs::exists(korv::kDiskStateFile));
-    disks.AddUsbDisk("sdb");
-    StateOf("sdb");
-    const auto before = fs::last_write_time(korv::kDiskStateFile);
-    StateOf("sdb");
-    EXPECT_EQ(fs::last_write_time(korv::kDiskStateFile), before);
-}
-
-namespace {
-
-constexpr const char* kPreload = "libumockdev-preload.so.0";
-
-// Starts this program anew with the library that pretends, unless it is loaded. The sanitizer's own library
-// is content with the second place.
-bool StartWithLibrary(char** argv) {
-    const char* loaded = std::getenv("LD_PRELOAD");
-    if (loaded != nullptr && std::strstr(loaded, kPreload) != nullptr) {
-        return true;
-    }
-    setenv("LD_PRELOAD", kPreload, 1);
-    setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
-    execv("/proc/self/exe", argv);
-    return false;
-}
-
-// Folders of this process's own for what the library, the device manager and the register note about disks.
-bool MakeFolders() {
-    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") == 0 &&
-           mount("tmpfs", "/run", "tmpfs", 0, "mode=0755") == 0;
-}
-
-void WriteConfiguration() {
-    std::ofstream(kConfiguration) << "state_dir: /tmp/state\nrun_dir: /run\nlog_dir: /tmp/log\nvolumes: ["
-                                  << kVolume << "]\n";
-    setenv("KORV_CONFIG", kConfiguration, 1);
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-    const bool isLoaded = StartWithLibrary(argv);
-    testing::InitGoogleTest(&argc, argv);
-    if (testing::GTEST_FLAG(list_tests)) {
-        return RUN_ALL_TESTS();
-    }
-    if (!isLoaded || !MakeFolders()) {
-        std::cerr << "these tests need root and umockdev\n";
-        return 1;
-    }
-    WriteConfiguration();
-    return RUN_ALL_TESTS();
 }
