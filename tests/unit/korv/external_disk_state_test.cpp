@@ -18,7 +18,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using korv::ExternalDiskKind;
 
 // A process whose command line reads like that of a program at work on a device.
 class Worker {
