@@ -8,4 +8,5 @@ add_executable(korv_external_disk_test
     silent_file_system.cpp
 )
 target_link_libraries(korv_external_disk_test PRIVATE korv PkgConfig::UMOCKDEV GTest::gtest)
-gtest_discover_tests(korv_external_disk_test DISCOVERY_MODE PRE_TEST)
+# What one pretends to format is looked for among the processes of all.
+gtest_discover_tests(korv_external_disk_test DISCOVERY_MODE PRE_TEST PROPERTIES RESOURCE_LOCK processes)
