@@ -69,7 +69,7 @@ std::set<std::string> OwnDevices() {
     return devices;
 }
 
-// A machine may run from an USB disk, which is not to be filled with recordings then.
+// A machine may run from a USB disk, which is not to be filled with recordings then.
 bool IsMachinesOwn(udev_device& disk) {
     const std::set<std::string> own = OwnDevices();
     const auto isOwn = [&own](udev_device& device) {

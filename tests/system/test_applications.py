@@ -11,7 +11,6 @@ from life import delete, edit, find, make
 from node import SHARE_API
 
 _API = "KORV.Pavane.Application"
-_PRIVILEGE = {"user": "viewer", "app": "KORV.KRX.Pavane"}
 _REFUSED = {"success": False, "error": {"code": 105}}
 _CHANGES = [("set", {"applicationId": 3, "enabled": False}),
             ("add_storage", {"applicationId": 3, "shareId": -1, "name": "loose"}),
@@ -30,14 +29,6 @@ def cleaned(node, admin):
         assert answer == {"success": True}
     share = find(admin, "rec")
     assert share is None or delete(admin, share)["success"]
-
-
-@pytest.fixture(name="viewer")
-def fixture_viewer(node, admin):
-    """An account that may use the application and is no administrator."""
-    assert admin.call("KORV.Core.AppPriv", "grant", **_PRIVILEGE)["success"]
-    yield node.client("viewer")
-    assert admin.call("KORV.Core.AppPriv", "revoke", **_PRIVILEGE)["success"]
 
 
 def storage(client):

@@ -13,7 +13,6 @@ from candidates import CommandLine, candidates
 from external_disk import STATE_FILE, attached, device_manager
 from node import SHARE_API, wait_until
 
-_APP_PRIVILEGE = {"user": "viewer", "app": "KORV.KRX.Pavane"}
 _SYSTEM_FILE = "/etc/korvinfo.conf"
 _UNUSABLE = "Unable to get share name of external device"
 
@@ -22,13 +21,6 @@ _UNUSABLE = "Unable to get share name of external device"
 def fixture_device_manager(shared_node):
     with device_manager(shared_node):
         yield
-
-
-@pytest.fixture(name="viewer")
-def fixture_viewer(node, admin):
-    assert admin.call("KORV.Core.AppPriv", "grant", **_APP_PRIVILEGE)["success"]
-    yield node.client("viewer")
-    assert admin.call("KORV.Core.AppPriv", "revoke", **_APP_PRIVILEGE)["success"]
 
 
 @pytest.fixture(name="disk")

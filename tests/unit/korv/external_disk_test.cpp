@@ -54,7 +54,7 @@ TEST_F(ExternalDiskTest, TellsExternalDisksFromTheMachinesOwn) {
     EXPECT_EQ(Names(ExternalDiskKind::kEsata), (Texts{"loop1/2", "sdd/4"}));
 }
 
-TEST_F(ExternalDiskTest, ADiskBehindAnUsbDeviceIsOneWhateverItsBusIsCalled) {
+TEST_F(ExternalDiskTest, ADiskBehindAUsbDeviceIsOneWhateverItsBusIsCalled) {
     disks.AddUsbDevice("pci0/usb1/1-1");
     disks.AddDisk("pci0/usb1/1-1/host6", "sdb", {{"ID_BUS", "ata"}});
     disks.AddDisk("pci0/usb1/1-1/host7", "sdc", {{"ID_BUS", "ata"}}, {{"removable", "1"}});

@@ -18,9 +18,9 @@ public:
     // plain disk has. Returns its own path.
     std::string AddDisk(const std::string& parent, const std::string& name, const Texts& properties,
                         const Texts& attributes = {});
-    // Attaches an USB device, below which disks can be; `path` as that of a disk's parent.
+    // Attaches a USB device, below which disks can be; `path` as that of a disk's parent.
     void AddUsbDevice(const std::string& path);
-    // Attaches an USB stick or a disk at a port that disks are pulled from.
+    // Attaches a USB stick or a disk at a port that disks are pulled from.
     std::string AddUsbDisk(const std::string& name);
     std::string AddEsataDisk(const std::string& name);
     // Adds the partition of that number to the disk at `disk`.

@@ -25,15 +25,22 @@ namespace {
 
 using korv::MountFailure;
 
-class RemoteMountRecovery : public RemoteMounts {};
-
-TEST_F(RemoteMountRecovery, AreUndoneWhenTheirMakerDied) {
-    korv::CloseDatabase();
-    machine::InChild([] {
+class RemoteMountRecovery : public RemoteMounts {
+protected:
+    // As it stands in the table while a mount is made.
+    static korv::MountRow UnfinishedRow() {
         korv::MountRow row;
         row.mountPoint = Point();
         row.share = "video";
         row.token = "0123";
+        return row;
+    }
+};
+
+TEST_F(RemoteMountRecovery, AreUndoneWhenTheirMakerDied) {
+    korv::CloseDatabase();
+    machine::InChild([] {
+        korv::MountRow row = UnfinishedRow();
         row.source = "//127.0.0.1/data";
         row.options = "port=" + std::to_string(SambaServer::kPort);
         row.maker = korv::ThisProcess();
@@ -67,10 +74,7 @@ std::string LeaveAnAttemptOf(const std::string& token) {
 }
 
 TEST_F(RemoteMountRecovery, LeaveNothingOutOfSightWhenTheirMakerWasKilled) {
-    korv::MountRow row;
-    row.mountPoint = Point();
-    row.share = "video";
-    row.token = "0123";
+    korv::MountRow row = UnfinishedRow();
     ASSERT_TRUE(korv::AddMountRow(row));
     const std::string attempt = LeaveAnAttemptOf(row.token);
     EXPECT_TRUE(korv::RecoverMounts().empty());
@@ -98,10 +102,7 @@ TEST_F(RemoteMountRecovery, LeaveNothingOutOfSightWhenAnAttemptToMountThemAgainW
 }
 
 TEST_F(RemoteMountRecovery, AreNotDisturbedWhileSomebodyMakesThem) {
-    korv::MountRow row;
-    row.mountPoint = Point();
-    row.share = "video";
-    row.token = "0123";
+    korv::MountRow row = UnfinishedRow();
     row.maker = korv::ThisProcess();
     ASSERT_TRUE(korv::AddMountRow(row));
     const std::string attempt = LeaveAnAttemptOf(row.token);
@@ -137,10 +138,7 @@ bool IsOpenElsewhere(const std::string& path) {
 }
 
 TEST_F(RemoteMountRecovery, AreNotUndoneWhenSomebodyElseHasFinishedThem) {
-    korv::MountRow row;
-    row.mountPoint = Point();
-    row.share = "video";
-    row.token = "0123";
+    korv::MountRow row = UnfinishedRow();
     ASSERT_TRUE(korv::AddMountRow(row));
     korv::CloseDatabase();
     fs::create_directories(fs::path(LockOf(Point())).parent_path());
